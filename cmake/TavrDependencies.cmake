@@ -1,0 +1,11 @@
+# Libraries from outside, each as an imported target.
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
+pkg_check_modules(SODIUM REQUIRED IMPORTED_TARGET libsodium)
+pkg_check_modules(SQLITE REQUIRED IMPORTED_TARGET sqlite3)
+pkg_check_modules(OATH REQUIRED IMPORTED_TARGET liboath)
+pkg_check_modules(CRYPT REQUIRED IMPORTED_TARGET libcrypt)
+
+add_library(fcgi INTERFACE)          # libfcgi comes without a pkg-config file
+find_library(FCGI_LIBRARY fcgi REQUIRED)
+target_link_libraries(fcgi INTERFACE ${FCGI_LIBRARY})

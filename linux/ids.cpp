@@ -1,0 +1,83 @@
+#include "linux/ids.h"
+
+#include "linux/paths.h"
+
+#include <pwd.h>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace tavr
+{
+
+namespace
+{
+
+constexpr uid_t kNoUid = static_cast<uid_t>(-1);
+constexpr gid_t kNoGid = static_cast<gid_t>(-1);
+
+// Up user before group, down group before user: only root may change the group.
+bool Switch(uid_t uid, gid_t gid)
+{
+    if (geteuid() == uid && getegid() == gid) {
+        return true;
+    }
+    if (geteuid() != 0 && setresuid(kNoUid, 0, kNoUid) != 0) {
+        return false;
+    }
+    return setresgid(kNoGid, gid, kNoGid) == 0 && setresuid(kNoUid, uid, kNoUid) == 0;
+}
+
+struct Ids {
+    uid_t uid = kNoUid;
+    gid_t gid = kNoGid;
+};
+
+Ids ServiceIds()
+{
+    if (getuid() != 0) {
+        return {getuid(), getgid()};
+    }
+    passwd entry{};
+    passwd* found = nullptr;
+    char texts[4096];
+    if (getpwnam_r(kServiceUser, &entry, texts, sizeof texts, &found) == 0 && found != nullptr) {
+        return {entry.pw_uid, entry.pw_gid};
+    }
+    return {};
+}
+
+}  // namespace
+
+EffectiveIds EffectiveIds::Root()
+{
+    return EffectiveIds(0, 0);
+}
+
+EffectiveIds EffectiveIds::Service()
+{
+    const Ids ids = ServiceIds();
+    return EffectiveIds(ids.uid, ids.gid);
+}
+
+EffectiveIds::EffectiveIds(uid_t uid, gid_t gid) : savedUid_(geteuid()), savedGid_(getegid())
+{
+    changed_ = uid != kNoUid && gid != kNoGid && Switch(uid, gid);
+    if (!changed_) {
+        syslog(LOG_AUTH | LOG_ERR, "cannot switch to ids %d, %d: %m", static_cast<int>(uid),
+               static_cast<int>(gid));
+        if (!Switch(savedUid_, savedGid_)) {
+            _exit(70);
+        }
+    }
+}
+
+EffectiveIds::~EffectiveIds()
+{
+    if (!Switch(savedUid_, savedGid_)) {
+        syslog(LOG_AUTH | LOG_CRIT, "cannot give back ids %d, %d: %m", static_cast<int>(savedUid_),
+               static_cast<int>(savedGid_));
+        _exit(70);
+    }
+}
+
+}  // namespace tavr

@@ -1,0 +1,58 @@
+// What the platform knows of the request that this process serves. A worker serves one at a time, a console
+// command is one; so there is exactly one, and the calls of platform/ that carry no context find it here.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace tavr
+{
+
+// Why something could not be looked up or stored. Never to be read as "wrong" or as "not enrolled".
+enum class Fault {
+    None,
+    KeyMissing,         // no machine key, while the vault holds sealed rows
+    KeyWrong,           // a machine key that did not seal these rows
+    VaultDamaged,       // a row that does not open, or a table that is not as it should be
+    StateUnavailable,   // the database cannot be read or written (locked, read-only, disk full)
+    SecretFile,         // the account's secret file is not what the vault says
+    AccountsUnavailable,   // the account store cannot be read
+};
+
+const char* FaultText(Fault fault);   // for logs and the console: a few words, no final stop
+
+struct Request {
+    // From the web server. Addresses never come from a header that a client can send.
+    std::string sidCookie;
+    std::string pendingCookie;
+    std::string clientAddress;
+    bool secure = false;   // came over TLS
+
+    // What the web program says of the account before any login (session.h).
+    struct Facts {
+        uint32_t account = 0;
+        bool enrolled = false;
+        bool demanded = false;   // by the administrator's policy
+    };
+    std::optional<Facts> facts;
+
+    // What this request has proved. Written by the platform alone.
+    std::optional<uint32_t> passwordOf;   // account whose password was right
+    std::optional<uint32_t> codeOf;       // account whose code was accepted
+
+    // The account whose references the cipher answers for (cipher.h).
+    std::optional<uint32_t> cipherAccount;
+
+    // The first fault met; see NoteFault.
+    Fault fault = Fault::None;
+
+    // The session that this request opened; empty when none.
+    std::string newSid;
+};
+
+Request& CurrentRequest();
+void StartRequest();            // forgets everything of the one before, overwriting what is secret
+void NoteFault(Fault fault);    // kept in the current request unless one stands there already
+
+}  // namespace tavr

@@ -1,0 +1,48 @@
+// Sessions and half sign-ins of the web programs, kept in the sign-in database: the identifier (128 random
+// bits) goes to the browser, its hash stays here.
+#pragma once
+
+#include "linux/accounts.h"
+#include "linux/request.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tavr
+{
+
+enum class SessionState {
+    Live,
+    CodeRequired,        // password accepted, second step missing
+    EnrolmentRequired,   // password accepted, policy demands an enrolment that is missing
+};
+
+struct Session {
+    std::string id;         // hash of the identifier, as stored
+    SessionState state = SessionState::Live;
+    Account account;
+    std::string token;      // the request token, derived from the identifier
+    int64_t expiresIn = 0;  // seconds, the nearer of idle and absolute end
+    int64_t confirmedBoot = 0;   // BootSeconds of an enrolment confirmed in this session; 0: none
+};
+
+// The rule, and the only place that opens sessions. Called by the platform's login after the password and by
+// the second step from a half sign-in. Opens a live session for `account` only if
+//   - the request's facts are about this account and it needs no second step (not enrolled, not demanded), or
+//   - this very request has had the account's code accepted and the account settles as enrolled.
+enum class Grant { Opened, SecondStepMissing, Fault };
+Grant OpenSession(const Account& account);   // on Opened: CurrentRequest().newSid
+
+// A half sign-in after an accepted password. Gives the identifier; throws DatabaseError.
+std::string OpenPending(const Account& account, SessionState state);
+
+// The session that an identifier stands for, its idle time renewed; empty when there is none, it has ended, or
+// its account is gone. Throws DatabaseError.
+std::optional<Session> FindSession(std::string_view identifier);
+
+void EndSession(const Session& session);          // throws DatabaseError
+void EndSessionsOf(uint32_t account);             // live and half ones; throws DatabaseError
+std::string TokenOf(std::string_view identifier);
+
+}  // namespace tavr

@@ -1,0 +1,67 @@
+#include "linux/database.h"
+#include "linux/paths.h"
+
+namespace tavr
+{
+
+namespace
+{
+
+// Times are BootSeconds with the boot they belong to, but for those that people read.
+constexpr const char* kMigrations[] = {
+    // The vault: a secret's and its codes' sealed rows, by their references.
+    R"(
+CREATE TABLE vault_key (
+    id INTEGER PRIMARY KEY CHECK (id = 1),
+    fingerprint BLOB NOT NULL              -- of the machine key that sealed the rows
+) STRICT;
+CREATE TABLE secret (
+    reference TEXT PRIMARY KEY,
+    account INTEGER NOT NULL,
+    sealed BLOB NOT NULL,
+    state TEXT NOT NULL CHECK (state IN ('waiting', 'confirmed', 'active')),   -- a retired one has no row
+    last_step INTEGER NOT NULL DEFAULT 0,  -- no code of this time step or an earlier one is accepted
+    session BLOB,                          -- whose page asked for it, while it waits
+    made_boot TEXT NOT NULL,
+    made INTEGER NOT NULL
+) STRICT, WITHOUT ROWID;
+CREATE UNIQUE INDEX secret_of_account ON secret (account, state);
+CREATE TABLE code (
+    reference TEXT PRIMARY KEY,
+    secret TEXT NOT NULL REFERENCES secret (reference) ON DELETE CASCADE,
+    position INTEGER NOT NULL,             -- line order in the secret file
+    sealed BLOB NOT NULL,
+    spent INTEGER NOT NULL DEFAULT 0 CHECK (spent IN (0, 1))
+) STRICT, WITHOUT ROWID;
+CREATE INDEX code_of_secret ON code (secret, position);
+CREATE TABLE account_mark (
+    account INTEGER PRIMARY KEY,
+    switching_off INTEGER NOT NULL DEFAULT 0 CHECK (switching_off IN (0, 1)),
+    last_step INTEGER NOT NULL DEFAULT 0   -- outlives the secret: a step used once stays used
+) STRICT;
+)",
+    // Sessions and half sign-ins.
+    R"(
+CREATE TABLE session (
+    id BLOB PRIMARY KEY,                   -- hash of the identifier
+    account INTEGER NOT NULL,
+    state TEXT NOT NULL CHECK (state IN ('live', 'code_required', 'enrolment_required')),
+    boot TEXT NOT NULL,
+    opened INTEGER NOT NULL,
+    seen INTEGER NOT NULL,
+    confirmed INTEGER NOT NULL DEFAULT 0   -- when an enrolment was confirmed in it
+) STRICT, WITHOUT ROWID;
+CREATE INDEX session_of_account ON session (account);
+CREATE INDEX session_by_age ON session (boot, seen);
+)",
+};
+
+}  // namespace
+
+Database& SigninDatabase()
+{
+    static Database database(kSigninDatabase, kMigrations);
+    return database;
+}
+
+}  // namespace tavr
