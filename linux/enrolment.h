@@ -12,7 +12,8 @@ namespace tavr
 {
 
 // One writer for an account's secret at a time, over all processes (a lock on one byte of kAccountLockFile).
-// Waits for it. Nests within a process. Held by a confirmation from before the handler until settled.
+// Waits for it. Nests within a process. Held by a confirmation from before the handler until settled. The secret
+// tool takes it too, in its own process: never hold it around a call that may start the tool (GetQRcodePage).
 class AccountLock
 {
 public:
@@ -39,16 +40,34 @@ struct EnrolmentState {
 // the process has at the moment. A fault is noted in the request as well.
 EnrolmentState Settle(const Account& account);
 
-// The secret that waits to be confirmed, made by the tool for a session's own page.
+// The secret that a confirmation may be tried against: the waiting one that the tool made for a session's own
+// page, else one that was confirmed and did not come to its place. Only of this start of the machine and no
+// older than kWaitingSeconds.
+inline constexpr int64_t kWaitingSeconds = 30 * 60;
 struct WaitingSecret {
     std::string reference;
     std::string session;   // identifier hash of the session that asked for it; empty before it was claimed
     int64_t madeBoot = 0;  // BootSeconds
 };
-std::optional<WaitingSecret> FindWaiting(uint32_t account);       // throws DatabaseError
-bool ClaimWaiting(uint32_t account, std::string_view session);   // throws DatabaseError; false: none waits
+std::optional<WaitingSecret> FindWaiting(uint32_t account);   // throws DatabaseError
 
-// Forgets the account's waiting secret: row and, in the web program, the file in /tmp. Throws DatabaseError.
+// Makes the waiting secret `session`'s own; false: none waits. With `keyBase32`, the key that was shown, false
+// also if the waiting secret is another one by now. Throws DatabaseError, VaultError.
+bool ClaimWaiting(uint32_t account, std::string_view session, std::string_view keyBase32 = {});
+
+// Forgets the account's waiting secret. DropWaiting is the web program's: it removes the file in its own /tmp as
+// well. Others retire the row; a file without a row is dead. Both throw DatabaseError.
 void DropWaiting(uint32_t account);
+void RetireWaiting(uint32_t account);
+
+// The web program's housekeeping. At its start every waiting secret goes, later those that waited too long.
+// Accounts are settled first; one that cannot be settled is left alone. A confirmed secret is never removed.
+// Throws DatabaseError.
+enum class Clear { All, TooOld };
+void ClearWaiting(Clear which);
+
+// Switching off and reset: marks the account; the next Settle removes file and secrets, whoever asks it and
+// however often this was cut short. Throws DatabaseError.
+void MarkSwitchingOff(uint32_t account);
 
 }  // namespace tavr

@@ -23,6 +23,8 @@ enum class Fault {
 const char* FaultText(Fault fault);   // for logs and the console: a few words, no final stop
 
 struct Request {
+    uint64_t number = 0;   // counts the requests of this process
+
     // From the web server. Addresses never come from a header that a client can send.
     std::string sidCookie;
     std::string pendingCookie;

@@ -1,0 +1,66 @@
+#include "linux/request.h"
+
+#include <sodium.h>
+
+namespace tavr
+{
+
+namespace
+{
+
+void Wipe(std::string& text)
+{
+    text.resize(text.capacity());
+    sodium_memzero(text.data(), text.size());
+    text.clear();
+}
+
+} // namespace
+
+const char* FaultText(Fault fault)
+{
+    switch (fault) {
+    case Fault::None:
+        return "no fault";
+    case Fault::KeyMissing:
+        return "machine key missing";
+    case Fault::KeyWrong:
+        return "machine key is not the one that sealed the vault";
+    case Fault::VaultDamaged:
+        return "vault damaged";
+    case Fault::StateUnavailable:
+        return "sign-in state cannot be read or written";
+    case Fault::SecretFile:
+        return "secret file is not what the vault says";
+    case Fault::AccountsUnavailable:
+        return "account store cannot be read";
+    }
+    return "unknown fault";
+}
+
+Request& CurrentRequest()
+{
+    static Request request;
+    return request;
+}
+
+void StartRequest()
+{
+    Request& request = CurrentRequest();
+    Wipe(request.sidCookie);
+    Wipe(request.pendingCookie);
+    Wipe(request.newSid);
+    const uint64_t number = request.number + 1;
+    request = Request();
+    request.number = number;
+}
+
+void NoteFault(Fault fault)
+{
+    Request& request = CurrentRequest();
+    if (request.fault == Fault::None) {
+        request.fault = fault;
+    }
+}
+
+} // namespace tavr
