@@ -40,6 +40,7 @@ struct Request {
     std::optional<Facts> facts;
 
     // What this request has proved. Written by the platform alone.
+    bool passwordCompared = false;        // a password was found right or wrong
     std::optional<uint32_t> passwordOf;   // account whose password was right
     std::optional<uint32_t> codeOf;       // account whose code was accepted
 

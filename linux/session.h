@@ -14,35 +14,45 @@ namespace tavr
 
 enum class SessionState {
     Live,
-    CodeRequired,        // password accepted, second step missing
-    EnrolmentRequired,   // password accepted, policy demands an enrolment that is missing
+    CodeRequired,      // password accepted, second step missing
+    EnrolmentRequired, // password accepted, policy demands an enrolment that is missing
 };
 
 struct Session {
-    std::string id;         // hash of the identifier, as stored
+    std::string id; // hash of the identifier, as stored
     SessionState state = SessionState::Live;
     Account account;
-    std::string token;      // the request token, derived from the identifier
-    int64_t expiresIn = 0;  // seconds, the nearer of idle and absolute end
-    int64_t confirmedBoot = 0;   // BootSeconds of an enrolment confirmed in this session; 0: none
+    std::string token;         // the request token, derived from the identifier
+    int64_t expiresIn = 0;     // seconds, the nearer of idle and absolute end
+    bool secondStep = false;   // opened on an accepted code
+    int64_t confirmedBoot = 0; // BootSeconds of the enrolment that this session was opened on; 0: none
 };
 
 // The rule, and the only place that opens sessions. Called by the platform's login after the password and by
 // the second step from a half sign-in. Opens a live session for `account` only if
 //   - the request's facts are about this account and it needs no second step (not enrolled, not demanded), or
 //   - this very request has had the account's code accepted and the account settles as enrolled.
+bool SecondStepMissing(const Account& account); // by that rule, as far as this request knows
 enum class Grant { Opened, SecondStepMissing, Fault };
-Grant OpenSession(const Account& account);   // on Opened: CurrentRequest().newSid
+Grant OpenSession(const Account& account); // on Opened: CurrentRequest().newSid
 
-// A half sign-in after an accepted password. Gives the identifier; throws DatabaseError.
+// A half sign-in after an accepted password. Gives the identifier; throws DatabaseError. Lives 5 minutes, 30
+// where an enrolment is demanded.
 std::string OpenPending(const Account& account, SessionState state);
 
-// The session that an identifier stands for, its idle time renewed; empty when there is none, it has ended, or
-// its account is gone. Throws DatabaseError.
+// The session that an identifier stands for, its idle time renewed; empty when there is none, it has ended,
+// or its account is gone. Throws DatabaseError. The renewal is written once in a tenth of the idle time (a
+// minute at most), so a session may end that much early and never late.
 std::optional<Session> FindSession(std::string_view identifier);
 
-void EndSession(const Session& session);          // throws DatabaseError
-void EndSessionsOf(uint32_t account);             // live and half ones; throws DatabaseError
+void EndSession(const Session& session); // throws DatabaseError
+void EndSessionsOf(uint32_t account);    // live and half ones; throws DatabaseError
+void EndOtherSessionsOf(uint32_t account, std::string_view keptIdentifier); // throws DatabaseError
+
+// The request token that belongs to an identifier: derived from it, so that it need not be kept.
 std::string TokenOf(std::string_view identifier);
 
-}  // namespace tavr
+// Bytes of an identifier, all of them lower-case hexadecimal digits.
+inline constexpr size_t kIdentifierSize = 32;
+
+} // namespace tavr

@@ -48,8 +48,9 @@ CREATE TABLE session (
     state TEXT NOT NULL CHECK (state IN ('live', 'code_required', 'enrolment_required')),
     boot TEXT NOT NULL,
     opened INTEGER NOT NULL,
-    seen INTEGER NOT NULL,
-    confirmed INTEGER NOT NULL DEFAULT 0   -- when an enrolment was confirmed in it
+    seen INTEGER NOT NULL,                 -- last renewal of the idle time
+    second_step INTEGER NOT NULL CHECK (second_step IN (0, 1)),   -- opened on an accepted code
+    confirmed INTEGER NOT NULL             -- when the enrolment was confirmed that it was opened on; 0: none
 ) STRICT, WITHOUT ROWID;
 CREATE INDEX session_of_account ON session (account);
 CREATE INDEX session_by_age ON session (boot, seen);

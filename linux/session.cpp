@@ -1,0 +1,271 @@
+#include "linux/session.h"
+
+#include "linux/clock.h"
+#include "linux/database.h"
+#include "linux/enrolment.h"
+#include "linux/settings.h"
+#include "linux/verifier.h"
+
+#include <sodium.h>
+#include <syslog.h>
+
+#include <algorithm>
+
+namespace tavr
+{
+
+namespace
+{
+
+constexpr int64_t kIdleSeconds = 15 * 60;
+constexpr int64_t kLifetimeSeconds = 12 * 60 * 60;
+constexpr int64_t kCodeRequiredSeconds = 5 * 60;
+constexpr int64_t kEnrolmentRequiredSeconds = 30 * 60;
+constexpr int64_t kLongestRenewal = 60;
+constexpr int64_t kClearedAtOnce =
+    100; // rows; a sign-in that finds a million old ones must not wait for them
+
+int64_t IdleSeconds()
+{
+    return NumberSetting("session_idle", kIdleSeconds, 60, 24 * 60 * 60);
+}
+
+int64_t LifetimeSeconds()
+{
+    return NumberSetting("session_lifetime", kLifetimeSeconds, 60, 30 * 24 * 60 * 60);
+}
+
+// BLAKE2b under a key that names the use, so that what is stored tells nothing about the token and the other
+// way round.
+std::string Derive(std::string_view use, std::string_view identifier, size_t size)
+{
+    std::string hash(size, '\0');
+    crypto_generichash(reinterpret_cast<unsigned char*>(hash.data()), hash.size(),
+                       reinterpret_cast<const unsigned char*>(identifier.data()), identifier.size(),
+                       reinterpret_cast<const unsigned char*>(use.data()), use.size());
+    return hash;
+}
+
+std::string Hex(std::string_view bytes)
+{
+    std::string text(bytes.size() * 2 + 1, '\0');
+    sodium_bin2hex(text.data(), text.size(), reinterpret_cast<const unsigned char*>(bytes.data()),
+                   bytes.size());
+    text.pop_back();
+    return text;
+}
+
+std::string HashOf(std::string_view identifier)
+{
+    return Derive("tavr session row", identifier, crypto_generichash_BYTES);
+}
+
+std::string NewIdentifier()
+{
+    std::string bytes(kIdentifierSize / 2, '\0');
+    randombytes_buf(bytes.data(), bytes.size());
+    std::string identifier = Hex(bytes);
+    sodium_memzero(bytes.data(), bytes.size());
+    return identifier;
+}
+
+const char* TextOf(SessionState state)
+{
+    switch (state) {
+    case SessionState::Live:
+        return "live";
+    case SessionState::CodeRequired:
+        return "code_required";
+    case SessionState::EnrolmentRequired:
+        return "enrolment_required";
+    }
+    return "";
+}
+
+SessionState StateOf(std::string_view text)
+{
+    if (text == "live") {
+        return SessionState::Live;
+    }
+    return text == "code_required" ? SessionState::CodeRequired : SessionState::EnrolmentRequired;
+}
+
+struct Row {
+    uint32_t account = 0;
+    SessionState state = SessionState::Live;
+    int64_t opened = 0;
+    int64_t seen = 0;
+    bool secondStep = false;
+    int64_t confirmed = 0;
+};
+
+// Rows of an earlier start of the machine are not found: their times mean nothing now.
+std::optional<Row> ReadRow(std::string_view id)
+{
+    Statement find = SigninDatabase().Prepare("SELECT account, state, opened, seen, second_step, confirmed"
+                                              " FROM session WHERE id = ?1 AND boot = ?2");
+    find.BindBlob(1, id).Bind(2, BootId());
+    if (!find.Step()) {
+        return std::nullopt;
+    }
+    Row row;
+    row.account = static_cast<uint32_t>(find.Int(0));
+    row.state = StateOf(find.Text(1));
+    row.opened = find.Int(2);
+    row.seen = find.Int(3);
+    row.secondStep = find.Int(4) != 0;
+    row.confirmed = find.Int(5);
+    return row;
+}
+
+// Seconds left; none or fewer for one that has ended. A row from the future is as dead as one from the past.
+int64_t SecondsLeft(const Row& row, int64_t now)
+{
+    if (row.opened > now || row.seen > now) {
+        return 0;
+    }
+    switch (row.state) {
+    case SessionState::CodeRequired:
+        return row.opened + kCodeRequiredSeconds - now;
+    case SessionState::EnrolmentRequired:
+        return row.opened + kEnrolmentRequiredSeconds - now;
+    case SessionState::Live:
+        break;
+    }
+    return std::min(row.seen + IdleSeconds(), row.opened + LifetimeSeconds()) - now;
+}
+
+// Of the rows found here none can be live any more: they belong to another start of the machine, or nobody
+// has come with them for longer than any state lasts.
+void ClearOld(Database& db, int64_t now)
+{
+    Statement otherBoot =
+        db.Prepare("DELETE FROM session WHERE id IN (SELECT id FROM session WHERE boot < ?1 LIMIT ?2)"
+                   " OR id IN (SELECT id FROM session WHERE boot > ?1 LIMIT ?2)");
+    otherBoot.Bind(1, BootId()).Bind(2, kClearedAtOnce).Run();
+    Statement old = db.Prepare("DELETE FROM session WHERE id IN"
+                               " (SELECT id FROM session WHERE boot = ?1 AND seen < ?2 LIMIT ?3)");
+    old.Bind(1, BootId()).Bind(2, now - std::max(IdleSeconds(), kEnrolmentRequiredSeconds));
+    old.Bind(3, kClearedAtOnce).Run();
+}
+
+// A new row and the identifier that stands for it, durable when this returns.
+std::string Open(const Account& account, SessionState state, bool secondStep, bool confirmedNow)
+{
+    Database& db = SigninDatabase();
+    const int64_t now = BootSeconds();
+    const std::string identifier = NewIdentifier();
+    Transaction transaction(db);
+    ClearOld(db, now);
+    Statement insert =
+        db.Prepare("INSERT INTO session (id, account, state, boot, opened, seen, second_step, confirmed)"
+                   " VALUES (?1, ?2, ?3, ?4, ?5, ?5, ?6, ?7)");
+    insert.BindBlob(1, HashOf(identifier)).Bind(2, account.uid).Bind(3, TextOf(state)).Bind(4, BootId());
+    insert.Bind(5, now).Bind(6, secondStep ? 1 : 0).Bind(7, confirmedNow ? now : 0).Run();
+    transaction.Commit();
+    return identifier;
+}
+
+void Renew(const std::string& id, Row& row, int64_t now)
+{
+    if (row.state != SessionState::Live || now - row.seen < std::min(IdleSeconds() / 10, kLongestRenewal)) {
+        return;
+    }
+    Statement renew = SigninDatabase().Prepare("UPDATE session SET seen = ?2 WHERE id = ?1 AND seen < ?2");
+    renew.BindBlob(1, id).Bind(2, now).Run();
+    row.seen = now;
+}
+
+} // namespace
+
+bool SecondStepMissing(const Account& account)
+{
+    const Request& request = CurrentRequest();
+    if (request.codeOf == account.uid) {
+        return false;
+    }
+    // An account of which nothing is known is not let in on its password.
+    const bool known = request.facts && request.facts->account == account.uid;
+    return !known || request.facts->enrolled || request.facts->demanded;
+}
+
+Grant OpenSession(const Account& account)
+{
+    if (SecondStepMissing(account)) {
+        return Grant::SecondStepMissing;
+    }
+    Request& request = CurrentRequest();
+    const bool secondStep = request.codeOf == account.uid;
+    if (secondStep && Settle(account).enrolment != Enrolment::Yes) {
+        return Grant::Fault;
+    }
+    if (request.fault != Fault::None) {
+        return Grant::Fault; // something that the answer rests on could not be looked up
+    }
+    // The library asks for codes of waiting secrets only, so an accepted one of its own confirmed an
+    // enrolment.
+    const bool confirmed =
+        secondStep && LastLibraryAnswer() && LastLibraryAnswer()->result == CodeResult::Accepted;
+    try {
+        request.newSid = Open(account, SessionState::Live, secondStep, confirmed);
+    } catch (const DatabaseError& error) {
+        syslog(LOG_ERR, "cannot open a session for %s: %s", account.name.c_str(), error.what());
+        NoteFault(Fault::StateUnavailable);
+        return Grant::Fault;
+    }
+    return Grant::Opened;
+}
+
+std::string OpenPending(const Account& account, SessionState state)
+{
+    return Open(account, state, false, false);
+}
+
+std::optional<Session> FindSession(std::string_view identifier)
+{
+    if (identifier.size() != kIdentifierSize) {
+        return std::nullopt;
+    }
+    Session session;
+    session.id = HashOf(identifier);
+    std::optional<Row> row = ReadRow(session.id);
+    const int64_t now = BootSeconds();
+    if (!row || SecondsLeft(*row, now) <= 0) {
+        return std::nullopt;
+    }
+    std::optional<Account> account = FindAccount(row->account);
+    if (!account) {
+        return std::nullopt;
+    }
+    Renew(session.id, *row, now);
+    session.state = row->state;
+    session.account = std::move(*account);
+    session.token = TokenOf(identifier);
+    session.expiresIn = SecondsLeft(*row, now);
+    session.secondStep = row->secondStep;
+    session.confirmedBoot = row->confirmed;
+    return session;
+}
+
+void EndSession(const Session& session)
+{
+    SigninDatabase().Prepare("DELETE FROM session WHERE id = ?1").BindBlob(1, session.id).Run();
+}
+
+void EndSessionsOf(uint32_t account)
+{
+    SigninDatabase().Prepare("DELETE FROM session WHERE account = ?1").Bind(1, account).Run();
+}
+
+void EndOtherSessionsOf(uint32_t account, std::string_view keptIdentifier)
+{
+    Statement end = SigninDatabase().Prepare("DELETE FROM session WHERE account = ?1 AND id <> ?2");
+    end.Bind(1, account).BindBlob(2, HashOf(keptIdentifier)).Run();
+}
+
+std::string TokenOf(std::string_view identifier)
+{
+    return Hex(Derive("tavr request token", identifier, crypto_generichash_BYTES));
+}
+
+} // namespace tavr
