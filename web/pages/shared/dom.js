@@ -1,0 +1,115 @@
+// What both pages do with their documents: errors beside fields, messages, forms, focus.
+import { text } from "./messages.js";
+
+export const byId = (id) => document.getElementById(id);
+
+// Shows what is wrong beside `input` (in the element "<id>-error") and takes the user there.
+export function showFieldError(input, message) {
+  const place = byId(`${input.id}-error`);
+  place.textContent = message;
+  place.hidden = false;
+  input.setAttribute("aria-invalid", "true");
+  input.focus();
+  input.select();
+}
+
+export function clearFieldError(input) {
+  const place = byId(`${input.id}-error`);
+  if (place) {
+    place.hidden = true;
+    place.textContent = "";
+    input.removeAttribute("aria-invalid");
+  }
+}
+
+// A message that belongs to no field. Without text it goes away.
+export function showMessage(message, kind = "error") {
+  const place = byId("message");
+  place.textContent = message ?? "";
+  place.dataset.kind = kind;
+  place.hidden = !message;
+}
+
+// Says something to a screen reader without moving the focus.
+export function announce(message) {
+  const live = byId("live");
+  live.textContent = "";
+  setTimeout(() => { live.textContent = message; }, 50);   // a region that is emptied first is read again
+}
+
+export function setTitle(title) {
+  document.title = text("common:page_title", { title });
+}
+
+// Calls `handle` once for a submission: another one while it runs is dropped.
+export function onSubmit(form, handle) {
+  form.addEventListener("submit", async (event) => {
+    event.preventDefault();
+    if (form.dataset.busy) {
+      return;
+    }
+    showMessage();
+    for (const input of form.querySelectorAll("input")) {
+      clearFieldError(input);
+    }
+    await whileBusy(form, form.querySelector("[type=submit]"), handle);
+  });
+  form.addEventListener("input", (event) => clearFieldError(event.target));
+}
+
+export async function whileBusy(region, button, work) {
+  region.dataset.busy = "1";
+  button.setAttribute("aria-busy", "true");
+  try {
+    await work();
+  } finally {
+    delete region.dataset.busy;
+    button.removeAttribute("aria-busy");
+  }
+}
+
+// A field that must not be empty. False when it is, which then stands beside it.
+export function requireFilled(input, message) {
+  if (input.value.trim()) {
+    return true;
+  }
+  showFieldError(input, message);
+  return false;
+}
+
+// The code in `input` without the blanks that apps show between the groups; empty, and said so, when it is none.
+export function readCode(input) {
+  const code = input.value.replace(/\s/g, "");
+  if (/^([0-9]{6}|[0-9]{8})$/.test(code)) {
+    return code;
+  }
+  showFieldError(input, text(code ? "common:code_form" : "common:code_missing"));
+  return "";
+}
+
+// Buttons that show the password of the field they name in data-shows.
+export function wirePasswordButtons(root) {
+  for (const button of root.querySelectorAll("[data-shows]")) {
+    button.addEventListener("click", () => showPassword(button, button.getAttribute("aria-pressed") !== "true"));
+  }
+}
+
+export function hidePasswords(root) {
+  for (const button of root.querySelectorAll("[data-shows]")) {
+    showPassword(button, false);
+  }
+}
+
+function showPassword(button, shown) {
+  byId(button.dataset.shows).type = shown ? "text" : "password";
+  button.setAttribute("aria-pressed", String(shown));
+}
+
+// A page kept by the browser for its back button holds an earlier state: ask the server anew.
+export function reloadWhenRestored() {
+  window.addEventListener("pageshow", (event) => {
+    if (event.persisted) {
+      location.reload();
+    }
+  });
+}

@@ -1,0 +1,155 @@
+// The sign-in page: password, second step, and the wizard where the policy demands an enrolment.
+import { get, post, rememberSignedIn, wasSignedIn } from "/shared/api.js";
+import {
+  byId, hidePasswords, onSubmit, readCode, reloadWhenRestored, requireFilled, setTitle, showFieldError, showMessage,
+  wirePasswordButtons,
+} from "/shared/dom.js";
+import { errorText, fillTexts, loadMessages, text } from "/shared/messages.js";
+import { openWizard, wizardInHistory } from "/shared/wizard.js";
+
+const kSettings = "/settings";
+const kReasons = {   // why another page sent the user here, as its address says after "#"
+  ended: "signin:note_ended",
+  signed_out: "signin:note_signed_out",
+  setup_unknown: "signin:note_setup_unknown",
+  other_session: "web:other_session",
+};
+const kHalfSigninGone = new Set(["no_pending_signin", "not_signed_in"]);
+
+await start();
+
+async function start() {
+  await loadMessages();
+  fillTexts(document);
+  wirePasswordButtons(document);
+  reloadWhenRestored();
+  onSubmit(byId("password-form"), submitPassword);
+  onSubmit(byId("code-form"), submitCode);
+  byId("other-account").addEventListener("click", otherAccount);
+  byId("content").hidden = false;
+
+  const reason = kReasons[location.hash.slice(1)];
+  if (reason) {
+    history.replaceState(history.state, "", location.pathname);
+  }
+  const session = wasSignedIn() ? await get("/api/session") : {};
+  if (session.success) {
+    enter();
+  } else if (session.state === "code_required") {
+    askCode();
+  } else if (session.state === "enrolment_required" && session.user) {
+    await enrol(session.user, "", wizardInHistory() ? text("wizard:note_reloaded") : "");
+  } else {
+    history.replaceState(null, "");
+    askPassword();
+    showMessage(reason && text(reason), "note");
+  }
+}
+
+function show(id, heading) {
+  for (const part of ["password-form", "code-form", "wizard"]) {
+    byId(part).hidden = part !== id;
+  }
+  byId("heading").textContent = heading;
+  setTitle(heading);
+  showMessage();
+}
+
+function askPassword() {
+  rememberSignedIn(false);
+  show("password-form", text("signin:title"));
+  byId("password").value = "";
+  byId(byId("user").value ? "password" : "user").focus();
+}
+
+async function submitPassword() {
+  const user = byId("user");
+  const password = byId("password");
+  if (!requireFilled(user, text("signin:user_missing"))) {
+    return;
+  }
+  if (!password.value) {
+    showFieldError(password, text("common:password_missing"));
+    return;
+  }
+  const typed = password.value;
+  const answer = await post("/api/signin", { user: user.value.trim(), password: typed });
+  if (!answer.success) {
+    refused(answer, password);
+    return;
+  }
+  password.value = "";
+  hidePasswords(document);
+  rememberSignedIn(true);
+  if (answer.state === "signed_in") {
+    enter();
+  } else if (answer.state === "code_required") {
+    askCode();
+  } else {
+    await enrol(answer.user, typed, text("signin:note_enrolment_demanded"));
+  }
+}
+
+function askCode() {
+  show("code-form", text("signin:code_title"));
+  byId("code").value = "";
+  byId("code").focus();
+}
+
+async function submitCode() {
+  const input = byId("code");
+  const code = readCode(input);
+  if (!code) {
+    return;
+  }
+  const answer = await post("/api/signin/code", { code });
+  if (answer.success) {
+    enter();
+  } else if (kHalfSigninGone.has(answer.err)) {
+    askPassword();
+    showMessage(errorText(answer));
+  } else {
+    refused(answer, input);
+  }
+}
+
+// An answer to what was typed stands beside the field, all else above the form.
+function refused(answer, input) {
+  if (answer.status === 401 || answer.status === 429) {
+    showFieldError(input, errorText(answer));
+  } else {
+    showMessage(errorText(answer));
+  }
+}
+
+async function otherAccount() {
+  await post("/api/signout", {});
+  byId("user").value = "";
+  askPassword();
+}
+
+async function enrol(user, password, note) {
+  show("wizard", text("wizard:title"));
+  await openWizard(byId("wizard"), {
+    user,
+    password,
+    note,
+    onLeave: (changed) => {
+      if (changed) {
+        enter();
+      } else {
+        askPassword();
+        showMessage(text("signin:note_setup_left"), "note");
+      }
+    },
+    onGone: (err) => {
+      askPassword();
+      showMessage(err === "setup_unknown" ? text("signin:note_setup_unknown") : text(`web:${err}`));
+    },
+  });
+}
+
+function enter() {
+  rememberSignedIn(true);
+  location.replace(kSettings);
+}
