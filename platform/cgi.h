@@ -1,41 +1,78 @@
-// The web server's side of a request: its context, passwords and sessions.
+// The web request that this process serves: its cookies and options, the login service, and the parser of
+// names that people type.
 //
-// A login answers 1 (accepted), 0 (wrong name or password), -5 (the password is right and the second step is
-// missing) or -1 (could not be checked or stored; the error record says why). None of these calls throws.
+// One process serves one request at a time. The login calls are made with the effective ids raised to root.
 #pragma once
-
-// Login flags. Bits without a name here ask for nothing.
-enum TavrLoginFlag {
-    kTavrLoginSession = 1,         // open a session; a login always does
-    kTavrLoginPreferenceDir = 2,   // make the account's preference directory if it is not there
-};
-// 15, the ordinary login, holds both. 1, the login in safe mode, opens the session and writes nothing else: the
-// volume that the preference directories lie on may be away then.
 
 extern "C" {
 
-struct TavrCgi { void* request; };               // first member of the wizard handler: both have one address
-struct TavrLogin { char* user; const char* password; const char* client; int flags; };   // user: canonical
+// The request, as a handler holds it. First member of whatever class owns one, so that both have one address.
+struct TavrCgi {
+    void* request; // the platform's
+};
 
-// Fills `cgi` with the context of the request that this process serves. `name` may be empty, not null.
-int   TavrCgiInit(const char* name, TavrCgi* cgi);
-void  TavrCgiFree(TavrCgi* cgi);
+// Binds `cgi`, zero-filled before, to the current request. `name` is an empty text. 0 on success, negative on
+// failure; TavrCgiFree is called in both cases.
+int TavrCgiInit(const char* name, TavrCgi* cgi);
+void TavrCgiFree(TavrCgi* cgi);
 
-// Checks the password and opens a session, whose identifier goes into `sid` (33 bytes; nothing is written unless
-// the login answers 1). The library passes 122 as `size`, and so no more is ever written.
-int   TavrCgiLogin(TavrCgi* cgi, char* sid, int size, TavrLogin* login);
+// --- login ---
 
-// Checks the password and opens nothing. With `refusePending` an account whose second step is missing gets -5,
-// without it 1. The reserved arguments are not looked at.
-int   TavrCgiTestLoginEx2(TavrLogin* login, void* reserved1, void* reserved2, int refusePending);
+// What is to happen besides the check of the password. Other bits ask for nothing.
+enum TavrLoginFlag {
+    kTavrLoginSession = 1,       // open a session, and give its identifier; a login always does
+    kTavrLoginPreferenceDir = 2, // make the account's preference directory if it is missing
+    kTavrLoginReplace = 4,       // end the session that asked
+    kTavrLoginAudit = 8,         // write the login to the audit trail
+};
 
-int   TavrCgiIsTokenEnable(TavrCgi* cgi);        // 1: changes need the session's token
-int   TavrCgiLoadInCookies(TavrCgi* cgi);        // 0; the context has the request's cookies from its start
+// What a login asks for.
+struct TavrLogin {
+    char* user;           // canonical name; the caller's buffer
+    const char* password; // as it was typed; an empty one is never accepted
+    const char* client;   // "webui"
 
-// Option 2: the token of the session that this request opened, else `fallback`. Valid until TavrCgiFree.
+    // 15, all of the above, for an ordinary login. 1 while the system runs in safe mode (TAVRHAIsSafemode):
+    // the session and nothing else, as the volume of the preference directories may be away. 0: check only.
+    int flags;
+};
+
+// Status of a login:
+//    1  accepted
+//   -5  the password is right and the second step, or an enrolment that policy demands, is missing
+//    0  refused
+//   -1  could not be checked or carried out; the error record says why. Never to be read as a wrong password.
+
+// Checks the password and does what login->flags say. `sid` of `size` bytes (122) gets the identifier of the
+// session as a text when one was opened, on status 1 only, and is untouched otherwise.
+int TavrCgiLogin(TavrCgi* cgi, char* sid, int size, TavrLogin* login);
+
+// Checks the password and opens nothing. With `refusePending` an account whose second step is missing gets
+// -5, without it 1. The reserved arguments are null.
+int TavrCgiTestLoginEx2(TavrLogin* login, void* reserved1, void* reserved2, int refusePending);
+
+// --- request token ---
+
+// Non-zero when requests of a session must carry a token.
+int TavrCgiIsTokenEnable(TavrCgi* cgi);
+
+// Loads the cookies of the request, and those that this request has set, into the context. 0 on success,
+// negative on failure.
+int TavrCgiLoadInCookies(TavrCgi* cgi);
+
+// An option of the context, or `fallback` when it is not there. Option 2 is the token of the session, the new
+// one after a login. Valid until the next call with this context; never null unless `fallback` is.
 const char* TavrCgiGetOption(TavrCgi* cgi, int option, const char* fallback);
 
-}  // extern "C"
+} // extern "C"
 
-// The canonical form of a name as typed, into `out`; negative for what can be no name or does not fit.
-namespace WebUtils { int ParseInputUserName(const char* input, char* out, unsigned long size); }
+namespace WebUtils
+{
+
+// Writes the canonical name of the account that `input` spells: a local name, DOMAIN\user or user@domain.
+// Every spelling of one account gives one name. Judges the form alone and asks no directory, so that unknown
+// names look the same. Negative when `input` is no name, or does not fit into `size` bytes; `out` is then
+// untouched.
+int ParseInputUserName(const char* input, char* out, unsigned long size);
+
+} // namespace WebUtils

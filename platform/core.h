@@ -1,23 +1,86 @@
+// The core of a platform: its error record, the start of other programs, base-64, the text cipher, files of
+// settings, and a table of texts.
+//
+// Every failing call of the platform, in this and the other headers, sets the error record. The calls here
+// work with the ids that the process has. Sizes of text buffers count the terminator; whatever is written is
+// terminated.
 #pragma once
 
 #include <cstdio>
 
 extern "C" {
 
-int         KLIBCErrGet(void);
-const char* KLIBCErrorGetFile(void);
-int         KLIBCErrorGetLine(void);
-FILE* KLIBCPopen(const char* path, const char* mode, ...);   // arguments after mode (argv[1]...), ended by a null char*
-int   KLIBCPclose(FILE* stream);
-int   KLIBCExec(const char* path, const char* arg1, const char* arg2, const char* arg3, const char* arg4);
-int   KLIBCBase64SzEncodeFull(const char* in, int inSize, char* out, int outSize, int flags);
-int   KLIBCCryptSzDecrypt(const char* stored, char* plain, int size);
-int   KLIBCFileExist(const char* path);
-int   KLIBCFileGetKeyValue(const char* path, const char* key, char* value, int size, int flags);
-struct KLIBCSzHash;
-KLIBCSzHash* KLIBCSzHashAlloc(int size);
-int   KLIBCSzHashSetValue(KLIBCSzHash** hash, const char* key, const char* value);
-void  KLIBCSzHashFree(KLIBCSzHash* hash);
-int   TAVRHAIsSafemode(void);
+// --- the error record: what the last failing call of the platform met ---
 
-}  // extern "C"
+// Kept for the thread until the next failure; reading it changes nothing, success does not clear it. The code
+// is one of the platform's own (logs show it in hexadecimal), 0 before the first failure. File and line are
+// the place in the platform's source; the file is a bare name, never null, valid for ever.
+int KLIBCErrGet(void);
+const char* KLIBCErrorGetFile(void);
+int KLIBCErrorGetLine(void);
+
+// --- other programs ---
+//
+// Started without a shell, with the arguments as they are given, with a fixed environment, and with no
+// descriptor of the caller but 0, 1 and 2.
+
+// Runs `path`, an absolute path, and gives a stream to read its standard output from. `mode` is "r". The
+// texts after it are argv[1] and on, ended by a null char* (a typed one: a bare NULL may be passed as an
+// int). Null when the program could not be started. Waits for nothing. The stream goes back by KLIBCPclose
+// alone.
+FILE* KLIBCPopen(const char* path, const char* mode, ...);
+
+// Closes the stream and waits for the program to end; a program that is still writing then gets SIGPIPE.
+// Gives its exit status (128 + signal when one killed it), -1 when that is not known.
+int KLIBCPclose(FILE* stream);
+
+// Runs `path` with up to four arguments, the first null one ends them, and waits. 0 when the program ended
+// with status 0; anything else is a failure: its status, or -1 when it could not be run.
+int KLIBCExec(const char* path, const char* arg1, const char* arg2, const char* arg3, const char* arg4);
+
+// --- texts ---
+
+// Writes the base-64 form (RFC 4648 section 4, with padding, on one line) of `inSize` bytes to `out`. Gives
+// its length; -1, with `out` an empty text (or untouched when it has no room for that), when it does not fit
+// into `outSize` bytes. `flags` is 0.
+int KLIBCBase64SzEncodeFull(const char* in, int inSize, char* out, int outSize, int flags);
+
+// Deciphers one stored text. Non-zero: `plain` holds the text, cut at `size`. 0: `stored` is none that this
+// cipher made, or not one that this request may have, or it could not be looked up; `plain` is untouched. A
+// caller takes 0 for a plain text, so a platform that must tell "could not be looked up" from "declined"
+// notes the fault elsewhere. Never logs what it is given.
+int KLIBCCryptSzDecrypt(const char* stored, char* plain, int size);
+
+// --- files ---
+
+// Non-zero when something stands at `path`, as the effective ids can tell.
+int KLIBCFileExist(const char* path);
+
+// Reads the value of `key` from a file of lines key="value" (quotes may be missing, lines that begin with #
+// are comments, the last of several counts). Gives the length of the value; 0 when it is empty; -1 when the
+// key is absent or the file cannot be read, with `value` untouched. A value that does not fit is a failure
+// too, it is not cut. `flags` is 0.
+int KLIBCFileGetKeyValue(const char* path, const char* key, char* value, int size, int flags);
+
+// --- a table of texts by key, for the templates of mails ---
+
+struct KLIBCSzHash;
+
+// A new table, to be given back by KLIBCSzHashFree; null on failure. `size` is the room to begin with, in
+// bytes.
+KLIBCSzHash* KLIBCSzHashAlloc(int size);
+
+// Stores copies of both texts; a key that is there gets the new value. May move the table: *hash is then its
+// new address. -1 on failure, the table is then as it was and still the caller's.
+int KLIBCSzHashSetValue(KLIBCSzHash** hash, const char* key, const char* value);
+
+// Null is allowed.
+void KLIBCSzHashFree(KLIBCSzHash* hash);
+
+// --- the system's state ---
+
+// Non-zero while the system runs in the safe mode of its high-availability pair. Never fails: a state that is
+// not known is "no".
+int TAVRHAIsSafemode(void);
+
+} // extern "C"

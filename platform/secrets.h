@@ -1,12 +1,42 @@
+// Second-step secrets: where an account's file lies, the check of a code against a file, and the machine's id
+// for key URIs.
+//
+// A secret file is text, lines ended by a line feed. Line 1 is the secret. Lines that begin with a double
+// quote are options. Every other line is one scratch code. Secret and codes may stand there in the enciphered
+// form of platform/core.h. Such a file is made whole by the platform's tool /usr/bin/google-authenticator:
+// "-s PATH" writes it to PATH and prints the secret as the first bytes of its output, 24 at least; the
+// library moves it to its place with /bin/mv.
 #pragma once
 
 extern "C" {
 
-int   TAVRGetSecretPathByUser(const char* user, char* path, int size);
-int   TAVRGoogleAuth(int count, const char* const* texts);
-struct TavrHwid { int size; char* text; };
-TavrHwid* tavrcrypto_hwid_init(void);
-bool  tavrcrypto_hwid_str(TavrHwid* id, int size);
-void  tavrcrypto_hwid_free(TavrHwid* id);
+// Writes the absolute path of the account's secret file. Creates nothing, and does not ask whether the file
+// is there. 0 on success; negative when the account has no place for one, `path` is then an empty text:
+// callers take the path as it stands and look at the file only.
+int TAVRGetSecretPathByUser(const char* user, char* path, int size);
 
-}  // extern "C"
+// Checks a one-time code. `count` is 3 and `texts` are, in this order and without a null at the end,
+// "username=NAME", "code=CODE" and "secret=PATH", PATH being the file that holds the secret. 0: the code is
+// valid now (RFC 6238) and has been taken; whatever rules the platform has about steps, repetition and number
+// of tries are its own and have been applied. Anything else: refused. Works with the caller's ids.
+int TAVRGoogleAuth(int count, const char* const* texts);
+
+// --- the machine's id ---
+//
+// A stable text of at most 64 bytes that tells one machine from another. Optional: a platform without one
+// answers false.
+
+struct TavrHwid {
+    int size;   // length of the text, without terminator
+    char* text; // belongs to the record; null until tavrcrypto_hwid_str has filled it
+};
+
+// A new record, to be given back by tavrcrypto_hwid_free; null on failure. The two calls below take null.
+TavrHwid* tavrcrypto_hwid_init(void);
+
+// Fills the record's text, of at most `size` bytes (64). False when there is no id, or for a null record.
+bool tavrcrypto_hwid_str(TavrHwid* id, int size);
+
+void tavrcrypto_hwid_free(TavrHwid* id);
+
+} // extern "C"

@@ -1,29 +1,90 @@
+// Accounts and groups: finding a record, reading what it holds, changing it, and listing.
+//
+// Unless it is said otherwise, calls return 0 on success and a negative number on failure, leave their
+// out-arguments untouched then, and set the error record (platform/core.h). Names are canonical ones. `flags`
+// are 0 unless a call says more. Accounts come from three sources, whose codes stand in records and in
+// requests: 1 local, 2 domain, 8 LDAP.
 #pragma once
 
 #include <cstdint>
 
 extern "C" {
 
-struct TAVRUser {                                // texts belong to the record, except a mail text that a caller put there
-    const char* name; uint32_t uid; uint32_t gid; int kind; const char* description; const char* mail;
-};
-int   TAVRUserGet(const char* name, TAVRUser** record);
-void  TAVRUserFree(TAVRUser* record);
-int   TAVRUserLoginNameConvert(const char* name, char* out, int size);
-int   TAVRUserPreferenceDirGet(const char* name, char* dir, int size, int flags);
-int   TAVRConfdUserUpdate(const char* name, const TAVRUser* record, int flags);
-int   TAVRUserGetUGID(const char* name, uint32_t* uid, uint32_t* gid);
-int   TAVRGroupGetGID(const char* name, uint32_t* gid);
-int   TAVRGroupDescGet(const char* name, char** description, char** second);
-int   KLIBGroupIsAdminGroupMem(const char* name, int flags);
-int   KLIBGroupInfoGidGet(const char* name, int flags, uint32_t** gids, int* count);
-struct KLIBUserInfo  { const char* name; uint32_t uid; const char* description; int source; };
-struct KLIBGroupInfo { const char* name; uint32_t gid; int source; };
-using KLIBUserInfoRow  = int (*)(const KLIBUserInfo* entry, void* userData);
-using KLIBGroupInfoRow = int (*)(const KLIBGroupInfo* entry, void* userData);
-int   KLIBUserInfoEnumBySubstr(int source, const char* domain, int offset, int limit, const char* query,
-                               int flags, KLIBUserInfoRow row, void* userData);
-int   KLIBGroupInfoEnumBySubstr(int source, const char* domain, int offset, int limit, const char* query,
-                                int flags, KLIBGroupInfoRow row, void* userData);
+// --- one account ---
 
-}  // extern "C"
+struct TAVRUser {
+    const char* name;
+    uint32_t uid; // unique over all sources
+    uint32_t gid;
+    int kind;                // source code: 2 domain, 8 LDAP, any other local
+    const char* description; // null or empty: none
+    const char* mail;        // null or empty: none
+};
+
+// Finds an account of any source. On success *record is the caller's, to be released with TAVRUserFree. Its
+// texts belong to the record, except a mail text that a caller has put there.
+int TAVRUserGet(const char* name, TAVRUser** record);
+
+// Never looks at `mail` in a record whose caller has put a text of its own there: that text may be gone by
+// now. Null is allowed.
+void TAVRUserFree(TAVRUser* record);
+
+// The name under which the account of a given spelling signs in. 1: `out` holds it. Anything else: there is
+// no other one, `out` is untouched.
+int TAVRUserLoginNameConvert(const char* name, char* out, int size);
+
+// The absolute path of the account's preference directory, without a slash at the end. Creates nothing. Also
+// for accounts that are known to a directory only.
+int TAVRUserPreferenceDirGet(const char* name, char* dir, int size, int flags);
+
+// Writes the mail address of `record` (null or empty clears it) to the account `name`, a local one.
+// Everything else of the account stays as it is stored, whatever the record says; others who write at the
+// same time lose nothing. Whether the text is an address is not judged.
+int TAVRConfdUserUpdate(const char* name, const TAVRUser* record, int flags);
+
+// --- numbers and memberships ---
+
+// Either out-argument may be null.
+int TAVRUserGetUGID(const char* name, uint32_t* uid, uint32_t* gid);
+int TAVRGroupGetGID(const char* name, uint32_t* gid);
+
+// The description of a local or domain group in memory of malloc, for the caller to free(); an empty text
+// when it has none. `second` gets another text of the group in the same way; null when nobody wants it.
+int TAVRGroupDescGet(const char* name, char** description, char** second);
+
+// 1: the account is a member of the administrators. 0: it is not. Negative: not known.
+int KLIBGroupIsAdminGroupMem(const char* name, int flags);
+
+// The gids of all groups that the account belongs to, in memory of malloc, for the caller to free(). None: 0,
+// *count 0 and *gids null.
+int KLIBGroupInfoGidGet(const char* name, int flags, uint32_t** gids, int* count);
+
+// --- lists ---
+
+// One entry of a list, valid during the call-back alone.
+struct KLIBUserInfo {
+    const char* name; // null: an entry that has none
+    uint32_t uid;
+    const char* description; // null: none
+    int source;
+};
+struct KLIBGroupInfo {
+    const char* name;
+    uint32_t gid;
+    int source;
+};
+
+// 0: taken. -1: this entry is dropped; the list goes on.
+using KLIBUserInfoRow = int (*)(const KLIBUserInfo* entry, void* userData);
+using KLIBGroupInfoRow = int (*)(const KLIBGroupInfo* entry, void* userData);
+
+// Calls `row` for the entries of `source` that hold `query` in their name or description, ignoring case
+// (empty: all of them), in an order that stays the same from page to page: `limit` of them from `offset` on,
+// all when `limit` is -1. `domain` narrows a domain's list; local ones ignore it. `flags` is 1. Gives the
+// number of all matching entries, before paging. An exception of `row` passes through; nothing is left open.
+int KLIBUserInfoEnumBySubstr(int source, const char* domain, int offset, int limit, const char* query,
+                             int flags, KLIBUserInfoRow row, void* userData);
+int KLIBGroupInfoEnumBySubstr(int source, const char* domain, int offset, int limit, const char* query,
+                              int flags, KLIBGroupInfoRow row, void* userData);
+
+} // extern "C"
