@@ -3,6 +3,7 @@
 
 #include "linux/accounts.h"
 #include "linux/request.h"
+#include "linux/secret_file.h"
 
 #include <optional>
 #include <string>
@@ -12,8 +13,9 @@ namespace tavr
 {
 
 // One writer for an account's secret at a time, over all processes (a lock on one byte of kAccountLockFile).
-// Waits for it. Nests within a process. Held by a confirmation from before the handler until settled. The secret
-// tool takes it too, in its own process: never hold it around a call that may start the tool (GetQRcodePage).
+// Waits for it. Nests within a process. Held by a confirmation from before the handler until settled. The
+// secret tool takes it too, in its own process: never hold it around a call that may start the tool
+// (GetQRcodePage).
 class AccountLock
 {
 public:
@@ -21,7 +23,7 @@ public:
     ~AccountLock();
     AccountLock(const AccountLock&) = delete;
     AccountLock& operator=(const AccountLock&) = delete;
-    [[nodiscard]] bool Held() const;   // false: the lock file cannot be used; treat as StateUnavailable
+    [[nodiscard]] bool Held() const; // false: the lock file cannot be used; treat as StateUnavailable
 
 private:
     uint32_t account_;
@@ -32,13 +34,17 @@ enum class Enrolment { No, Yes, Fault };
 
 struct EnrolmentState {
     Enrolment enrolment = Enrolment::Fault;
-    Fault fault = Fault::None;   // with Enrolment::Fault
-    int codesLeft = 0;           // with Enrolment::Yes: emergency codes not yet spent
+    Fault fault = Fault::None; // with Enrolment::Fault
+    int codesLeft = 0;         // with Enrolment::Yes: emergency codes not yet spent
 };
 
 // Settles the account under its lock and says what it is. Writes files with the service's ids, whatever ids
 // the process has at the moment. A fault is noted in the request as well.
 EnrolmentState Settle(const Account& account);
+
+// What stands at the account's permanent place, read with the service's ids. Found::Nothing only if it is
+// certain.
+FoundFile FindSecretFile(const Account& account);
 
 // The secret that a confirmation may be tried against: the waiting one that the tool made for a session's own
 // page, else one that was confirmed and did not come to its place. Only of this start of the machine and no
@@ -46,17 +52,17 @@ EnrolmentState Settle(const Account& account);
 inline constexpr int64_t kWaitingSeconds = 30 * 60;
 struct WaitingSecret {
     std::string reference;
-    std::string session;   // identifier hash of the session that asked for it; empty before it was claimed
-    int64_t madeBoot = 0;  // BootSeconds
+    std::string session;  // identifier hash of the session that asked for it; empty before it was claimed
+    int64_t madeBoot = 0; // BootSeconds
 };
-std::optional<WaitingSecret> FindWaiting(uint32_t account);   // throws DatabaseError
+std::optional<WaitingSecret> FindWaiting(uint32_t account); // throws DatabaseError
 
-// Makes the waiting secret `session`'s own; false: none waits. With `keyBase32`, the key that was shown, false
-// also if the waiting secret is another one by now. Throws DatabaseError, VaultError.
+// Makes the waiting secret `session`'s own; false: none waits. With `keyBase32`, the key that was shown,
+// false also if the waiting secret is another one by now. Throws DatabaseError, VaultError.
 bool ClaimWaiting(uint32_t account, std::string_view session, std::string_view keyBase32 = {});
 
-// Forgets the account's waiting secret. DropWaiting is the web program's: it removes the file in its own /tmp as
-// well. Others retire the row; a file without a row is dead. Both throw DatabaseError.
+// Forgets the account's waiting secret. DropWaiting is the web program's: it removes the file in its own /tmp
+// as well. Others retire the row; a file without a row is dead. Both throw DatabaseError.
 void DropWaiting(uint32_t account);
 void RetireWaiting(uint32_t account);
 
@@ -70,4 +76,4 @@ void ClearWaiting(Clear which);
 // however often this was cut short. Throws DatabaseError.
 void MarkSwitchingOff(uint32_t account);
 
-}  // namespace tavr
+} // namespace tavr

@@ -20,6 +20,9 @@ inline constexpr char kAccountsDatabase[] = "/var/lib/tavr/accounts.db";    // u
 inline constexpr char kSigninDatabase[] = "/var/lib/tavr/signin.db";        // vault, sessions
 inline constexpr char kAccountLockFile[] = "/var/lib/tavr/account.lock";    // one byte an account
 
+inline constexpr char kWaitingDir[] = "/tmp";            // the web service's own; the library names it
+inline constexpr char kWaitingFilePrefix[] = "OTP_";     // then the account's number
+
 inline constexpr char kRunDir[] = "/run/tavr";   // root 0755
 
 inline constexpr char kSecretFileName[] = "otp_secret";   // in an account's preference directory

@@ -20,7 +20,7 @@ CREATE TABLE secret (
     account INTEGER NOT NULL,
     sealed BLOB NOT NULL,
     state TEXT NOT NULL CHECK (state IN ('waiting', 'confirmed', 'active')),   -- a retired one has no row
-    last_step INTEGER NOT NULL DEFAULT 0,  -- no code of this time step or an earlier one is accepted
+    last_step INTEGER NOT NULL DEFAULT -1, -- no code of this time step or an earlier one is accepted
     session BLOB,                          -- whose page asked for it, while it waits
     made_boot TEXT NOT NULL,
     made INTEGER NOT NULL
@@ -37,7 +37,7 @@ CREATE INDEX code_of_secret ON code (secret, position);
 CREATE TABLE account_mark (
     account INTEGER PRIMARY KEY,
     switching_off INTEGER NOT NULL DEFAULT 0 CHECK (switching_off IN (0, 1)),
-    last_step INTEGER NOT NULL DEFAULT 0   -- outlives the secret: a step used once stays used
+    last_step INTEGER NOT NULL DEFAULT -1  -- outlives the secret: a step used once stays used
 ) STRICT;
 )",
     // Sessions and half sign-ins.

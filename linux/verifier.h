@@ -11,18 +11,18 @@ namespace tavr
 {
 
 enum class CodeResult {
-    Accepted,    // and stored as used: no code of this step or an earlier one is accepted again
+    Accepted, // and stored as used: no code of this step or an earlier one is accepted again
     Wrong,
-    Used,        // right, but of a step already used
-    Throttled,   // not compared: too many wrong ones
-    Closed,      // not compared: closed until an administrator opens it
-    Fault,       // could not be compared or stored; no grant
+    Used,      // right, but of a step already used
+    Throttled, // not compared: too many wrong ones
+    Closed,    // not compared: closed until an administrator opens it
+    Fault,     // could not be compared or stored; no grant
 };
 
 struct CodeAnswer {
     CodeResult result = CodeResult::Fault;
-    int retryAfterSeconds = 0;   // Throttled only
-    Fault fault = Fault::None;   // Fault only
+    int retryAfterSeconds = 0; // Throttled only
+    Fault fault = Fault::None; // Fault only
 };
 
 // Checks `code` against the account's active secret. When accepted, the request's codeOf is the account. The
@@ -33,4 +33,4 @@ CodeAnswer VerifyCode(const Account& account, std::string_view code);
 // caller right from wrong only.
 const std::optional<CodeAnswer>& LastLibraryAnswer();
 
-}  // namespace tavr
+} // namespace tavr

@@ -1,0 +1,63 @@
+// The machine key: 32 random bytes in kMachineKeyFile that seal the vault's rows (vault.h). Read with the
+// service's ids whenever it is needed and wiped after use, so that a new one counts at once.
+//
+// The file is one line of text: kMachineKeyHead, 64 lower-case hexadecimal digits, a line feed.
+#pragma once
+
+#include "linux/request.h"
+
+#include <array>
+#include <stdexcept>
+#include <string>
+
+namespace tavr
+{
+
+inline constexpr char kMachineKeyHead[] = "tavr-machine-key-1 ";
+
+// What was asked of the vault could not be had. Never "no" and never "wrong".
+class VaultError : public std::runtime_error
+{
+public:
+    explicit VaultError(Fault what) : std::runtime_error(FaultText(what)), fault(what) {}
+    const Fault fault;
+};
+
+class MachineKey
+{
+public:
+    // Throws VaultError: KeyMissing when there is no file; KeyWrong when it is no key, is not root's own
+    // regular file, may be written by others than root or read by others than its group.
+    static MachineKey Read();
+
+    ~MachineKey();
+    MachineKey(const MachineKey&) = delete;
+    MachineKey& operator=(const MachineKey&) = delete;
+
+    static constexpr size_t kBytes = 32;
+    using Bytes = std::array<unsigned char, kBytes>;
+
+    [[nodiscard]] const Bytes& Sealing() const { return sealing_; }
+
+    // Tells one key from another and nothing else about it. Stored in the vault.
+    [[nodiscard]] const std::string& Fingerprint() const { return fingerprint_; }
+
+private:
+    explicit MachineKey(const Bytes& key);
+
+    Bytes sealing_{};
+    std::string fingerprint_;
+};
+
+// Makes the key for set-up. As root only, and only while the vault holds no sealed row: rows sealed with a
+// lost key stay lost, and a new key would hide that. Never through a link, never over anything; durable.
+enum class MakeKey {
+    Made,
+    Kept, // there is one, and it can be read
+    NotRoot,
+    RowsSealed, // it is gone while the vault holds rows: bring the old one back
+    Failed,     // errno says why, or the file that is there is no key
+};
+MakeKey CreateMachineKey(); // throws DatabaseError when the vault cannot be asked
+
+} // namespace tavr

@@ -1,0 +1,91 @@
+// Making the machine key. Apart from reading it, so that the secret tool does not carry what needs root.
+#include "linux/ids.h"
+#include "linux/machine_key.h"
+#include "linux/paths.h"
+#include "linux/secret_file.h"
+#include "linux/vault.h"
+
+#include <fcntl.h>
+#include <sodium.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+namespace tavr
+{
+
+namespace
+{
+
+constexpr mode_t kKeyMode = S_IRUSR | S_IRGRP;
+
+bool VaultHoldsRows()
+{
+    const EffectiveIds service = EffectiveIds::Service();
+    if (!service.Changed()) {
+        throw DatabaseError(0, "the service's ids cannot be taken");
+    }
+    return HoldsSealedRows();
+}
+
+gid_t ServiceGroup()
+{
+    const EffectiveIds service = EffectiveIds::Service();
+    return getegid();
+}
+
+bool WriteKey(int fd)
+{
+    std::array<unsigned char, MachineKey::kBytes> key;
+    randombytes_buf(key.data(), key.size());
+    std::array<char, 2 * MachineKey::kBytes + 1> digits;
+    sodium_bin2hex(digits.data(), digits.size(), key.data(), key.size());
+    digits.back() = '\n';
+    const bool done = write(fd, kMachineKeyHead, std::strlen(kMachineKeyHead)) ==
+                          static_cast<ssize_t>(std::strlen(kMachineKeyHead)) &&
+                      write(fd, digits.data(), digits.size()) == static_cast<ssize_t>(digits.size());
+    sodium_memzero(key.data(), key.size());
+    sodium_memzero(digits.data(), digits.size());
+    return done;
+}
+
+// A file without a name until it is whole; then linked, which never goes over anything.
+bool MakeKeyFile(const Descriptor& directory, const std::string& name)
+{
+    const Descriptor file(openat(directory.Get(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, kKeyMode));
+    if (!file || fchown(file.Get(), 0, ServiceGroup()) != 0 || fchmod(file.Get(), kKeyMode) != 0 ||
+        !WriteKey(file.Get()) || fsync(file.Get()) != 0) {
+        return false;
+    }
+    return linkat(file.Get(), "", directory.Get(), name.c_str(), AT_EMPTY_PATH) == 0 &&
+           fsync(directory.Get()) == 0;
+}
+
+} // namespace
+
+MakeKey CreateMachineKey()
+{
+    if (geteuid() != 0) {
+        return MakeKey::NotRoot;
+    }
+    const std::string path = kMachineKeyFile;
+    const size_t slash = path.rfind('/');
+    const Descriptor parts = OpenDirectoryNoLinks(path.substr(0, slash));
+    const Descriptor directory(parts ? openat(parts.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1);
+    const std::string name = path.substr(slash + 1);
+    if (!directory || sodium_init() < 0) {
+        return MakeKey::Failed;
+    }
+    if (faccessat(directory.Get(), name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
+        return FaultIn([] { MachineKey::Read(); }) == Fault::None ? MakeKey::Kept : MakeKey::Failed;
+    }
+    if (VaultHoldsRows()) {
+        return MakeKey::RowsSealed;
+    }
+    return MakeKeyFile(directory, name) ? MakeKey::Made : MakeKey::Failed;
+}
+
+} // namespace tavr

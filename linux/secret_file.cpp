@@ -1,0 +1,175 @@
+#include "linux/secret_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+namespace tavr
+{
+
+namespace
+{
+
+constexpr char kOptions[] = "\" TOTP_AUTH\n";
+
+bool IsReferenceCharacter(char c)
+{
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
+}
+
+bool WriteAll(int fd, std::string_view text)
+{
+    while (!text.empty()) {
+        const ssize_t written = write(fd, text.data(), text.size());
+        if (written < 0 && errno != EINTR) {
+            return false;
+        }
+        text.remove_prefix(written < 0 ? 0 : static_cast<size_t>(written));
+    }
+    return true;
+}
+
+} // namespace
+
+// --- References ---
+
+bool IsReference(std::string_view text, char marker)
+{
+    return text.size() == kReferenceSize && text.front() == marker &&
+           std::all_of(text.begin() + 1, text.end(), IsReferenceCharacter);
+}
+
+std::string PaddedReference(std::string_view reference)
+{
+    std::string padded(reference);
+    padded.resize(kPaddedReferenceSize, '=');
+    return padded;
+}
+
+std::string_view BareReference(std::string_view text)
+{
+    const bool padded = text.size() == kPaddedReferenceSize &&
+                        text.find_first_not_of('=', kReferenceSize) == std::string_view::npos;
+    return padded ? text.substr(0, kReferenceSize) : text;
+}
+
+// --- Layout ---
+
+std::string RenderSecretFile(const SecretFileText& file)
+{
+    std::string text = file.secret + '\n' + kOptions;
+    for (const std::string& code : file.codes) {
+        text += code;
+        text += '\n';
+    }
+    return text;
+}
+
+std::optional<SecretFileText> ParseSecretFile(std::string_view text)
+{
+    SecretFileText file;
+    for (bool first = true; !text.empty(); first = false) {
+        const size_t end = text.find('\n');
+        if (end == std::string_view::npos) {
+            return std::nullopt;
+        }
+        const std::string_view line = text.substr(0, end);
+        text.remove_prefix(end + 1);
+        if (first && IsReference(line, kSecretMarker)) {
+            file.secret = line;
+        } else if (!first && IsReference(line, kCodeMarker)) {
+            file.codes.emplace_back(line);
+        } else if (first || !line.starts_with('"')) {
+            return std::nullopt;
+        }
+    }
+    return file.secret.empty() ? std::nullopt : std::optional(file);
+}
+
+// --- Files ---
+
+Descriptor OpenDirectoryNoLinks(const std::string& path)
+{
+    constexpr int kFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    Descriptor directory(open(path.starts_with('/') ? "/" : ".", kFlags));
+    for (size_t at = 0; directory && at < path.size();) {
+        const size_t end = std::min(path.find('/', at), path.size());
+        if (end > at) {
+            directory = Descriptor(openat(directory.Get(), path.substr(at, end - at).c_str(), kFlags));
+        }
+        at = end + 1;
+    }
+    return directory;
+}
+
+FoundFile ReadOwnFile(const Descriptor& directory, const std::string& name)
+{
+    // Not blocking, for a fifo.
+    const Descriptor file(
+        openat(directory.Get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!file) {
+        return {errno == ENOENT ? Found::Nothing : Found::NotOurs, {}};
+    }
+    struct stat what {
+    };
+    if (fstat(file.Get(), &what) != 0 || !S_ISREG(what.st_mode) || what.st_uid != geteuid() ||
+        what.st_nlink != 1 || what.st_size > static_cast<off_t>(kSecretFileLimit)) {
+        return {};
+    }
+    std::string text(kSecretFileLimit + 1, 0);
+    size_t size = 0;
+    for (ssize_t got = 1; got > 0 && size < text.size(); size += static_cast<size_t>(got)) {
+        got = read(file.Get(), text.data() + size, text.size() - size);
+        if (got < 0) {
+            return {};
+        }
+    }
+    if (size > kSecretFileLimit) {
+        return {};
+    }
+    text.resize(size);
+    return {Found::Text, text};
+}
+
+NewFile::NewFile(const Descriptor& directory, const std::string& name)
+    : directory_(directory), name_(name), newName_("." + name + ".new")
+{
+}
+
+NewFile::~NewFile()
+{
+    if (exists_) {
+        unlinkat(directory_.Get(), newName_.c_str(), 0);
+    }
+}
+
+bool NewFile::Write(std::string_view text)
+{
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    Descriptor file(openat(directory_.Get(), newName_.c_str(), kFlags, S_IRUSR | S_IWUSR));
+    if (!file && errno == EEXIST && unlinkat(directory_.Get(), newName_.c_str(), 0) == 0) {
+        file = Descriptor(openat(directory_.Get(), newName_.c_str(), kFlags, S_IRUSR | S_IWUSR));
+    }
+    if (!file) {
+        return false;
+    }
+    exists_ = true;
+    return fchmod(file.Get(), S_IRUSR | S_IWUSR) == 0 && WriteAll(file.Get(), text) && fsync(file.Get()) == 0;
+}
+
+bool NewFile::PutInPlace(AtPlace atPlace)
+{
+    // An O_PATH descriptor cannot be synced.
+    const Descriptor directory(openat(directory_.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory || renameat2(directory.Get(), newName_.c_str(), directory.Get(), name_.c_str(),
+                                atPlace == AtPlace::Keep ? RENAME_NOREPLACE : 0) != 0) {
+        return false;
+    }
+    exists_ = false;
+    return fsync(directory.Get()) == 0;
+}
+
+} // namespace tavr

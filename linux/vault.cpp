@@ -1,0 +1,429 @@
+#include "linux/vault.h"
+
+#include "linux/clock.h"
+
+#include <sodium.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+namespace tavr
+{
+
+namespace
+{
+
+constexpr char kReferenceAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+
+constexpr size_t kNonceSize = crypto_aead_xchacha20poly1305_ietf_NPUBBYTES;
+constexpr size_t kTagSize = crypto_aead_xchacha20poly1305_ietf_ABYTES;
+static_assert(MachineKey::kBytes == crypto_aead_xchacha20poly1305_ietf_KEYBYTES);
+
+constexpr char kForSecret[] = "secret";
+constexpr char kForCode[] = "code";
+
+// Whose row it is and what for: what a sealed text is bound to. Both ends of it have a fixed form.
+struct RowName {
+    const char* purpose;
+    uint32_t account;
+    std::string_view reference;
+
+    [[nodiscard]] std::string Text() const
+    {
+        return std::string("tavr-vault-1 ") + purpose + ' ' + std::to_string(account) + ' ' +
+               std::string(reference);
+    }
+};
+
+unsigned char* Bytes(std::string& text)
+{
+    return reinterpret_cast<unsigned char*>(text.data());
+}
+
+const unsigned char* Bytes(const std::string& text)
+{
+    return reinterpret_cast<const unsigned char*>(text.data());
+}
+
+std::string MakeReference(char marker)
+{
+    unsigned char random[kReferenceSize];
+    randombytes_buf(random, sizeof random);
+    std::string reference(1, marker);
+    for (size_t i = 1; i < kReferenceSize; ++i) {
+        reference += kReferenceAlphabet[random[i] % 64]; // 256 is a multiple of 64
+    }
+    return reference;
+}
+
+std::string Seal(const MachineKey& key, const RowName& row, const unsigned char* plain, size_t size)
+{
+    std::string sealed(kNonceSize + size + kTagSize, 0);
+    randombytes_buf(sealed.data(), kNonceSize);
+    const std::string bound = row.Text();
+    crypto_aead_xchacha20poly1305_ietf_encrypt(Bytes(sealed) + kNonceSize, nullptr, plain, size, Bytes(bound),
+                                               bound.size(), nullptr, Bytes(sealed), key.Sealing().data());
+    return sealed;
+}
+
+void Open(const MachineKey& key, const RowName& row, const std::string& sealed, unsigned char* plain,
+          size_t size)
+{
+    const std::string bound = row.Text();
+    if (sealed.size() != kNonceSize + size + kTagSize ||
+        crypto_aead_xchacha20poly1305_ietf_decrypt(plain, nullptr, nullptr, Bytes(sealed) + kNonceSize,
+                                                   size + kTagSize, Bytes(bound), bound.size(), Bytes(sealed),
+                                                   key.Sealing().data()) != 0) {
+        throw VaultError(Fault::VaultDamaged);
+    }
+}
+
+// --- The key that sealed the rows ---
+
+std::optional<std::string> StoredFingerprint()
+{
+    Statement ask = SigninDatabase().Prepare("SELECT fingerprint FROM vault_key WHERE id = 1");
+    return ask.Step() ? std::optional(ask.Text(0)) : std::nullopt;
+}
+
+void CheckKey(const MachineKey& key)
+{
+    const std::optional<std::string> stored = StoredFingerprint();
+    if (!stored.has_value() && HoldsSealedRows()) {
+        throw VaultError(Fault::VaultDamaged);
+    }
+    if (stored.has_value() && *stored != key.Fingerprint() && HoldsSealedRows()) {
+        throw VaultError(Fault::KeyWrong);
+    }
+}
+
+// Inside a transaction, before the first row is sealed with `key`.
+void EnterKey(const MachineKey& key)
+{
+    CheckKey(key);
+    if (StoredFingerprint() == key.Fingerprint()) {
+        return;
+    }
+    SigninDatabase()
+        .Prepare("INSERT INTO vault_key (id, fingerprint) VALUES (1, ?1)"
+                 " ON CONFLICT (id) DO UPDATE SET fingerprint = excluded.fingerprint")
+        .BindBlob(1, key.Fingerprint())
+        .Run();
+}
+
+// --- Rows ---
+
+const char* StateText(SecretState state)
+{
+    switch (state) {
+    case SecretState::Waiting:
+        return "waiting";
+    case SecretState::Confirmed:
+        return "confirmed";
+    case SecretState::Active:
+        return "active";
+    }
+    throw VaultError(Fault::VaultDamaged);
+}
+
+SecretState StateOf(const std::string& text)
+{
+    for (const SecretState state : {SecretState::Waiting, SecretState::Confirmed, SecretState::Active}) {
+        if (text == StateText(state)) {
+            return state;
+        }
+    }
+    throw VaultError(Fault::VaultDamaged);
+}
+
+std::vector<StoredCode> CodesOf(const std::string& secretReference)
+{
+    std::vector<StoredCode> codes;
+    Statement ask =
+        SigninDatabase().Prepare("SELECT reference, spent FROM code WHERE secret = ?1 ORDER BY position");
+    ask.Bind(1, secretReference);
+    while (ask.Step()) {
+        codes.push_back({ask.Text(0), ask.Int(1) != 0});
+    }
+    return codes;
+}
+
+void DeleteSecret(uint32_t account, SecretState state)
+{
+    SigninDatabase()
+        .Prepare("DELETE FROM secret WHERE account = ?1 AND state = ?2")
+        .Bind(1, int64_t{account})
+        .Bind(2, StateText(state))
+        .Run();
+}
+
+void InsertSecret(const MachineKey& key, uint32_t account, const std::string& reference)
+{
+    SecretBytes secret;
+    randombytes_buf(secret.bytes.data(), secret.bytes.size());
+    SigninDatabase()
+        .Prepare("INSERT INTO secret (reference, account, sealed, state, made_boot, made)"
+                 " VALUES (?1, ?2, ?3, 'waiting', ?4, ?5)")
+        .Bind(1, reference)
+        .Bind(2, int64_t{account})
+        .BindBlob(3, Seal(key, {kForSecret, account, reference}, secret.bytes.data(), secret.bytes.size()))
+        .Bind(4, BootId())
+        .Bind(5, BootSeconds())
+        .Run();
+}
+
+void InsertCode(const MachineKey& key, uint32_t account, const SecretFileText& references, size_t position)
+{
+    const std::string& reference = references.codes[position];
+    CodeDigits code;
+    std::snprintf(code.text, sizeof code.text, "%08u", randombytes_uniform(100'000'000));
+    SigninDatabase()
+        .Prepare("INSERT INTO code (reference, secret, position, sealed) VALUES (?1, ?2, ?3, ?4)")
+        .Bind(1, reference)
+        .Bind(2, references.secret)
+        .Bind(3, static_cast<int64_t>(position))
+        .BindBlob(4, Seal(key, {kForCode, account, reference},
+                          reinterpret_cast<const unsigned char*>(code.text), kCodeDigits))
+        .Run();
+}
+
+} // namespace
+
+bool HoldsSealedRows()
+{
+    Statement ask =
+        SigninDatabase().Prepare("SELECT EXISTS (SELECT 1 FROM secret) OR EXISTS (SELECT 1 FROM code)");
+    return ask.Step() && ask.Int(0) != 0;
+}
+
+std::vector<StoredSecret> SecretsOf(uint32_t account)
+{
+    std::vector<StoredSecret> secrets;
+    {
+        Statement ask = SigninDatabase().Prepare(
+            "SELECT reference, state, session, made_boot, made FROM secret WHERE account = ?1");
+        ask.Bind(1, int64_t{account});
+        while (ask.Step()) {
+            secrets.push_back(
+                {ask.Text(0), account, StateOf(ask.Text(1)), ask.Text(2), ask.Text(3), ask.Int(4), {}});
+        }
+    }
+    for (StoredSecret& secret : secrets) {
+        secret.codes = CodesOf(secret.reference);
+    }
+    return secrets;
+}
+
+// --- Making ---
+
+SecretFileText MakeReferences()
+{
+    if (sodium_init() < 0) {
+        throw VaultError(Fault::StateUnavailable);
+    }
+    SecretFileText references{MakeReference(kSecretMarker), {}};
+    for (int i = 0; i < kCodesOfSecret; ++i) {
+        references.codes.push_back(MakeReference(kCodeMarker));
+    }
+    return references;
+}
+
+void StoreWaiting(uint32_t account, const SecretFileText& references)
+{
+    const MachineKey key = MachineKey::Read();
+    Transaction transaction(SigninDatabase());
+    DeleteSecret(account, SecretState::Waiting);
+    EnterKey(key);
+    InsertSecret(key, account, references.secret);
+    for (size_t i = 0; i < references.codes.size(); ++i) {
+        InsertCode(key, account, references, i);
+    }
+    transaction.Commit();
+}
+
+// --- Opening ---
+
+SecretBytes::~SecretBytes()
+{
+    sodium_memzero(bytes.data(), bytes.size());
+}
+
+CodeDigits::~CodeDigits()
+{
+    sodium_memzero(text, sizeof text);
+}
+
+bool OpenSecret(uint32_t account, std::string_view reference, SecretBytes& secret)
+{
+    Statement ask =
+        SigninDatabase().Prepare("SELECT sealed FROM secret WHERE reference = ?1 AND account = ?2");
+    ask.Bind(1, reference).Bind(2, int64_t{account});
+    if (!ask.Step()) {
+        return false;
+    }
+    const MachineKey key = MachineKey::Read();
+    CheckKey(key);
+    Open(key, {kForSecret, account, reference}, ask.Text(0), secret.bytes.data(), secret.bytes.size());
+    return true;
+}
+
+bool OpenCode(uint32_t account, std::string_view reference, CodeDigits& code)
+{
+    Statement ask =
+        SigninDatabase().Prepare("SELECT code.sealed FROM code JOIN secret ON secret.reference = code.secret"
+                                 " WHERE code.reference = ?1 AND secret.account = ?2 AND code.spent = 0");
+    ask.Bind(1, reference).Bind(2, int64_t{account});
+    if (!ask.Step()) {
+        return false;
+    }
+    const MachineKey key = MachineKey::Read();
+    CheckKey(key);
+    Open(key, {kForCode, account, reference}, ask.Text(0), reinterpret_cast<unsigned char*>(code.text),
+         kCodeDigits);
+    return true;
+}
+
+void CheckVault()
+{
+    CheckKey(MachineKey::Read());
+}
+
+// --- Changing ---
+
+int64_t LastStep(const StoredSecret& secret, int64_t newestStep)
+{
+    Statement ask = SigninDatabase().Prepare(
+        "SELECT secret.last_step, coalesce((SELECT last_step FROM account_mark WHERE account = ?2), -1)"
+        " FROM secret WHERE secret.reference = ?1");
+    ask.Bind(1, secret.reference).Bind(2, int64_t{secret.account});
+    if (!ask.Step()) {
+        throw VaultError(Fault::SecretFile); // retired since it was read
+    }
+    const int64_t ofSecret = ask.Int(0);
+    const int64_t ofAccount = ask.Int(1);
+    return ofAccount > newestStep ? ofSecret : std::max(ofSecret, ofAccount);
+}
+
+bool AcceptStep(const StoredSecret& secret, int64_t step, int64_t newestStep)
+{
+    Database& db = SigninDatabase();
+    Transaction transaction(db);
+    if (step <= LastStep(secret, newestStep)) {
+        return false;
+    }
+    if (secret.state == SecretState::Waiting) {
+        DeleteSecret(secret.account, SecretState::Confirmed);
+    }
+    const SecretState state = secret.state == SecretState::Waiting ? SecretState::Confirmed : secret.state;
+    db.Prepare("UPDATE secret SET last_step = ?1, state = ?2"
+               " WHERE reference = ?3 AND account = ?4 AND state = ?5 AND last_step < ?1")
+        .Bind(1, step)
+        .Bind(2, StateText(state))
+        .Bind(3, secret.reference)
+        .Bind(4, int64_t{secret.account})
+        .Bind(5, StateText(secret.state))
+        .Run();
+    if (db.Changes() != 1) {
+        return false;
+    }
+    db.Prepare("INSERT INTO account_mark (account, last_step) VALUES (?1, ?2)"
+               " ON CONFLICT (account) DO UPDATE SET last_step = excluded.last_step")
+        .Bind(1, int64_t{secret.account})
+        .Bind(2, step)
+        .Run();
+    transaction.Commit();
+    return true;
+}
+
+void MakeActive(const StoredSecret& secret)
+{
+    Database& db = SigninDatabase();
+    Transaction transaction(db);
+    DeleteSecret(secret.account, SecretState::Active);
+    db.Prepare(
+          "UPDATE secret SET state = 'active' WHERE reference = ?1 AND account = ?2 AND state = 'confirmed'")
+        .Bind(1, secret.reference)
+        .Bind(2, int64_t{secret.account})
+        .Run();
+    if (db.Changes() != 1) {
+        throw VaultError(Fault::VaultDamaged);
+    }
+    transaction.Commit();
+}
+
+void RetireWaitingSecret(uint32_t account)
+{
+    DeleteSecret(account, SecretState::Waiting);
+}
+
+bool ClaimWaitingSecret(const StoredSecret& secret, std::string_view session)
+{
+    Database& db = SigninDatabase();
+    db.Prepare("UPDATE secret SET session = ?2 WHERE reference = ?1 AND state = 'waiting'")
+        .Bind(1, secret.reference)
+        .BindBlob(2, session)
+        .Run();
+    return db.Changes() == 1;
+}
+
+bool IsSwitchingOff(uint32_t account)
+{
+    Statement ask = SigninDatabase().Prepare("SELECT switching_off FROM account_mark WHERE account = ?1");
+    ask.Bind(1, int64_t{account});
+    return ask.Step() && ask.Int(0) != 0;
+}
+
+void MarkAsSwitchingOff(uint32_t account)
+{
+    SigninDatabase()
+        .Prepare("INSERT INTO account_mark (account, switching_off) VALUES (?1, 1)"
+                 " ON CONFLICT (account) DO UPDATE SET switching_off = 1")
+        .Bind(1, int64_t{account})
+        .Run();
+}
+
+void FinishSwitchingOff(uint32_t account)
+{
+    Database& db = SigninDatabase();
+    Transaction transaction(db);
+    db.Prepare("DELETE FROM secret WHERE account = ?1").Bind(1, int64_t{account}).Run();
+    db.Prepare("UPDATE account_mark SET switching_off = 0 WHERE account = ?1")
+        .Bind(1, int64_t{account})
+        .Run();
+    transaction.Commit();
+}
+
+std::vector<uint32_t> AccountsWithWaiting()
+{
+    std::vector<uint32_t> accounts;
+    Statement ask = SigninDatabase().Prepare("SELECT account FROM secret WHERE state = 'waiting'");
+    while (ask.Step()) {
+        accounts.push_back(static_cast<uint32_t>(ask.Int(0)));
+    }
+    return accounts;
+}
+
+// --- Faults ---
+
+Fault FaultOf(const DatabaseError& error)
+{
+    switch (error.code & 0xff) {
+    case SQLITE_ERROR: // no such table or column: not our tables
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB:
+    case SQLITE_MISMATCH:
+    case SQLITE_CONSTRAINT:
+        return Fault::VaultDamaged;
+    default:
+        return Fault::StateUnavailable;
+    }
+}
+
+void LogFault(Fault fault, const char* reason)
+{
+    syslog(LOG_AUTH | LOG_ERR, "vault: %s: %s", FaultText(fault), reason);
+}
+
+} // namespace tavr

@@ -1,0 +1,131 @@
+// The vault: accounts' secrets and emergency codes as sealed rows of the sign-in database, looked up by the
+// references that stand in the secret files. What a row says is bound to its reference, its account and its
+// purpose, so that a row moved in the database does not open.
+//
+// Functions throw DatabaseError when the database cannot be used, VaultError when key or rows are not as they
+// should be. Nothing here takes the account's lock; who changes something holds it (enrolment.h).
+#pragma once
+
+#include "linux/database.h"
+#include "linux/machine_key.h"
+#include "linux/secret_file.h"
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace tavr
+{
+
+inline constexpr size_t kSecretBytes = 20; // 160 bits
+inline constexpr int kCodesOfSecret = 10;  // emergency codes, kCodeDigits decimal digits each
+inline constexpr size_t kCodeDigits = 8;
+
+enum class SecretState {
+    Waiting,   // made, no code seen yet
+    Confirmed, // a code was accepted, its file is not in place yet
+    Active,    // the account's secret
+};
+
+struct StoredCode {
+    std::string reference;
+    bool spent = false;
+};
+
+struct StoredSecret {
+    std::string reference;
+    uint32_t account = 0;
+    SecretState state = SecretState::Waiting;
+    std::string session;           // whose page asked for it; empty: nobody's yet
+    std::string madeBoot;          // the BootId() it was made under
+    int64_t made = 0;              // BootSeconds()
+    std::vector<StoredCode> codes; // in the order of the file's lines
+};
+
+// The account's secrets, one of each state at most.
+std::vector<StoredSecret> SecretsOf(uint32_t account);
+
+// Whether there is anything that the loss of the machine key would lose.
+bool HoldsSealedRows();
+
+// --- Making ---
+
+// References for a new secret and its codes; nothing is stored yet.
+SecretFileText MakeReferences();
+
+// Draws the secret and its codes, seals them under these references and stores them as the account's waiting
+// secret, in place of the one that waited. Durable when it returns.
+void StoreWaiting(uint32_t account, const SecretFileText& references);
+
+// --- Opening ---
+
+// 160 bits in the clear, wiped at the end of the scope.
+struct SecretBytes {
+    std::array<unsigned char, kSecretBytes> bytes{};
+    SecretBytes() = default;
+    SecretBytes(const SecretBytes&) = delete;
+    SecretBytes& operator=(const SecretBytes&) = delete;
+    ~SecretBytes();
+};
+
+// False when the account has no such live secret or code (a spent one is none).
+bool OpenSecret(uint32_t account, std::string_view reference, SecretBytes& secret);
+struct CodeDigits {
+    char text[kCodeDigits + 1] = {};
+    CodeDigits() = default;
+    CodeDigits(const CodeDigits&) = delete;
+    CodeDigits& operator=(const CodeDigits&) = delete;
+    ~CodeDigits();
+};
+bool OpenCode(uint32_t account, std::string_view reference, CodeDigits& code);
+
+// Throws what opening a row would: for asking before anything depends on it.
+void CheckVault();
+
+// --- Changing; each durable when it returns ---
+
+// The last time step of which this account's secret accepted a code; -1: none. Steps used with the account's
+// earlier secrets count too, but for those further ahead than `newestStep`: a clock that was wrong once
+// must not close a new secret.
+int64_t LastStep(const StoredSecret& secret, int64_t newestStep);
+
+// Stores `step` as accepted, if the secret still stands as `secret` has it and no step at or after it was
+// accepted meanwhile; else false. A waiting secret is confirmed by it and replaces one confirmed earlier.
+bool AcceptStep(const StoredSecret& secret, int64_t step, int64_t newestStep);
+
+void MakeActive(const StoredSecret& secret); // the former active one is retired with its codes
+void RetireWaitingSecret(uint32_t account);
+bool ClaimWaitingSecret(const StoredSecret& secret, std::string_view session); // false: it waits no more
+
+bool IsSwitchingOff(uint32_t account);
+void MarkAsSwitchingOff(uint32_t account);
+void FinishSwitchingOff(uint32_t account); // retires every secret and takes the mark back
+
+std::vector<uint32_t> AccountsWithWaiting();
+
+// --- Faults ---
+
+Fault FaultOf(const DatabaseError& error);
+
+// Runs `work`; what the vault or the database threw comes back as a fault, and is logged with its reason.
+void LogFault(Fault fault, const char* reason);
+template<typename Work>
+Fault FaultIn(Work&& work)
+{
+    try {
+        std::forward<Work>(work)();
+    } catch (const VaultError& error) {
+        LogFault(error.fault, "the machine key and the rows");
+        return error.fault;
+    } catch (const DatabaseError& error) {
+        LogFault(FaultOf(error), error.what());
+        return FaultOf(error);
+    }
+    return Fault::None;
+}
+
+} // namespace tavr
