@@ -69,6 +69,7 @@ class Wizard {
     this.on("finish", () => this.leave());
     if (this.showOnly) {
       this.host.querySelector(".steps").hidden = true;
+      byId("wizard-password-hint").textContent = text("wizard:password_hint_show");
       this.host.querySelector("[data-action=scanned]").textContent = text("wizard:close");
       this.host.querySelector("[data-panel=scan] [data-action=leave]").hidden = true;
     }

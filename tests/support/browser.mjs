@@ -1,0 +1,71 @@
+// Chromium for a test, and a watch on what a page must not do: errors in the console, scripts that throw, requests to
+// another host, violations of the content security policy.
+import { spawnSync } from "node:child_process";
+import { mkdirSync, rmSync, writeFileSync } from "node:fs";
+import { createRequire } from "node:module";
+import { dirname, join } from "node:path";
+import { fileURLToPath } from "node:url";
+
+const kSource = dirname(dirname(dirname(fileURLToPath(import.meta.url))));
+const npm = createRequire(join(kSource, "build/npm/"));
+const { chromium } = npm("playwright-core");
+const kAxe = npm.resolve("axe-core/axe.min.js");
+const kFlags = ["--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
+  "--disable-component-update", "--disable-sync"];
+
+export const kScreenshots = join(process.env.TEST_BUILD ?? join(kSource, "build/dev"), "screenshots");
+
+export async function startBrowser() {
+  mkdirSync(kScreenshots, { recursive: true });
+  return chromium.launch({ executablePath: "/usr/bin/chromium", args: kFlags });
+}
+
+// A fresh profile. `problems` fills with one line for each thing that went wrong.
+export async function newVisitor(browser, base, options = {}) {
+  const context = await browser.newContext({ baseURL: base, locale: "en-GB", viewport: { width: 1280, height: 900 },
+    bypassCSP: options.withAxe ?? false, ...options });
+  context.setDefaultTimeout(10_000);
+  const problems = [];
+  context.on("page", (page) => watch(page, base, problems));
+  return { context, problems };
+}
+
+function watch(page, base, problems) {
+  page.on("pageerror", (error) => problems.push(`script: ${error.message}`));
+  page.on("request", (request) => {
+    if (!request.url().startsWith(`${base}/`) && !request.url().startsWith("data:")) {
+      problems.push(`request to ${request.url()}`);
+    }
+  });
+  page.on("response", (response) => {
+    if (response.status() >= 400 && !response.url().startsWith(`${base}/api/`)) {
+      problems.push(`${response.status()} for ${response.url()}`);
+    }
+  });
+  page.on("console", (message) => {
+    // The browser's own line for an answer of 400 and above. Refusals of the interface are such answers.
+    const refusal = message.text().startsWith("Failed to load resource") &&
+      message.location().url.startsWith(`${base}/api/`);
+    if (["error", "warning"].includes(message.type()) && !refusal) {
+      problems.push(`console: ${message.text()}`);
+    }
+  });
+}
+
+// What axe finds in the page as it stands, one line a finding.
+export async function accessibilityFindings(page) {
+  if (!await page.evaluate(() => "axe" in window)) {
+    await page.addScriptTag({ path: kAxe });
+  }
+  const { violations } = await page.evaluate(() => window.axe.run(document, { resultTypes: ["violations"] }));
+  return violations.flatMap(({ id, nodes }) => nodes.map((node) => `${id}: ${node.target} ${node.failureSummary}`));
+}
+
+// The text of the QR code in an element, as a camera would read it off the screen.
+export async function readQr(element) {
+  const file = `/tmp/qr-${process.pid}.png`;
+  writeFileSync(file, await element.screenshot());
+  const result = spawnSync("zbarimg", ["-q", "--raw", file], { encoding: "utf8" });
+  rmSync(file);
+  return result.stdout.trim();
+}

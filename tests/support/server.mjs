@@ -1,0 +1,123 @@
+// The whole server for a test: system log, accounts, tavr-otp-web, lighttpd. Runs in a private view, where the fixed
+// paths are real and fresh; everything ends with stop(), and with the view at the latest.
+import { spawn, spawnSync } from "node:child_process";
+import { existsSync, mkdirSync, readFileSync, rmSync, writeFileSync } from "node:fs";
+import { createServer } from "node:net";
+import { setTimeout as sleep } from "node:timers/promises";
+
+const kClockFile = "/run/tavr-test-clock";
+const kLogFile = "/var/log/messages";
+const kStartMs = 10_000;
+
+// `accounts`: { name: [options of `tavrctl user add`] }, each with a password of its own.
+export async function startServer({ accounts = { alice: [] }, workers = 2 } = {}) {
+  const server = new Server();
+  try {
+    await server.start(accounts, workers);
+  } catch (error) {
+    await server.stop();
+    throw error;
+  }
+  return server;
+}
+
+// Runs a console command, with `input` on its standard input, and gives its output. Throws when it fails.
+export function run(command, args, input = "") {
+  const result = spawnSync(command, args, { input, encoding: "utf8" });
+  if (result.status !== 0) {
+    throw new Error(`${command} ${args[0] ?? ""}: status ${result.status} ${result.error ?? ""}\n${result.stderr}`);
+  }
+  return result.stdout;
+}
+
+class Server {
+  passwords = {};
+  clockOffset = 0;
+  #processes = [];
+
+  async start(accounts, workers) {
+    this.#spawn("busybox", ["syslogd", "-n", "-O", kLogFile]);
+    await this.#until(() => existsSync("/dev/log"), "the system log");
+    mkdirSync("/run/tavr", { recursive: true });
+    run("tavrctl", ["setup"]);
+    for (const [name, options] of Object.entries(accounts)) {
+      this.passwords[name] = `${name}'s pässword 1`;
+      run("tavrctl", ["user", "add", name, ...options, "--password-stdin"], this.passwords[name]);
+    }
+    const port = await freePort();
+    this.url = `http://127.0.0.1:${port}`;
+    this.web = this.#spawn("tavr-otp-web", ["--workers", String(workers)]);
+    this.lighttpd = this.#spawn("lighttpd", ["-D", "-f", "/usr/share/tavr-otp/lighttpd.conf"],
+      { ...process.env, TAVR_PORT: String(port) });
+    await this.#until(async () => {
+      const answer = await fetch(`${this.url}/api/session`).catch(() => null);
+      await answer?.body?.cancel();
+      return answer?.status === 401;
+    }, "the web program");
+  }
+
+  // Ends what was started last first, and waits for it.
+  async stop() {
+    for (const child of this.#processes.reverse()) {
+      if (child.exitCode === null && child.signalCode === null) {
+        const ended = new Promise((resolve) => child.once("exit", resolve));
+        child.kill("SIGTERM");
+        await ended;
+      }
+    }
+    this.#processes = [];
+    rmSync(kClockFile, { force: true });
+  }
+
+  // Moves the server's clocks `seconds` ahead of where they are. Nothing has to wait for the next code.
+  advance(seconds) {
+    this.clockOffset += seconds;
+    writeFileSync(kClockFile, `${this.clockOffset} ${this.clockOffset}\n`);
+  }
+
+  // The code that an app with this key shows now, on the server's clock.
+  code(key) {
+    const now = Math.floor(Date.now() / 1000) + this.clockOffset;
+    return run("oathtool", ["--totp", "--base32", `--now=@${now}`, "-"], `${key}\n`).trim();
+  }
+
+  // One that is wrong now, before and after.
+  wrongCode(key) {
+    const now = Math.floor(Date.now() / 1000) + this.clockOffset;
+    const near = run("oathtool", ["--totp", "--base32", `--now=@${now - 90}`, "--window=6", "-"], `${key}\n`);
+    return ["000000", "111111", "222222", "333333", "444444", "555555", "666666", "777777"].find((c) => !near.includes(c));
+  }
+
+  log() {
+    return readFileSync(kLogFile, "utf8");
+  }
+
+  #spawn(command, args, env = process.env) {
+    const child = spawn(command, args, { env, stdio: ["ignore", "inherit", "inherit"] });
+    child.on("error", (error) => { child.failed = error; });
+    this.#processes.push(child);
+    return child;
+  }
+
+  async #until(ready, what) {
+    const end = Date.now() + kStartMs;
+    while (!await ready()) {
+      const dead = this.#processes.find((child) => child.failed || child.exitCode !== null);
+      if (dead || Date.now() > end) {
+        throw new Error(`${what} did not start${dead ? `: ${dead.spawnfile} ended, ${dead.failed ?? dead.exitCode}` : ""}`);
+      }
+      await sleep(20);
+    }
+  }
+}
+
+function freePort() {
+  return new Promise((resolve, reject) => {
+    const probe = createServer();
+    probe.once("error", reject);
+    probe.listen(0, "127.0.0.1", () => {
+      const { port } = probe.address();
+      probe.close(() => resolve(port));
+    });
+  });
+}
