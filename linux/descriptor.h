@@ -28,6 +28,7 @@ public:
 
     explicit operator bool() const { return fd_ >= 0; }
     [[nodiscard]] int Get() const { return fd_; }
+    [[nodiscard]] int Release() { return std::exchange(fd_, -1); } // the caller's from here on
 
 private:
     int fd_ = -1;

@@ -1,15 +1,36 @@
 // The system settings: /etc/tavrinfo.conf, lines key="value", everything else kept and ignored.
+//
+// Blanks around key, equals sign and value are allowed, and so is a value without quotes. Nothing inside the
+// quotes is special. Of several lines with one key the last counts.
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
 namespace tavr
 {
 
-// The value of `key`, or `fallback` where the file or the key is missing. Re-read when the file has changed.
+// The value of `key`, or `fallback` where the file or the key is missing. Re-read when the file has changed;
+// one that is there and cannot be read leaves the values that were read before, and a log line.
 std::string Setting(std::string_view key, std::string_view fallback);
-int64_t NumberSetting(std::string_view key, int64_t fallback, int64_t least, int64_t most);   // outside: fallback, logged once
+int64_t NumberSetting(std::string_view key, int64_t fallback, int64_t least,
+                      int64_t most); // outside: fallback, logged once
 
-}  // namespace tavr
+// Sets a key by a new file, synced and renamed into place inside /etc/tavr; lines that it does not know stay.
+// Raises the ids for it. False: nothing has changed, and the platform error record says why. A key is
+// lower-case letters, digits and "_"; a value has no control character and no double quote.
+bool WriteSetting(std::string_view key, std::string_view value);
+
+// The value of `key` in a text of such lines.
+std::optional<std::string> FindKey(std::string_view text, std::string_view key);
+
+// The text with the key's value set, in the key's last line or in a new one at the end.
+std::string ReplaceKey(std::string_view text, std::string_view key, std::string_view value);
+
+// Reads a settings file (at most 1 MiB, a regular file), whole: a file that changes meanwhile is read again.
+enum class FileRead { Done, Absent, Failed };
+FileRead ReadWholeFile(const char* path, std::string& text);
+
+} // namespace tavr

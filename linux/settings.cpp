@@ -1,0 +1,304 @@
+#include "linux/settings.h"
+
+#include "linux/descriptor.h"
+#include "linux/error.h"
+#include "linux/ids.h"
+#include "linux/paths.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <set>
+
+namespace tavr
+{
+
+namespace
+{
+
+constexpr off_t kMaxSize = 1 << 20;
+constexpr int kReadTries = 5;
+constexpr char kFileName[] = "tavrinfo.conf"; // in kConfigDir
+constexpr char kNewName[] = "tavrinfo.conf.new";
+constexpr char kLockName[] = "settings.lock";
+
+// What tells one state of a file from another.
+struct Stamp {
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = -1;
+    int64_t modified = 0;
+    int64_t changed = 0;
+    bool operator==(const Stamp&) const = default;
+};
+
+Stamp StampOf(const struct stat& entry)
+{
+    constexpr int64_t kNano = 1'000'000'000;
+    return {entry.st_dev, entry.st_ino, entry.st_size, entry.st_mtim.tv_sec * kNano + entry.st_mtim.tv_nsec,
+            entry.st_ctim.tv_sec * kNano + entry.st_ctim.tv_nsec};
+}
+
+bool ReadAll(int fd, std::string& text)
+{
+    char block[4096];
+    ssize_t got = 0;
+    while ((got = read(fd, block, sizeof block)) > 0) {
+        text.append(block, static_cast<size_t>(got));
+        if (text.size() > static_cast<size_t>(kMaxSize)) {
+            return false;
+        }
+    }
+    return got == 0;
+}
+
+bool WriteAll(int fd, std::string_view text)
+{
+    while (!text.empty()) {
+        const ssize_t put = write(fd, text.data(), text.size());
+        if (put < 0 && errno == EINTR) {
+            continue;
+        }
+        if (put <= 0) {
+            return false;
+        }
+        text.remove_prefix(static_cast<size_t>(put));
+    }
+    return true;
+}
+
+// O_NONBLOCK: a FIFO at the place must not stop the process.
+FileRead ReadStamped(const char* path, std::string& text, Stamp& stamp)
+{
+    for (int i = 0; i < kReadTries; ++i) {
+        const Descriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+        if (!file) {
+            return errno == ENOENT || errno == ENOTDIR ? FileRead::Absent : FileRead::Failed;
+        }
+        struct stat before {
+        };
+        struct stat after {
+        };
+        std::string read;
+        if (fstat(file.Get(), &before) != 0 || !S_ISREG(before.st_mode) || !ReadAll(file.Get(), read) ||
+            fstat(file.Get(), &after) != 0) {
+            return FileRead::Failed;
+        }
+        if (StampOf(before) == StampOf(after) && static_cast<off_t>(read.size()) == after.st_size) {
+            text = std::move(read);
+            stamp = StampOf(after);
+            return FileRead::Done;
+        }
+    }
+    return FileRead::Failed;
+}
+
+std::string_view Trim(std::string_view text)
+{
+    const auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r'; };
+    while (!text.empty() && blank(text.front())) {
+        text.remove_prefix(1);
+    }
+    while (!text.empty() && blank(text.back())) {
+        text.remove_suffix(1);
+    }
+    return text;
+}
+
+struct Line {
+    std::string_view key; // empty: a comment, or nothing that this format knows
+    std::string_view value;
+};
+
+Line ParseLine(std::string_view text)
+{
+    text = Trim(text);
+    const size_t equals = text.find('=');
+    if (text.empty() || text.front() == '#' || equals == std::string_view::npos) {
+        return {};
+    }
+    Line line{Trim(text.substr(0, equals)), Trim(text.substr(equals + 1))};
+    if (line.value.size() >= 2 && line.value.front() == '"' && line.value.back() == '"') {
+        line.value = line.value.substr(1, line.value.size() - 2);
+    }
+    return line;
+}
+
+// Calls each(start of the line, line without its end).
+template<class Each>
+void ForEachLine(std::string_view text, Each each)
+{
+    for (size_t start = 0; start < text.size();) {
+        const size_t end = std::min(text.find('\n', start), text.size());
+        each(start, text.substr(start, end - start));
+        start = end + 1;
+    }
+}
+
+// The settings as last read.
+struct Kept {
+    Stamp stamp;
+    std::string text;
+    bool complained = false;
+};
+
+const std::string& CurrentText()
+{
+    static Kept kept;
+    struct stat entry {
+    };
+    if (stat(kSettingsFile, &entry) == 0 && StampOf(entry) == kept.stamp) {
+        return kept.text;
+    }
+    std::string text;
+    Stamp stamp;
+    switch (ReadStamped(kSettingsFile, text, stamp)) {
+    case FileRead::Done:
+        kept = {stamp, std::move(text), false};
+        break;
+    case FileRead::Absent:
+        kept = {};
+        break;
+    case FileRead::Failed:
+        if (!kept.complained) {
+            syslog(LOG_ERR, "cannot read %s, going on with what was read before: %m", kSettingsFile);
+        }
+        kept.complained = true;
+        break;
+    }
+    return kept.text;
+}
+
+bool IsKey(std::string_view key)
+{
+    return !key.empty() && std::all_of(key.begin(), key.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
+    });
+}
+
+bool IsValue(std::string_view value)
+{
+    return std::none_of(value.begin(), value.end(),
+                        [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 0x7f || c == '"'; });
+}
+
+// Replaces the file inside `folder` by one with this text.
+bool ReplaceFile(int folder, std::string_view text)
+{
+    unlinkat(folder, kNewName, 0); // of a writer that was killed
+    Descriptor file(openat(folder, kNewName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    const bool written = file && fchmod(file.Get(), 0644) == 0 && WriteAll(file.Get(), text) &&
+                         fsync(file.Get()) == 0 && close(file.Release()) == 0 &&
+                         renameat(folder, kNewName, folder, kFileName) == 0;
+    if (!written) {
+        unlinkat(folder, kNewName, 0);
+        return false;
+    }
+    return fsync(folder) == 0;
+}
+
+} // namespace
+
+std::string Setting(std::string_view key, std::string_view fallback)
+{
+    const auto value = FindKey(CurrentText(), key);
+    return value ? *value : std::string(fallback);
+}
+
+int64_t NumberSetting(std::string_view key, int64_t fallback, int64_t least, int64_t most)
+{
+    const auto text = FindKey(CurrentText(), key);
+    if (!text) {
+        return fallback;
+    }
+    int64_t number = 0;
+    const auto [end, code] = std::from_chars(text->data(), text->data() + text->size(), number);
+    if (code == std::errc() && end == text->data() + text->size() && number >= least && number <= most) {
+        return number;
+    }
+    static std::set<std::string, std::less<>> complained;
+    if (complained.insert(std::string(key)).second) {
+        syslog(LOG_ERR, "setting %s is no number from %lld to %lld, using %lld", std::string(key).c_str(),
+               static_cast<long long>(least), static_cast<long long>(most), static_cast<long long>(fallback));
+    }
+    return fallback;
+}
+
+bool WriteSetting(std::string_view key, std::string_view value)
+{
+    if (!IsKey(key) || !IsValue(value)) {
+        Fail(Error::BadParameter);
+        return false;
+    }
+    const EffectiveIds root = EffectiveIds::Root();
+    if (!root.Changed()) {
+        Fail(Error::NotAllowed);
+        return false;
+    }
+    const Descriptor folder(open(kConfigDir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder) {
+        Fail(Error::OpenFailed);
+        return false;
+    }
+    const Descriptor lock(openat(folder.Get(), kLockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!lock || flock(lock.Get(), LOCK_EX) != 0) {
+        Fail(Error::OpenFailed);
+        return false;
+    }
+    std::string text;
+    Stamp stamp;
+    if (ReadStamped((std::string(kConfigDir) + "/" + kFileName).c_str(), text, stamp) == FileRead::Failed) {
+        Fail(Error::ReadFailed);
+        return false;
+    }
+    if (!ReplaceFile(folder.Get(), ReplaceKey(text, key, value))) {
+        Fail(Error::WriteFailed);
+        return false;
+    }
+    return true;
+}
+
+std::optional<std::string> FindKey(std::string_view text, std::string_view key)
+{
+    std::optional<std::string> found;
+    ForEachLine(text, [&](size_t, std::string_view line) {
+        const Line parsed = ParseLine(line);
+        if (!parsed.key.empty() && parsed.key == key) {
+            found = parsed.value;
+        }
+    });
+    return found;
+}
+
+std::string ReplaceKey(std::string_view text, std::string_view key, std::string_view value)
+{
+    size_t place = text.size();
+    size_t length = 0;
+    ForEachLine(text, [&](size_t start, std::string_view line) {
+        if (ParseLine(line).key == key) {
+            place = start;
+            length = line.size();
+        }
+    });
+    std::string replaced(text.substr(0, place));
+    if (length == 0 && !replaced.empty() && replaced.back() != '\n') {
+        replaced += '\n';
+    }
+    replaced.append(key).append("=\"").append(value).append("\"");
+    replaced.append(length == 0 ? "\n" : text.substr(place + length));
+    return replaced;
+}
+
+FileRead ReadWholeFile(const char* path, std::string& text)
+{
+    Stamp stamp;
+    return ReadStamped(path, text, stamp);
+}
+
+} // namespace tavr
