@@ -12,15 +12,21 @@ namespace tavr
 // Longest canonical name in bytes; what a caller of platform/ has room for, less the terminator.
 inline constexpr size_t kMaxName = 492;
 
-// The canonical spelling of a name as typed: `name` (local, lower case), `DOMAIN\user` or `user@domain`. Empty
-// for what can be no name: control characters, slashes, over-long, not UTF-8, an empty part.
+// The canonical spelling of a name as typed: `name` (local), `DOMAIN\user` or `user@domain`. Empty for what
+// can be no name: not UTF-8, over-long, an empty part, slashes, control and format characters, blanks other
+// than the common one, and characters that are mere variants of others (ligatures, mathematical alphabets).
+//
+// Blanks at the ends do not count; letters are composed (NFC), of usual width, and lower case but for an
+// ASCII domain before a backslash, which is upper case. A canonical name is its own canonical spelling.
 std::optional<std::string> CanonicalName(std::string_view typed);
 
-// Folder name for a canonical name: injective, at most 255 bytes, never "." or "..", no slash.
+// Folder name for a canonical name: injective, at most 255 bytes, never "." or "..", no slash. Bytes other
+// than a-z, 0-9, "_", "-" and "." (and a dot in front) are "%" and two digits; a name too long for that ends
+// in "%-" and its hash.
 std::string FolderName(std::string_view canonicalName);
 
 // Absolute paths made of it. They create nothing.
-std::string PreferencePath(std::string_view canonicalName);   // no final slash
+std::string PreferencePath(std::string_view canonicalName); // no final slash
 std::string SecretPath(std::string_view canonicalName);
 
-}  // namespace tavr
+} // namespace tavr

@@ -1,0 +1,217 @@
+#include "linux/names.h"
+
+#include "platform/cgi.h"
+#include "platform/core.h"
+#include "platform/secrets.h"
+
+#include <gtest/gtest.h>
+#include <utf8proc.h>
+
+#include <cstring>
+#include <set>
+
+using tavr::CanonicalName;
+using tavr::FolderName;
+
+TEST(CanonicalNames, GiveEverySpellingOneForm)
+{
+    const struct {
+        const char* typed;
+        const char* canonical;
+        const char* reason;
+    } cases[] = {
+        {"alice", "alice", "as it is"},
+        {"Alice", "alice", "case"},
+        {"  ALICE ", "alice", "blanks at the ends"},
+        {"mary ann", "mary ann", "a blank inside"},
+        {"o'neil-1_x.y", "o'neil-1_x.y", "marks"},
+        {"J\xC3\x96RG", "j\xC3\xB6rg", "a letter beyond ASCII"},
+        {"Jo\xCC\x88rg", "j\xC3\xB6rg", "decomposed"},
+        {"JO\xCC\x88RG", "j\xC3\xB6rg", "decomposed capitals"},
+        {"I\xCC\x87x", "ix", "decomposed dotted capital I, as composed"},
+        {"\xC4\xB0x", "ix", "composed dotted capital I"},
+        {"\xE2\x84\xAA"
+         "elvin",
+         "kelvin", "the sign for kelvin is a k"},
+        {"\xEF\xBC\xA1lice", "alice", "full width"},
+        {"\xE3\x80\x80"
+         "alice",
+         "alice", "a full-width blank in front"},
+        {"corp\\Alice", "CORP\\alice", "domain user"},
+        {"CORP\\alice@x", "CORP\\alice@x", "domain user with an at sign"},
+        {"corp\xEF\xBC\xBC"
+         "alice",
+         "CORP\\alice", "full-width backslash"},
+        {"Mia@Office.Example", "mia@office.example", "directory user"},
+        {"..", "..", "dots"},
+        {"-rf", "-rf", "a dash in front"},
+    };
+    for (const auto& one : cases) {
+        EXPECT_EQ(one.canonical, CanonicalName(one.typed).value_or("refused")) << one.reason;
+        EXPECT_EQ(one.canonical, CanonicalName(one.canonical).value_or("refused")) << one.reason << ", again";
+    }
+}
+
+TEST(CanonicalNames, RefuseWhatCanBeNoName)
+{
+    const struct {
+        std::string typed;
+        const char* reason;
+    } cases[] = {
+        {"", "empty"},
+        {"   ", "blanks"},
+        {"a/b", "slash"},
+        {"a\xEF\xBC\x8F"
+         "b",
+         "full-width slash"},
+        {"a\nb", "line feed"},
+        {std::string("a\0b", 3), "NUL"},
+        {"a\tb", "tab"},
+        {"a\x7F", "delete"},
+        {"\xC2\x85"
+         "a",
+         "C1 control"},
+        {"a\xE2\x80\xAE"
+         "b",
+         "direction override"},
+        {"a\xE2\x80\x8B"
+         "b",
+         "zero-width space"},
+        {"a\xC2\xAD"
+         "b",
+         "soft hyphen"},
+        {"a\xEF\xBB\xBF", "byte order mark"},
+        {"a\xC2\xA0"
+         "b",
+         "no-break space"},
+        {"\xEF\xAC\x81le", "ligature"},
+        {"\xF0\x9D\x90\x9A"
+         "dmin",
+         "mathematical letter"},
+        {"a\xEE\x80\x80", "private use"},
+        {"a\xCD\xB8", "unassigned"},
+        {"a\xFF", "not UTF-8"},
+        {"a\xC3", "cut UTF-8"},
+        {"\xC0\xAF", "over-long form of a slash"},
+        {"\xED\xA0\x80", "surrogate"},
+        {"\\alice", "no domain"},
+        {"CORP\\", "no user"},
+        {"CORP\\a\\b", "two backslashes"},
+        {"a@b\\c", "at sign in a domain's name"},
+        {"CORP\\ alice", "blank at the start of a part"},
+        {"@b", "no user before the at sign"},
+        {"a@", "nothing behind the at sign"},
+        {"a@b@c", "two at signs"},
+        {std::string(493, 'a'), "over-long"},
+        {std::string(200, '\xCC'), "not UTF-8, and long"},
+    };
+    for (const auto& one : cases) {
+        EXPECT_EQ("refused", CanonicalName(one.typed).value_or("refused")) << one.reason;
+    }
+    EXPECT_EQ(std::string(492, 'a'), CanonicalName(std::string(492, 'A')));
+}
+
+TEST(CanonicalNames, AreTheirOwnCanonicalSpellingForEveryCharacter)
+{
+    for (utf8proc_int32_t character = 1; character <= 0x10FFFF; ++character) {
+        if (!utf8proc_codepoint_valid(character)) {
+            continue;
+        }
+        utf8proc_uint8_t bytes[4];
+        const auto size = utf8proc_encode_char(character, bytes);
+        const std::string text(reinterpret_cast<const char*>(bytes), static_cast<size_t>(size));
+        for (const std::string& typed : {text, "x" + text + "y", "x" + text + "\xCC\x81"}) {
+            const auto name = CanonicalName(typed);
+            if (name) {
+                ASSERT_EQ(*name, CanonicalName(*name).value_or("refused")) << std::hex << character;
+            }
+        }
+    }
+}
+
+TEST(FolderNames, KeepPlainNamesAndEncodeTheRest)
+{
+    EXPECT_EQ("alice", FolderName("alice"));
+    EXPECT_EQ("a.b-c_9", FolderName("a.b-c_9"));
+    EXPECT_EQ("%2E.", FolderName(".."));
+    EXPECT_EQ("%2E", FolderName("."));
+    EXPECT_EQ("%43%4F%52%50%5Calice", FolderName("CORP\\alice"));
+    EXPECT_EQ("mia%40office.example", FolderName("mia@office.example"));
+    EXPECT_EQ("a%25b", FolderName("a%b"));
+    EXPECT_EQ("j%C3%B6rg", FolderName("j\xC3\xB6rg"));
+    EXPECT_EQ("/usr/tavr/etc/preference/alice", tavr::PreferencePath("alice"));
+    EXPECT_EQ("/usr/tavr/etc/preference/alice/otp_secret", tavr::SecretPath("alice"));
+}
+
+TEST(FolderNames, AreDifferentForDifferentNames)
+{
+    std::set<std::string> folders;
+    std::set<std::string> names;
+    const auto add = [&](const std::string& name) {
+        const std::string folder = FolderName(name);
+        EXPECT_LE(folder.size(), 255U);
+        EXPECT_EQ(std::string::npos, folder.find('/'));
+        EXPECT_NE('.', folder.front());
+        folders.insert(folder);
+        names.insert(name);
+    };
+    // Every text of up to three of these, which are what an encoding could mix up.
+    const std::string hard = "a%25.-\\E@ ";
+    for (const char a : hard) {
+        add({a});
+        for (const char b : hard) {
+            add({a, b});
+            for (const char c : hard) {
+                add({a, b, c});
+            }
+        }
+    }
+    // Around the length where names are shortened.
+    for (size_t length = 250; length <= 260; ++length) {
+        add(std::string(length, 'a'));
+        add(std::string(length, 'a') + "%");
+        add(std::string(length - 1, 'a') + "b");
+    }
+    for (size_t length = 80; length <= 90; ++length) {
+        add(std::string(length, '\\'));
+    }
+    add(std::string(491, 'a') + "x");
+    add(std::string(491, 'a') + "y");
+    EXPECT_EQ(names.size(), folders.size());
+}
+
+TEST(ParseInputUserName, WritesTheCanonicalNameIfItFits)
+{
+    char out[493];
+    std::memset(out, '#', sizeof out);
+    EXPECT_EQ(0, WebUtils::ParseInputUserName(" Corp\\Alice", out, sizeof out));
+    EXPECT_STREQ("CORP\\alice", out);
+    EXPECT_EQ(0, WebUtils::ParseInputUserName("ALICE", out, 6));
+    EXPECT_STREQ("alice", out);
+    EXPECT_GT(0, WebUtils::ParseInputUserName("bobby", out, 5));
+    EXPECT_EQ(0x0300, KLIBCErrGet());
+    EXPECT_STREQ("alice", out) << "untouched on failure";
+    EXPECT_GT(0, WebUtils::ParseInputUserName("a/b", out, sizeof out));
+    EXPECT_EQ(0x1400, KLIBCErrGet());
+    EXPECT_STREQ("names.cpp", KLIBCErrorGetFile());
+    EXPECT_GT(0, WebUtils::ParseInputUserName(nullptr, out, sizeof out));
+    EXPECT_GT(0, WebUtils::ParseInputUserName("a", nullptr, 10));
+    EXPECT_GT(0, WebUtils::ParseInputUserName("a", out, 0));
+    EXPECT_STREQ("alice", out);
+    EXPECT_EQ(0, WebUtils::ParseInputUserName(std::string(492, 'a').c_str(), out, sizeof out));
+}
+
+TEST(SecretPath, IsTheSameForEverySpellingAndCreatesNothing)
+{
+    char first[4096] = {};
+    char second[4096] = {};
+    EXPECT_EQ(0, TAVRGetSecretPathByUser("Nobody.Yet", first, sizeof first));
+    EXPECT_EQ(0, TAVRGetSecretPathByUser(" nobody.yet ", second, sizeof second));
+    EXPECT_STREQ("/usr/tavr/etc/preference/nobody.yet/otp_secret", first);
+    EXPECT_STREQ(first, second);
+    EXPECT_EQ(0, KLIBCFileExist("/usr/tavr/etc/preference/nobody.yet"));
+    EXPECT_GT(0, TAVRGetSecretPathByUser("../x", second, sizeof second));
+    EXPECT_GT(0, TAVRGetSecretPathByUser("bob", second, 10));
+    EXPECT_GT(0, TAVRGetSecretPathByUser(nullptr, second, 10));
+    EXPECT_STREQ(first, second) << "untouched on failure";
+}
