@@ -6,6 +6,7 @@
 #include "linux/database.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,10 +19,10 @@ inline constexpr int kKindLocal = 1;
 inline constexpr int kKindDomain = 2;
 inline constexpr int kKindLdap = 8;
 
-inline constexpr char kAdministrators[] = "administrators";   // the group whose members administer
+inline constexpr char kAdministrators[] = "administrators"; // the group whose members administer
 
 struct Account {
-    std::string name;   // canonical
+    std::string name; // canonical
     uint32_t uid = 0;
     uint32_t gid = 0;
     int kind = kKindLocal;
@@ -30,15 +31,81 @@ struct Account {
     bool isAdmin = false;
 };
 
+inline constexpr char kUsers[] = "users"; // the primary group of every local account
+
+inline constexpr size_t kMaxPassword = 511; // bytes: crypt's limit
+inline constexpr size_t kMaxMail = 254;
+inline constexpr size_t kMaxDescription = 1024;
+
+// --- Asking ------------------------------------------------------------------------------------------------
+
 // Empty when there is no such account.
 std::optional<Account> FindAccount(std::string_view canonicalName);
 std::optional<Account> FindAccount(uint32_t uid);
 
-// The account if the password is right, else empty. An unknown name costs the work of a wrong password.
+// The account if the password is right, else empty. An unknown name costs the work of a wrong password. An
+// empty password, one beyond kMaxPassword and one that holds a NUL are never right.
 std::optional<Account> CheckPassword(std::string_view canonicalName, std::string_view password);
+
+// In the order of their names.
+void ForEachAccount(const std::function<void(const Account&)>& each);
+
+struct Group {
+    std::string name; // canonical
+    uint32_t gid = 0;
+    std::string description;
+};
+
+std::optional<Group> FindGroup(std::string_view canonicalName);
+void ForEachGroup(const std::function<void(const Group&)>& each); // in the order of their names
+std::vector<uint32_t> GroupsOf(const Account& account);           // the primary one first, then by number
+std::vector<std::string> MembersOf(const Group& group);           // in the order of their names
+
+// --- Changing ----------------------------------------------------------------------------------------------
+
+// What is wrong with a text that is to be stored, in a few words; null: nothing.
+const char* PasswordProblem(std::string_view password);
+const char* MailProblem(std::string_view mail);               // length and control characters only
+const char* DescriptionProblem(std::string_view description); // likewise
+const char* LocalNameProblem(std::string_view canonicalName); // of an account or a group
+
+struct NewAccount {
+    std::string name; // canonical, local
+    std::string description;
+    std::string mail;
+    bool isAdmin = false;
+};
+
+// Empty when the name is taken. A preference directory that a removed account of this name has left behind is
+// deleted first; when that fails, DatabaseError. Texts must have been asked about above, here and below.
+std::optional<Account> AddAccount(const NewAccount& account, std::string_view password);
+
+// Texts that are not given stay as they are, whoever else changes them meanwhile. False: there is no such
+// account.
+struct AccountChange {
+    std::optional<std::string> description;
+    std::optional<std::string> mail;
+};
+bool ChangeAccount(uint32_t uid, const AccountChange& change);
+bool SetPassword(uint32_t uid, std::string_view password);
+
+// Removes the account, then its preference directory unless the name has been given anew by then. `cleaned`
+// is false when the directory could not be deleted; the next account of the name begins with deleting it.
+struct Removal {
+    bool removed = false; // false: there was no such account
+    bool cleaned = false;
+};
+Removal RemoveAccount(uint32_t uid);
+
+std::optional<Group> AddGroup(std::string_view canonicalName, std::string_view description); // empty: taken
+bool IsBuiltIn(const Group& group); // not to be removed
+bool RemoveGroup(
+    const Group& group); // false: there is none, it is built in, or the primary one of an account
+bool JoinGroup(const Account& account, const Group& group);  // false: was a member already
+bool LeaveGroup(const Account& account, const Group& group); // false: was none
 
 // Makes the account's preference directory if it is not there, with the service's ids (raised or not when
 // called); false when it could not be made. Called after the first accepted password.
 bool MakePreferenceDirectory(const Account& account);
 
-}  // namespace tavr
+} // namespace tavr
