@@ -1,0 +1,341 @@
+#include "platform/users.h"
+
+#include "linux/accounts.h"
+#include "linux/error.h"
+#include "linux/names.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <unordered_map>
+
+using tavr::Account;
+using tavr::DatabaseError;
+using tavr::Error;
+using tavr::Fail;
+using tavr::Group;
+
+namespace
+{
+
+constexpr int kSourceLocal = tavr::kKindLocal;
+
+// A record as handed out. Callers may put a mail text of their own into `user`; the texts here are never
+// theirs.
+struct Record {
+    explicit Record(Account found) : account(std::move(found))
+    {
+        user = {account.name.c_str(),        account.uid,         account.gid, account.kind,
+                account.description.c_str(), account.mail.c_str()};
+    }
+    Record(const Record&) = delete;
+    Record& operator=(const Record&) = delete;
+    Account account;
+    TAVRUser user{};
+};
+
+std::unordered_map<const TAVRUser*, std::unique_ptr<Record>>& Records()
+{
+    static std::unordered_map<const TAVRUser*, std::unique_ptr<Record>> records;
+    return records;
+}
+
+// Whether a text is one that a record was handed out with, so that its field was not set by the caller; this
+// holds for a copy of a record too.
+bool IsHandedOut(const char* text)
+{
+    for (const auto& [user, record] : Records()) {
+        if (text == record->account.description.c_str() || text == record->account.mail.c_str()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::optional<std::string> TextToStore(const char* text)
+{
+    return text == nullptr || IsHandedOut(text) ? std::nullopt : std::optional<std::string>(text);
+}
+
+// Where exceptions stop: behind the C interface there is only the error record.
+template<class Call>
+int Guarded(Call call)
+{
+    try {
+        return call();
+    } catch (const DatabaseError&) {
+        return Fail(Error::DatabaseFailed);
+    } catch (const std::bad_alloc&) {
+        return Fail(Error::OutOfMemory);
+    }
+}
+
+int CopyOut(const std::string& text, char* out, int size, int result)
+{
+    if (text.size() >= static_cast<size_t>(size)) {
+        return Fail(Error::BufferTooSmall);
+    }
+    std::memcpy(out, text.c_str(), text.size() + 1);
+    return result;
+}
+
+// Calls use(account) with the account of that name; -1 when there is none.
+template<class Use>
+int WithAccount(const char* name, Use use)
+{
+    return Guarded([&] {
+        const auto canonical = tavr::CanonicalName(name);
+        if (!canonical) {
+            return Fail(Error::BadName);
+        }
+        if (canonical->find_first_of("\\@") != std::string::npos) {
+            return Fail(Error::DirectoryNotConfigured);
+        }
+        auto account = tavr::FindAccount(*canonical);
+        return account ? use(std::move(*account)) : Fail(Error::NoSuchUser);
+    });
+}
+
+template<class Use>
+int WithGroup(const char* name, Use use)
+{
+    return Guarded([&] {
+        const auto canonical = tavr::CanonicalName(name);
+        if (!canonical) {
+            return Fail(Error::BadName);
+        }
+        if (canonical->find_first_of("\\@") != std::string::npos) {
+            return Fail(Error::DirectoryNotConfigured);
+        }
+        const auto group = tavr::FindGroup(*canonical);
+        return group ? use(*group) : Fail(Error::NoSuchGroup);
+    });
+}
+
+} // namespace
+
+int TAVRUserGet(const char* name, TAVRUser** record)
+{
+    if (name == nullptr || record == nullptr) {
+        return Fail(Error::BadParameter);
+    }
+    return WithAccount(name, [&](Account account) {
+        auto made = std::make_unique<Record>(std::move(account));
+        TAVRUser* user = &made->user;
+        Records().emplace(user, std::move(made));
+        *record = user;
+        return 0;
+    });
+}
+
+void TAVRUserFree(TAVRUser* record)
+{
+    Records().erase(record);
+}
+
+int TAVRUserLoginNameConvert(const char* name, char* out, int size)
+{
+    if (name == nullptr || out == nullptr || size <= 0) {
+        return Fail(Error::BadParameter);
+    }
+    return Guarded([&] {
+        const auto canonical = tavr::CanonicalName(name);
+        return canonical ? CopyOut(*canonical, out, size, 1) : Fail(Error::BadName);
+    });
+}
+
+int TAVRUserPreferenceDirGet(const char* name, char* dir, int size, int /*flags*/)
+{
+    if (name == nullptr || dir == nullptr || size <= 0) {
+        return Fail(Error::BadParameter);
+    }
+    return Guarded([&] {
+        const auto canonical = tavr::CanonicalName(name);
+        return canonical ? CopyOut(tavr::PreferencePath(*canonical), dir, size, 0) : Fail(Error::BadName);
+    });
+}
+
+int TAVRConfdUserUpdate(const char* name, const TAVRUser* record, int /*flags*/)
+{
+    if (name == nullptr || record == nullptr) {
+        return Fail(Error::BadParameter);
+    }
+    return WithAccount(name, [&](const Account& account) {
+        // Another account by now: the one that the record was read of has been removed.
+        if (account.uid != record->uid) {
+            return Fail(Error::NoSuchUser);
+        }
+        const tavr::AccountChange change{TextToStore(record->description), TextToStore(record->mail)};
+        if ((change.mail && tavr::MailProblem(*change.mail) != nullptr) ||
+            (change.description && tavr::DescriptionProblem(*change.description) != nullptr)) {
+            return Fail(Error::BadParameter);
+        }
+        return tavr::ChangeAccount(account.uid, change) ? 0 : Fail(Error::NoSuchUser);
+    });
+}
+
+int TAVRUserGetUGID(const char* name, uint32_t* uid, uint32_t* gid)
+{
+    if (name == nullptr) {
+        return Fail(Error::BadParameter);
+    }
+    return WithAccount(name, [&](const Account& account) {
+        if (uid != nullptr) {
+            *uid = account.uid;
+        }
+        if (gid != nullptr) {
+            *gid = account.gid;
+        }
+        return 0;
+    });
+}
+
+int TAVRGroupGetGID(const char* name, uint32_t* gid)
+{
+    if (name == nullptr || gid == nullptr) {
+        return Fail(Error::BadParameter);
+    }
+    return WithGroup(name, [&](const Group& group) {
+        *gid = group.gid;
+        return 0;
+    });
+}
+
+int TAVRGroupDescGet(const char* name, char** description, char** second)
+{
+    if (name == nullptr || description == nullptr) {
+        return Fail(Error::BadParameter);
+    }
+    return WithGroup(name, [&](const Group& group) {
+        char* copy = strdup(group.description.c_str());
+        if (copy == nullptr) {
+            return Fail(Error::OutOfMemory);
+        }
+        *description = copy;
+        if (second != nullptr) {
+            *second = nullptr; // directories alone have one
+        }
+        return 0;
+    });
+}
+
+int KLIBGroupIsAdminGroupMem(const char* name, int /*flags*/)
+{
+    if (name == nullptr) {
+        return Fail(Error::BadParameter);
+    }
+    return WithAccount(name, [](const Account& account) { return account.isAdmin ? 1 : 0; });
+}
+
+int KLIBGroupInfoGidGet(const char* name, int /*flags*/, uint32_t** gids, int* count)
+{
+    if (name == nullptr || gids == nullptr || count == nullptr) {
+        return Fail(Error::BadParameter);
+    }
+    return WithAccount(name, [&](const Account& account) {
+        const auto groups = tavr::GroupsOf(account);
+        const size_t size = groups.size() * sizeof groups[0];
+        auto* copy = static_cast<uint32_t*>(std::malloc(size));
+        if (copy == nullptr) {
+            return Fail(Error::OutOfMemory);
+        }
+        std::memcpy(copy, groups.data(), size);
+        *gids = copy;
+        *count = static_cast<int>(groups.size());
+        return 0;
+    });
+}
+
+namespace
+{
+
+// What both enumerations ask of their arguments; 0 when there is something to look through.
+int CheckEnumeration(int source, int offset, int limit, bool hasRow)
+{
+    if (!hasRow || offset < 0 || limit < -1) {
+        return Fail(Error::BadParameter);
+    }
+    return source == kSourceLocal ? 0 : Fail(Error::DirectoryNotConfigured);
+}
+
+// Every entry whose name or description holds the query, ASCII letters of either case, in the order of names.
+constexpr char kFindUsers[] = "SELECT name, uid, description FROM account "
+                              "WHERE ?1 = '' OR name LIKE ?2 ESCAPE '!' OR description LIKE ?2 ESCAPE '!' "
+                              "ORDER BY name LIMIT ?3 OFFSET ?4";
+constexpr char kCountUsers[] = "SELECT count(*) FROM account "
+                               "WHERE ?1 = '' OR name LIKE ?2 ESCAPE '!' OR description LIKE ?2 ESCAPE '!'";
+constexpr char kFindGroups[] = "SELECT name, gid, description FROM account_group "
+                               "WHERE ?1 = '' OR name LIKE ?2 ESCAPE '!' OR description LIKE ?2 ESCAPE '!' "
+                               "ORDER BY name LIMIT ?3 OFFSET ?4";
+constexpr char kCountGroups[] = "SELECT count(*) FROM account_group "
+                                "WHERE ?1 = '' OR name LIKE ?2 ESCAPE '!' OR description LIKE ?2 ESCAPE '!'";
+
+std::string LikePattern(std::string_view query)
+{
+    std::string pattern = "%";
+    for (const char c : query) {
+        if (c == '%' || c == '_' || c == '!') {
+            pattern += '!';
+        }
+        pattern += c;
+    }
+    return pattern + '%';
+}
+
+struct Search {
+    const char* find;
+    const char* count;
+};
+
+// Gives the number of all matches; calls each(row) for those of the page.
+template<class Each>
+int Enumerate(const Search& search, int offset, int limit, const char* query, Each each)
+{
+    return Guarded([&] {
+        const std::string text = query == nullptr ? "" : query;
+        tavr::Database& db = tavr::AccountsDatabase();
+        int total = 0;
+        {
+            tavr::Statement count = db.Prepare(search.count);
+            count.Bind(1, text).Bind(2, LikePattern(text));
+            total = count.Step() ? static_cast<int>(count.Int(0)) : 0;
+        }
+        tavr::Statement find = db.Prepare(search.find);
+        find.Bind(1, text).Bind(2, LikePattern(text)).Bind(3, limit).Bind(4, offset);
+        while (find.Step()) {
+            each(find);
+        }
+        return total;
+    });
+}
+
+} // namespace
+
+int KLIBUserInfoEnumBySubstr(int source, const char* /*domain*/, int offset, int limit, const char* query,
+                             int /*flags*/, KLIBUserInfoRow row, void* userData)
+{
+    if (CheckEnumeration(source, offset, limit, row != nullptr) < 0) {
+        return -1;
+    }
+    return Enumerate({kFindUsers, kCountUsers}, offset, limit, query, [&](const tavr::Statement& found) {
+        const std::string name = found.Text(0);
+        const std::string description = found.Text(2);
+        const KLIBUserInfo entry{name.c_str(), static_cast<uint32_t>(found.Int(1)), description.c_str(),
+                                 kSourceLocal};
+        row(&entry, userData);
+    });
+}
+
+int KLIBGroupInfoEnumBySubstr(int source, const char* /*domain*/, int offset, int limit, const char* query,
+                              int /*flags*/, KLIBGroupInfoRow row, void* userData)
+{
+    if (CheckEnumeration(source, offset, limit, row != nullptr) < 0) {
+        return -1;
+    }
+    return Enumerate({kFindGroups, kCountGroups}, offset, limit, query, [&](const tavr::Statement& found) {
+        const std::string name = found.Text(0);
+        const KLIBGroupInfo entry{name.c_str(), static_cast<uint32_t>(found.Int(1)), kSourceLocal};
+        row(&entry, userData);
+    });
+}
