@@ -40,7 +40,7 @@ export function text(key, values = {}) {
 
 // What went wrong, for an answer of api.js.
 export function errorText(answer) {
-  if (answer.errno) {
+  if (answer.errno && !answer.err) {
     return text(`${answer.errno.section}:${answer.errno.key}`);
   }
   return text(`web:${answer.err ?? "internal"}`, { wait: waitText(answer.retryAfter) });

@@ -8,7 +8,9 @@ import {
   announce, byId, clearFieldError, onSubmit, readCode, requireFilled, setTitle, showFieldError, showMessage, whileBusy,
   wirePasswordButtons, hidePasswords,
 } from "./dom.js";
-import { copyText, groupKey, isWholePng, kLabelBytes, labelFor, qrPixels, utf8Length } from "./wizard_parts.js";
+import {
+  copyText, cutToBytes, groupKey, isWholePng, kLabelBytes, labelFor, qrPixels, utf8Length,
+} from "./wizard_parts.js";
 import { errorText, fillTexts, text } from "./messages.js";
 
 const kHeadings = {
@@ -19,6 +21,7 @@ const kHeadings = {
   done: "wizard:done_heading",
 };
 const kGone = new Set(["not_signed_in", "no_pending_signin", "other_session"]);
+const kShortLabelBytes = 16;   // fits into every picture, whatever script it is in
 
 // Whether the page was reloaded, or come back to, in the middle of a setup.
 export const wizardInHistory = () => Boolean(history.state?.wizard);
@@ -236,8 +239,7 @@ class Wizard {
   // --- QR code and key ---
 
   async makeKey() {
-    const label = byId("wizard-label").value.trim();
-    const answer = await post("/api/otp/qr", { password: this.password, account_name: label });
+    const { answer, label } = await this.askKey(byId("wizard-label").value.trim());
     if (!answer.success) {
       this.password = "";
       this.refused(answer, byId("wizard-password"));
@@ -251,6 +253,17 @@ class Wizard {
       otherTabs.postMessage({ what: "secret-made", user: this.user });
     }
     return true;
+  }
+
+  // The name was proposed by the page, so one that does not fit is no mistake of the user's.
+  async askKey(label) {
+    const answer = await post("/api/otp/qr", { password: this.password, account_name: label });
+    const shorter = cutToBytes(label, kShortLabelBytes);
+    if (answer.err !== "label_too_long" || label === shorter) {
+      return { answer, label };
+    }
+    byId("wizard-label").value = shorter;
+    return this.askKey(shorter);
   }
 
   draw(answer, label) {
@@ -447,7 +460,7 @@ class Wizard {
       this.askPassword("replace");
       this.note(errorText(answer));
     } else if (answer.status === 200) {
-      showMessage(text("wizard:step_failed"));
+      showMessage(answer.err ? errorText(answer) : text("wizard:step_failed"));
     } else if (input && !input.closest("[hidden]") && answer.status < 500 && answer.status > 0) {
       showFieldError(input, errorText(answer));
     } else {

@@ -14,7 +14,7 @@ export function labelFor(user, host) {
   return cutToBytes(utf8Length(label) <= kLabelBytes ? label : user, kLabelBytes);
 }
 
-function cutToBytes(label, limit) {
+export function cutToBytes(label, limit) {
   let cut = "";
   for (const character of label) {
     if (utf8Length(cut + character) > limit) {
