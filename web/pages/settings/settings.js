@@ -147,6 +147,7 @@ async function backToOverview(changed) {
 
 function openMailForm() {
   byId("overview").hidden = true;
+  showMessage();
   byId("mail-form").reset();
   byId("mail-form").hidden = false;
   byId("mail-heading").focus();
