@@ -152,10 +152,10 @@ Pipe StartPictureTool(const std::string& uri, bool defaultMargin)
 
 // --- recovery addresses ---
 
-bool CopyText(const char* text, char* dst, std::size_t n)
+// Cut to fit.
+void CopyText(const char* text, char* dst, std::size_t n)
 {
     std::snprintf(dst, n, "%s", text);
-    return true;
 }
 
 // Empty when the directory is not known; logged.
@@ -445,7 +445,8 @@ bool GetNormalUserMail(const char* user, char* dst, size_t n)
         OTP_LOG(LOG_ERR, kSourceFile, __LINE__, "User[%s] mail address not set. ", user);
         return false;
     }
-    return CopyText(record->mail, dst, n);
+    CopyText(record->mail, dst, n);
+    return true;
 }
 
 bool GetDomainUserMail(const char* user, char* dst, size_t n)
@@ -466,7 +467,8 @@ bool GetDomainUserMail(const char* user, char* dst, size_t n)
         OTP_LOG(LOG_ERR, kSourceFile, __LINE__, "Failed to get otp mail of user [%s]", user);
         return false;
     }
-    return CopyText(mail.asCString(), dst, n); // asString would take numbers
+    CopyText(mail.asCString(), dst, n); // asString would take numbers
+    return true;
 }
 
 bool GetLDAPUserMail(const char* user, char* dst, size_t n)
@@ -477,7 +479,11 @@ bool GetLDAPUserMail(const char* user, char* dst, size_t n)
     }
     LdapLookup lookup;
     const char* mail = FindLdapMail(user, lookup);
-    return mail != nullptr && CopyText(mail, dst, n);
+    if (mail == nullptr) {
+        return false;
+    }
+    CopyText(mail, dst, n);
+    return true;
 }
 
 // --- recovery addresses: update ---
