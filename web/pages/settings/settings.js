@@ -1,5 +1,5 @@
 // A user's own page: how two-step sign-in stands, the setup wizard, the recovery address, sign-out.
-import { get, post, rememberSignedIn } from "/shared/api.js";
+import { get, post, rememberSignedIn, secondsSinceAnswer } from "/shared/api.js";
 import {
   byId, hidePasswords, onSubmit, readCode, reloadWhenRestored, setTitle, showFieldError, showMessage,
   wirePasswordButtons,
@@ -13,7 +13,7 @@ let user = "";
 let wizard = null;
 let endTimer = 0;
 
-await start();
+start().catch(() => { byId("not-loaded").hidden = false; });
 
 async function start() {
   await loadMessages();
@@ -51,9 +51,7 @@ async function checkSession() {
     byId("user").textContent = text("settings:signed_in_as", { user });
     byId("who").hidden = false;
     rememberSignedIn(true);
-    clearTimeout(endTimer);
-    // A page left open shows no secret of a session that has ended.
-    endTimer = setTimeout(checkSession, (session.expires_in + 2) * 1000);
+    watchForEnd(session.expires_in);
     return true;
   }
   if (session.status === 401) {
@@ -66,6 +64,18 @@ async function checkSession() {
     showMessage(errorText(session));
   }
   return false;
+}
+
+// A page left open shows nothing of a session that has ended. Asking would put off the end of one that has not, so
+// it asks only when nothing has done so for as long as a session lasts.
+function watchForEnd(lifetime) {
+  clearTimeout(endTimer);
+  const left = lifetime + 2 - secondsSinceAnswer();
+  if (left <= 0) {
+    checkSession();
+  } else {
+    endTimer = setTimeout(() => watchForEnd(lifetime), left * 1000);
+  }
 }
 
 function toSignin(reason) {

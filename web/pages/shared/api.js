@@ -6,9 +6,13 @@ const kHintKey = "tavr.signed-in";
 
 let token = "";
 let account = "";   // whom the token belongs to
+let lastAnswer = 0;
 
 export const get = (path) => call("GET", path);
 export const post = (path, body) => call("POST", path, body);
+
+// Seconds since the server last answered, and so since it last put off the end of an idle session.
+export const secondsSinceAnswer = () => (performance.now() - lastAnswer) / 1000;
 
 // Whether this browser was signed in when it was last here. Not secret and not proof: it only saves a page that
 // nobody is signed in to from asking, and from an error line in the browser's console.
@@ -65,6 +69,7 @@ async function send(method, path, body) {
       ? { status: response.status, success: false, err: "internal", retryAfter: 0 }
       : { status: 0, success: false, err: "unreachable", retryAfter: 0 };
   }
+  lastAnswer = performance.now();
   if (members.TavrToken) {
     token = members.TavrToken;
   }

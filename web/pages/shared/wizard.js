@@ -90,13 +90,18 @@ class Wizard {
     this.host.querySelector("input[name=username]").value = this.user;
     byId("wizard-label").value = labelFor(this.user, location.hostname);
     const inHistory = wizardInHistory();
-    if (this.password && !inHistory && await this.makeKey()) {
+    const answer = this.password && !inHistory ? await this.makeKey() : null;
+    if (answer?.success) {
       this.go("scan", "push");
-    } else if (this.host.firstChild) {   // otherwise the session was gone
-      this.password = "";
-      this.go("password", inHistory ? "replace" : "push");
+      this.note(this.firstNote);
+      return;
     }
+    this.password = "";
+    this.go("password", inHistory ? "replace" : "push");
     this.note(this.firstNote);
+    if (answer) {
+      this.refused(answer, byId("wizard-password"));
+    }
   }
 
   panel(step) {
@@ -229,11 +234,15 @@ class Wizard {
       return;
     }
     this.password = input.value;
-    if (await this.makeKey()) {
-      input.value = "";
-      hidePasswords(this.host);
-      this.go("scan", "push");
+    const answer = await this.makeKey();
+    if (!answer.success) {
+      this.password = "";
+      this.refused(answer, input);
+      return;
     }
+    input.value = "";
+    hidePasswords(this.host);
+    this.go("scan", "push");
   }
 
   // --- QR code and key ---
@@ -241,9 +250,7 @@ class Wizard {
   async makeKey() {
     const { answer, label } = await this.askKey(byId("wizard-label").value.trim());
     if (!answer.success) {
-      this.password = "";
-      this.refused(answer, byId("wizard-password"));
-      return false;
+      return answer;
     }
     this.key = answer.key;
     byId("wizard-key").replaceChildren(...groupKey(answer.key));
@@ -252,7 +259,7 @@ class Wizard {
     if (!this.showOnly) {
       otherTabs.postMessage({ what: "secret-made", user: this.user });
     }
-    return true;
+    return answer;
   }
 
   // The name was proposed by the page, so one that does not fit is no mistake of the user's.
@@ -453,7 +460,7 @@ class Wizard {
       showMessage(errorText(answer));
     } else if (answer.err === "bad_credentials") {
       if (this.step !== "password") {
-        this.askPassword(this.step ? "replace" : "push");
+        this.askPassword("replace");
       }
       showFieldError(byId("wizard-password"), text("common:password_wrong"));
     } else if (answer.err === "no_setup") {

@@ -16,7 +16,7 @@ const kReasons = {   // why another page sent the user here, as its address says
 };
 const kHalfSigninGone = new Set(["no_pending_signin", "not_signed_in"]);
 
-await start();
+start().catch(() => { byId("not-loaded").hidden = false; });
 
 async function start() {
   await loadMessages();
@@ -38,8 +38,11 @@ async function start() {
   } else if (session.state === "code_required") {
     askCode();
   } else if (session.state === "enrolment_required" && session.user) {
-    await enrol(session.user, "", wizardInHistory() ? text("wizard:note_reloaded") : "");
+    await enrol(session.user, "", text(wizardInHistory() ? "wizard:note_reloaded" : "signin:note_enrolment_demanded"));
   } else {
+    if (session.status === 401) {
+      rememberSignedIn(false);
+    }
     history.replaceState(null, "");
     askPassword();
     showMessage(reason && text(reason), "note");
@@ -56,7 +59,6 @@ function show(id, heading) {
 }
 
 function askPassword() {
-  rememberSignedIn(false);
   show("password-form", text("signin:title"));
   byId("password").value = "";
   byId(byId("user").value ? "password" : "user").focus();
@@ -124,6 +126,7 @@ function refused(answer, input) {
 
 async function otherAccount() {
   await post("/api/signout", {});
+  rememberSignedIn(false);
   byId("user").value = "";
   askPassword();
 }
