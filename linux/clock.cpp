@@ -35,7 +35,7 @@ Offsets ReadOffsets()
     }
     char text[64] = {};
     if (read(fd, text, sizeof text - 1) > 0) {
-        std::sscanf(text, "%lld %lld", &offsets.wall, &offsets.boot);   // NOLINT(cert-err34-c)
+        std::sscanf(text, "%lld %lld", &offsets.wall, &offsets.boot); // NOLINT(cert-err34-c)
     }
     close(fd);
     return offsets;
@@ -64,7 +64,7 @@ std::string ReadBootId()
     return text;
 }
 
-}  // namespace
+} // namespace
 
 int64_t WallSeconds()
 {
@@ -82,4 +82,4 @@ const std::string& BootId()
     return id;
 }
 
-}  // namespace tavr
+} // namespace tavr

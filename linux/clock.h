@@ -14,7 +14,8 @@ int64_t WallSeconds();
 // Seconds since the machine started, sleep included; never set back. For idle times, waits and lifetimes.
 int64_t BootSeconds();
 
-// What tells one start of the machine from another: a BootSeconds() stored under another id means nothing now.
+// What tells one start of the machine from another: a BootSeconds() stored under another id means nothing
+// now.
 const std::string& BootId();
 
-}  // namespace tavr
+} // namespace tavr

@@ -27,7 +27,7 @@ void MakeFile(const char* path)
     close(fd);
 }
 
-}  // namespace
+} // namespace
 
 Statement::~Statement()
 {
@@ -143,7 +143,7 @@ void Database::Migrate(std::span<const char* const> migrations)
     };
     while (version() < migrations.size()) {
         Transaction transaction(*this);
-        const size_t from = version();   // again, now that no other process can be at it
+        const size_t from = version(); // again, now that no other process can be at it
         if (from < migrations.size()) {
             Execute(migrations[from]);
             Execute(("PRAGMA user_version=" + std::to_string(from + 1)).c_str());
@@ -160,7 +160,8 @@ Statement Database::Prepare(const char* sql)
     auto& kept = statements_[sql];
     if (!kept) {
         sqlite3_stmt* statement = nullptr;
-        if (sqlite3_prepare_v3(db_.get(), sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr) != SQLITE_OK) {
+        if (sqlite3_prepare_v3(db_.get(), sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr) !=
+            SQLITE_OK) {
             Throw(db_.get());
         }
         kept.reset(statement);
@@ -197,4 +198,4 @@ void Transaction::Commit()
     open_ = false;
 }
 
-}  // namespace tavr
+} // namespace tavr

@@ -22,7 +22,7 @@ class DatabaseError : public std::runtime_error
 {
 public:
     DatabaseError(int sqliteCode, const std::string& text) : std::runtime_error(text), code(sqliteCode) {}
-    const int code;   // SQLite's extended result code; 0 where SQLite was not asked
+    const int code; // SQLite's extended result code; 0 where SQLite was not asked
 };
 
 // One prepared statement. Values are bound from 1, columns are read from 0. Reset when it leaves the scope.
@@ -35,19 +35,19 @@ public:
     Statement& operator=(const Statement&) = delete;
 
     Statement& Bind(int index, int64_t value);
-    Statement& Bind(int index, std::string_view text);       // copied
-    Statement& BindBlob(int index, std::string_view bytes);   // copied
+    Statement& Bind(int index, std::string_view text);      // copied
+    Statement& BindBlob(int index, std::string_view bytes); // copied
     Statement& BindNull(int index);
 
-    bool Step();   // true: a row is there to be read; false: done
-    void Run();    // for statements without rows
+    bool Step(); // true: a row is there to be read; false: done
+    void Run();  // for statements without rows
 
     [[nodiscard]] int64_t Int(int column) const;
-    [[nodiscard]] std::string Text(int column) const;   // text or blob, NULs kept; empty for null
+    [[nodiscard]] std::string Text(int column) const; // text or blob, NULs kept; empty for null
     [[nodiscard]] bool IsNull(int column) const;
 
 private:
-    sqlite3_stmt* statement_;   // the connection's, kept prepared
+    sqlite3_stmt* statement_; // the connection's, kept prepared
 };
 
 class Database
@@ -65,7 +65,7 @@ public:
     // `sql` is a literal: its address is what a prepared statement is kept under. One use at a time.
     Statement Prepare(const char* sql);
 
-    [[nodiscard]] int64_t Changes() const;         // rows that the last statement changed
+    [[nodiscard]] int64_t Changes() const; // rows that the last statement changed
     [[nodiscard]] int64_t LastInsertId() const;
     sqlite3* Handle() { return db_.get(); }
 
@@ -91,7 +91,7 @@ public:
     ~Transaction();
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
-    void Commit();   // durable when it returns
+    void Commit(); // durable when it returns
 
 private:
     Database& db_;
@@ -100,7 +100,7 @@ private:
 
 // The process's connections, opened at the first call (see Database about ids) and kept. A call that fails
 // throws, and the next one tries again.
-Database& AccountsDatabase();   // its tables: accounts.cpp
-Database& SigninDatabase();     // its tables: signin_schema.cpp
+Database& AccountsDatabase(); // its tables: accounts.cpp
+Database& SigninDatabase();   // its tables: signin_schema.cpp
 
-}  // namespace tavr
+} // namespace tavr

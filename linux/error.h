@@ -25,12 +25,12 @@ enum class Error : int {
     BadName = 0x1400,
     NoSuchUser = 0x1D00,
     NoSuchGroup = 0x1E00,
-    DirectoryNotConfigured = 0x2100,   // LDAP or domain asked for, none set up
-    VaultUnavailable = 0x2800,         // vault or machine key missing, locked or damaged
+    DirectoryNotConfigured = 0x2100, // LDAP or domain asked for, none set up
+    VaultUnavailable = 0x2800,       // vault or machine key missing, locked or damaged
     NotAllowed = 0x2900,
 };
 
 // Sets the record to `code` and the caller's place; gives -1, for use behind `return`.
 int Fail(Error code, std::source_location place = std::source_location::current());
 
-}  // namespace tavr
+} // namespace tavr

@@ -46,7 +46,7 @@ Ids ServiceIds()
     return {};
 }
 
-}  // namespace
+} // namespace
 
 EffectiveIds EffectiveIds::Root()
 {
@@ -80,4 +80,4 @@ EffectiveIds::~EffectiveIds()
     }
 }
 
-}  // namespace tavr
+} // namespace tavr

@@ -34,4 +34,4 @@ private:
     bool changed_;
 };
 
-}  // namespace tavr
+} // namespace tavr

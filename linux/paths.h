@@ -4,29 +4,29 @@
 namespace tavr
 {
 
-inline constexpr char kServiceUser[] = "tavr-web";   // whom the workers run as
+inline constexpr char kServiceUser[] = "tavr-web"; // whom the workers run as
 
-inline constexpr char kSettingsFile[] = "/etc/tavrinfo.conf";     // a link into kConfigDir
-inline constexpr char kConfigDir[] = "/etc/tavr";                 // root 0755
-inline constexpr char kMachineKeyFile[] = "/etc/tavr/otp.key";    // root:tavr-web 0440
+inline constexpr char kSettingsFile[] = "/etc/tavrinfo.conf";  // a link into kConfigDir
+inline constexpr char kConfigDir[] = "/etc/tavr";              // root 0755
+inline constexpr char kMachineKeyFile[] = "/etc/tavr/otp.key"; // root:tavr-web 0440
 inline constexpr char kMachineIdFile[] = "/etc/machine-id";
 
-inline constexpr char kDataDir[] = "/usr/tavr/etc";                    // tavr-web 0755
-inline constexpr char kPreferenceDir[] = "/usr/tavr/etc/preference";   // tavr-web 0700
+inline constexpr char kDataDir[] = "/usr/tavr/etc";                  // tavr-web 0755
+inline constexpr char kPreferenceDir[] = "/usr/tavr/etc/preference"; // tavr-web 0700
 inline constexpr char kPolicyFile[] = "/usr/tavr/etc/tavr_otp_enforce_custom_setting";
 
-inline constexpr char kStateDir[] = "/var/lib/tavr";                        // tavr-web 0700
-inline constexpr char kAccountsDatabase[] = "/var/lib/tavr/accounts.db";    // users, groups
-inline constexpr char kSigninDatabase[] = "/var/lib/tavr/signin.db";        // vault, sessions
-inline constexpr char kAccountLockFile[] = "/var/lib/tavr/account.lock";    // one byte an account
+inline constexpr char kStateDir[] = "/var/lib/tavr";                     // tavr-web 0700
+inline constexpr char kAccountsDatabase[] = "/var/lib/tavr/accounts.db"; // users, groups
+inline constexpr char kSigninDatabase[] = "/var/lib/tavr/signin.db";     // vault, sessions
+inline constexpr char kAccountLockFile[] = "/var/lib/tavr/account.lock"; // one byte an account
 
-inline constexpr char kWaitingDir[] = "/tmp";            // the web service's own; the library names it
-inline constexpr char kWaitingFilePrefix[] = "OTP_";     // then the account's number
+inline constexpr char kWaitingDir[] = "/tmp";        // the web service's own; the library names it
+inline constexpr char kWaitingFilePrefix[] = "OTP_"; // then the account's number
 
-inline constexpr char kRunDir[] = "/run/tavr";   // root 0755
+inline constexpr char kRunDir[] = "/run/tavr"; // root 0755
 
-inline constexpr char kSecretFileName[] = "otp_secret";   // in an account's preference directory
+inline constexpr char kSecretFileName[] = "otp_secret"; // in an account's preference directory
 inline constexpr char kSecretToolPath[] = "/usr/bin/google-authenticator";
 inline constexpr char kQrToolPath[] = "/usr/bin/qrencode";
 
-}  // namespace tavr
+} // namespace tavr

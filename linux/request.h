@@ -12,37 +12,37 @@ namespace tavr
 // Why something could not be looked up or stored. Never to be read as "wrong" or as "not enrolled".
 enum class Fault {
     None,
-    KeyMissing,         // no machine key, while the vault holds sealed rows
-    KeyWrong,           // a machine key that did not seal these rows
-    VaultDamaged,       // a row that does not open, or a table that is not as it should be
-    StateUnavailable,   // the database cannot be read or written (locked, read-only, disk full)
-    SecretFile,         // the account's secret file is not what the vault says
-    AccountsUnavailable,   // the account store cannot be read
+    KeyMissing,          // no machine key, while the vault holds sealed rows
+    KeyWrong,            // a machine key that did not seal these rows
+    VaultDamaged,        // a row that does not open, or a table that is not as it should be
+    StateUnavailable,    // the database cannot be read or written (locked, read-only, disk full)
+    SecretFile,          // the account's secret file is not what the vault says
+    AccountsUnavailable, // the account store cannot be read
 };
 
-const char* FaultText(Fault fault);   // for logs and the console: a few words, no final stop
+const char* FaultText(Fault fault); // for logs and the console: a few words, no final stop
 
 struct Request {
-    uint64_t number = 0;   // counts the requests of this process
+    uint64_t number = 0; // counts the requests of this process
 
     // From the web server. Addresses never come from a header that a client can send.
     std::string sidCookie;
     std::string pendingCookie;
     std::string clientAddress;
-    bool secure = false;   // came over TLS
+    bool secure = false; // came over TLS
 
     // What the web program says of the account before any login (session.h).
     struct Facts {
         uint32_t account = 0;
         bool enrolled = false;
-        bool demanded = false;   // by the administrator's policy
+        bool demanded = false; // by the administrator's policy
     };
     std::optional<Facts> facts;
 
     // What this request has proved. Written by the platform alone.
-    bool passwordCompared = false;        // a password was found right or wrong
-    std::optional<uint32_t> passwordOf;   // account whose password was right
-    std::optional<uint32_t> codeOf;       // account whose code was accepted
+    bool passwordCompared = false;      // a password was found right or wrong
+    std::optional<uint32_t> passwordOf; // account whose password was right
+    std::optional<uint32_t> codeOf;     // account whose code was accepted
 
     // The account whose references the cipher answers for (cipher.h).
     std::optional<uint32_t> cipherAccount;
@@ -55,7 +55,7 @@ struct Request {
 };
 
 Request& CurrentRequest();
-void StartRequest();            // forgets everything of the one before, overwriting what is secret
-void NoteFault(Fault fault);    // kept in the current request unless one stands there already
+void StartRequest();         // forgets everything of the one before, overwriting what is secret
+void NoteFault(Fault fault); // kept in the current request unless one stands there already
 
-}  // namespace tavr
+} // namespace tavr

@@ -57,7 +57,7 @@ CREATE INDEX session_by_age ON session (boot, seen);
 )",
 };
 
-}  // namespace
+} // namespace
 
 Database& SigninDatabase()
 {
@@ -65,4 +65,4 @@ Database& SigninDatabase()
     return database;
 }
 
-}  // namespace tavr
+} // namespace tavr

@@ -20,8 +20,8 @@ namespace
 // A call that nobody makes by chance: getpriority with an argument that it refuses.
 constexpr long kMarkArgument = 0x7a5e11;
 
-constexpr long kOptions = PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK | PTRACE_O_TRACECLONE |
-                          PTRACE_O_TRACEEXEC | PTRACE_O_EXITKILL;
+constexpr long kOptions = PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK |
+                          PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC | PTRACE_O_EXITKILL;
 
 bool AtMark(pid_t pid)
 {
@@ -54,7 +54,7 @@ void KillAll(const std::unordered_set<pid_t>& processes)
     }
 }
 
-}  // namespace
+} // namespace
 
 Steps RunKilledAt(long killAt, const std::function<int()>& work)
 {
@@ -107,4 +107,4 @@ void MarkStart()
     syscall(SYS_getpriority, kMarkArgument, 0);
 }
 
-}  // namespace tavr::test
+} // namespace tavr::test
