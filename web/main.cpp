@@ -1,0 +1,333 @@
+// tavr-otp-web: the parent. It stays root, opens the socket, keeps the workers running and serves nothing
+// itself.
+#include "web/server.h"
+
+#include "linux/paths.h"
+
+#include <fcntl.h>
+#include <getopt.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sodium.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+constexpr char kDefaultSocket[] = "/run/tavr/otp-web.sock";
+constexpr char kWebServerGroup[] = "www-data";
+constexpr int kMostWorkers = 64;
+constexpr int kBacklog = 1024;
+constexpr milliseconds kGrace{1900};      // for requests that run when the end comes
+constexpr milliseconds kLongEnough{1000}; // a worker that lived so long has not failed at its start
+constexpr milliseconds kFirstDelay{100};
+constexpr milliseconds kLongestDelay{5000};
+
+constexpr char kUsage[] = R"(Usage: tavr-otp-web [OPTION]...
+Serves two-step sign-in under /api/ to a web server, over FastCGI.
+
+  --workers N      worker processes, 1 to 64 (default 2)
+  --socket PATH    listening socket (default /run/tavr/otp-web.sock)
+  --help           this text
+  --version        the version
+
+Starts as root; the workers run as tavr-web. Ends with SIGTERM. See tavr-otp-web(8).
+)";
+
+struct Options {
+    int workers = 2;
+    std::string socket = kDefaultSocket;
+};
+
+struct Worker {
+    pid_t pid = 0; // 0: not running
+    Clock::time_point started;
+    Clock::time_point next; // not started again before
+    milliseconds delay{0};  // after the next failed start
+};
+
+[[noreturn]] void Misuse(const char* text)
+{
+    std::fprintf(stderr, "tavr-otp-web: %s (see --help)\n", text);
+    std::exit(2);
+}
+
+[[noreturn]] void Die(const std::string& text)
+{
+    std::fprintf(stderr, "tavr-otp-web: %s\n", text.c_str());
+    std::exit(1);
+}
+
+int ReadWorkers(std::string_view text)
+{
+    int number = 0;
+    const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || stop != text.data() + text.size() || number < 1 || number > kMostWorkers) {
+        Misuse("--workers takes a number from 1 to 64");
+    }
+    return number;
+}
+
+Options ReadOptions(int argc, char** argv)
+{
+    static constexpr option kOptions[] = {{"workers", required_argument, nullptr, 'w'},
+                                          {"socket", required_argument, nullptr, 's'},
+                                          {"help", no_argument, nullptr, 'h'},
+                                          {"version", no_argument, nullptr, 'v'},
+                                          {}};
+    Options options;
+    for (int c = 0; (c = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
+        switch (c) {
+        case 'w':
+            options.workers = ReadWorkers(optarg);
+            break;
+        case 's':
+            options.socket = optarg;
+            break;
+        case 'h':
+            std::fputs(kUsage, stdout);
+            std::exit(0);
+        case 'v':
+            std::puts("tavr-otp-web " TAVR_VERSION);
+            std::exit(0);
+        default:
+            Misuse("wrong option");
+        }
+    }
+    if (optind != argc) {
+        Misuse("no arguments are taken");
+    }
+    return options;
+}
+
+sockaddr_un AddressOf(const std::string& path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof address.sun_path) {
+        Misuse("--socket takes a path of 1 to 107 bytes");
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    return address;
+}
+
+int NewSocket()
+{
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        Die(std::string("cannot make a socket: ") + std::strerror(errno));
+    }
+    return fd;
+}
+
+// A socket that nobody listens on any more is left over from a program that was killed.
+void RemoveLeftOver(const sockaddr_un& address)
+{
+    const int probe = NewSocket();
+    const bool answered =
+        connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 || errno == EAGAIN;
+    close(probe);
+    if (answered) {
+        Die(std::string("another one listens on ") + address.sun_path);
+    }
+    unlink(address.sun_path);
+}
+
+// Non-blocking, because more than one worker wakes up for a connection.
+int Listen(const std::string& path)
+{
+    const group* webServer = getgrnam(kWebServerGroup);
+    if (webServer == nullptr) {
+        Die(std::string("no group ") + kWebServerGroup);
+    }
+    const sockaddr_un address = AddressOf(path);
+    RemoveLeftOver(address);
+    const int fd = NewSocket();
+    umask(S_IXUSR | S_IXGRP | S_IRWXO);
+    const bool listening = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+                           lchown(address.sun_path, 0, webServer->gr_gid) == 0 && listen(fd, kBacklog) == 0;
+    const int error = errno;
+    umask(S_IRWXG | S_IRWXO);
+    if (!listening) {
+        Die("cannot listen on " + path + ": " + std::strerror(error));
+    }
+    return fd;
+}
+
+// Group before user: only root may change the group. The saved ids stay root's, for the library's scopes.
+bool TakeIds(const passwd& service)
+{
+    return setgroups(0, nullptr) == 0 && setresgid(service.pw_gid, service.pw_gid, 0) == 0 &&
+           setresuid(service.pw_uid, service.pw_uid, 0) == 0 && prctl(PR_SET_DUMPABLE, 0) == 0;
+}
+
+void StartWorker(Worker& worker, int listener, const passwd& service, tavr::web::Start start)
+{
+    worker.started = Clock::now();
+    worker.pid = fork();
+    if (worker.pid != 0) {
+        return; // of the parent; a failed fork is looked at by the caller
+    }
+    if (!TakeIds(service)) {
+        syslog(LOG_AUTH | LOG_CRIT, "a worker cannot give up root: %m");
+        _exit(70);
+    }
+    std::exit(tavr::web::ServeRequests(listener, start));
+}
+
+void PutOff(Worker& worker)
+{
+    const bool lived = Clock::now() - worker.started >= kLongEnough;
+    worker.delay = lived ? milliseconds(0) : std::clamp(worker.delay * 2, kFirstDelay, kLongestDelay);
+    worker.next = Clock::now() + worker.delay;
+    worker.pid = 0;
+}
+
+// Takes note of the workers that have ended.
+void Reap(std::vector<Worker>& workers, bool expected)
+{
+    int status = 0;
+    for (pid_t pid = 0; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
+        const auto worker =
+            std::find_if(workers.begin(), workers.end(), [pid](const Worker& w) { return w.pid == pid; });
+        if (worker == workers.end()) {
+            continue;
+        }
+        if (!expected) {
+            syslog(LOG_ERR, "worker %d ended (%s %d)", pid, WIFSIGNALED(status) ? "signal" : "status",
+                   WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status));
+        }
+        PutOff(*worker);
+    }
+}
+
+int WaitForSignal(const sigset_t& signals, milliseconds longest)
+{
+    const auto whole = std::max(longest, milliseconds(0));
+    const timespec time{whole.count() / 1000, whole.count() % 1000 * 1000000};
+    return sigtimedwait(&signals, nullptr, &time);
+}
+
+milliseconds Until(Clock::time_point then)
+{
+    return std::chrono::ceil<milliseconds>(then - Clock::now());
+}
+
+void KeepRunning(std::vector<Worker>& workers, int listener, const passwd& service, const sigset_t& signals)
+{
+    auto start = tavr::web::Start::First;
+    for (int signal = 0; signal != SIGTERM && signal != SIGINT;) {
+        milliseconds longest = std::chrono::hours(1);
+        for (Worker& worker : workers) {
+            if (worker.pid == 0 && worker.next <= Clock::now()) {
+                StartWorker(worker, listener, service, start);
+                start = tavr::web::Start::Again;
+                if (worker.pid < 0) {
+                    syslog(LOG_ERR, "cannot start a worker: %m");
+                    PutOff(worker);
+                }
+            }
+            if (worker.pid == 0) {
+                longest = std::min(longest, Until(worker.next));
+            }
+        }
+        signal = WaitForSignal(signals, longest);
+        Reap(workers, false);
+    }
+}
+
+void End(std::vector<Worker>& workers, const sigset_t& signals)
+{
+    const auto running = [&workers] {
+        return std::any_of(workers.begin(), workers.end(),
+                           [](const Worker& worker) { return worker.pid > 0; });
+    };
+    const auto send = [&workers](int signal) {
+        for (const Worker& worker : workers) {
+            if (worker.pid > 0) {
+                kill(worker.pid, signal);
+            }
+        }
+    };
+    send(SIGTERM);
+    const Clock::time_point end = Clock::now() + kGrace;
+    for (Reap(workers, true); running() && Clock::now() < end; Reap(workers, true)) {
+        WaitForSignal(signals, Until(end));
+    }
+    send(SIGKILL);
+}
+
+// Lines of the library and of the workers alike; on standard error where no logger listens.
+void OpenLog()
+{
+    openlog("tavr-otp-web", LOG_PID | (access("/dev/log", W_OK) == 0 ? 0 : LOG_PERROR), LOG_DAEMON);
+}
+
+// Descriptors 0 to 2 are never sockets or databases.
+void OpenStandardStreams()
+{
+    for (int fd = 0; (fd = open("/dev/null", O_RDWR)) >= 0;) {
+        if (fd > STDERR_FILENO) {
+            close(fd);
+            return;
+        }
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const Options options = ReadOptions(argc, argv);
+    if (geteuid() != 0) {
+        Die("has to be started as root");
+    }
+    const passwd* found = getpwnam(tavr::kServiceUser);
+    if (found == nullptr || found->pw_uid == 0) {
+        Die(std::string("no account ") + tavr::kServiceUser);
+    }
+    const passwd service = *found;
+    if (sodium_init() < 0) {
+        Die("no source of random bits");
+    }
+    OpenStandardStreams();
+    OpenLog();
+    const rlimit noCore{0, 0};
+    setrlimit(RLIMIT_CORE, &noCore);
+
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGTERM, SIGINT, SIGCHLD}) {
+        sigaddset(&signals, signal);
+    }
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+
+    const int listener = Listen(options.socket);
+    std::vector<Worker> workers(static_cast<size_t>(options.workers));
+    KeepRunning(workers, listener, service, signals);
+    close(listener);
+    unlink(options.socket.c_str());
+    End(workers, signals);
+    return 0;
+}

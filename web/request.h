@@ -1,0 +1,57 @@
+// A request as the web server hands it over, and what can be read from it without asking anything: path,
+// cookies, origin, body. Everything in it is hostile until one of these functions has accepted it.
+#pragma once
+
+#include <json/value.h>
+
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace tavr::web
+{
+
+struct HttpRequest {
+    std::string method;
+    std::string path; // without the query
+    std::string contentType;
+    std::string cookies;
+    std::string token;     // X-Tavr-Token
+    std::string fetchSite; // Sec-Fetch-Site
+    std::string origin;
+    std::string host;
+    std::string clientAddress;      // as the web server saw it
+    std::optional<size_t> bodySize; // as announced; empty when it is no number
+    bool secure = false;
+};
+
+// The identifier in the cookie `name`; empty when it is absent, stands there more than once, or is no
+// identifier.
+std::string Cookie(std::string_view header, std::string_view name);
+
+// False for a request that a browser marks as coming from another site. Programs mark nothing.
+bool OriginAllowed(const HttpRequest& request);
+
+bool IsJsonContentType(std::string_view contentType);
+
+enum class Form {
+    Text,
+    Base32Key, // 16 to 64 base-32 characters
+};
+
+struct Member {
+    const char* name;
+    size_t limit; // bytes
+    Form form = Form::Text;
+    bool optional = false;
+};
+
+// The body as an object in which every one of `members` is a text of its form and within its limit, without a
+// NUL. Empty for anything else: not UTF-8, no strict JSON, no object, nested deeply, a member missing.
+std::optional<Json::Value> ParseBody(std::string_view body, std::span<const Member> members);
+
+// Overwrites every text in it.
+void Wipe(Json::Value& value);
+
+} // namespace tavr::web

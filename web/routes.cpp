@@ -1,0 +1,265 @@
+#include "web/handlers.h"
+#include "web/route.h"
+
+#include "linux/database.h"
+#include "linux/machine_key.h"
+#include "linux/request.h"
+
+#include <sodium.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace tavr::web
+{
+
+namespace
+{
+
+constexpr Member kUser = {"user", 256};
+constexpr Member kPassword = {"password", 1024};
+constexpr Member kCode = {"code", 64};
+constexpr Member kCodeIfEnrolled = {"code", 64, Form::Text, true};
+constexpr Member kAccountName = {"account_name", 64};
+constexpr Member kKey = {"key", 64, Form::Base32Key};
+constexpr Member kMail = {"mail", 254};
+
+constexpr Member kSignIn[] = {kUser, kPassword};
+constexpr Member kSignInCode[] = {kCode};
+constexpr Member kQr[] = {kPassword, kAccountName};
+constexpr Member kLabel[] = {kPassword, kKey, kAccountName};
+constexpr Member kConfirm[] = {kPassword, kCode};
+constexpr Member kSaveMail[] = {kPassword, kMail, kCodeIfEnrolled};
+
+constexpr unsigned kPending = kCodePending | kEnrolmentPending;
+constexpr unsigned kSetup = kSignedIn | kEnrolmentPending;
+constexpr bool kToken = true;
+constexpr bool kNoToken = false;
+constexpr const char* kNotSignedIn = nullptr;
+
+// Whatever does not stand here is refused.
+constexpr Route kRoutes[] = {
+    {"POST", "/api/signin", kNobody | kPending | kSignedIn, kNoToken, kNotSignedIn, kLargestBody, kSignIn,
+     SignIn},
+    {"POST", "/api/signin/code", kCodePending, kToken, "no_pending_signin", kLargestBody, kSignInCode,
+     SignInCode},
+    {"POST", "/api/signout", kPending | kSignedIn, kToken, kNotSignedIn, kLargestBody, {}, SignOut},
+    {"GET", "/api/session", kNobody | kPending | kSignedIn, kNoToken, kNotSignedIn, 0, {}, ShowSession},
+    {"POST", "/api/otp/qr", kSetup, kToken, kNotSignedIn, kLargestBody, kQr, WizardQr},
+    {"POST", "/api/otp/label", kSetup, kToken, kNotSignedIn, kLargestBody, kLabel, WizardLabel},
+    {"POST", "/api/otp/confirm", kSetup, kToken, kNotSignedIn, kLargestBody, kConfirm, WizardConfirm},
+    {"POST", "/api/otp/mail", kSetup, kToken, kNotSignedIn, kLargestBody, kSaveMail, WizardMail},
+    {"GET", "/api/otp/status", kSetup, kNoToken, kNotSignedIn, 0, {}, WizardStatus},
+};
+
+unsigned CallerOf(const Session& session)
+{
+    switch (session.state) {
+    case SessionState::Live:
+        return kSignedIn;
+    case SessionState::CodeRequired:
+        return kCodePending;
+    case SessionState::EnrolmentRequired:
+        return kEnrolmentPending;
+    }
+    return 0;
+}
+
+// Null when there is none; `refusal` is then 404, or 405 with the methods that the path has.
+const Route* FindRoute(const HttpRequest& request, Answer& refusal)
+{
+    std::string allowed;
+    for (const Route& route : kRoutes) {
+        if (request.path != route.path) {
+            continue;
+        }
+        if (request.method == route.method) {
+            return &route;
+        }
+        allowed += (allowed.empty() ? "" : ", ") + std::string(route.method);
+    }
+    if (allowed.empty()) {
+        refusal = Refusal(404, "not_found");
+    } else {
+        refusal = Refusal(405, "method_not_allowed");
+        refusal.headers.emplace_back("Allow", allowed);
+    }
+    return nullptr;
+}
+
+bool IsChange(const Route& route)
+{
+    return std::strcmp(route.method, "POST") == 0;
+}
+
+// What can be refused by the headers alone.
+std::optional<Answer> RefuseHeaders(const Route& route, const HttpRequest& request)
+{
+    if (!IsChange(route)) {
+        return std::nullopt;
+    }
+    if (!OriginAllowed(request)) {
+        return Refusal(403, "bad_origin");
+    }
+    if (!IsJsonContentType(request.contentType)) {
+        return Refusal(415, "bad_content_type");
+    }
+    if (request.bodySize && *request.bodySize > route.bodyLimit) {
+        return Refusal(413, "too_large");
+    }
+    return std::nullopt;
+}
+
+// A cookie stands for what it is called: a half sign-in in the session's cookie is none, and the other way
+// round.
+void FindSessions(Call& call)
+{
+    Request& current = CurrentRequest();
+    if (!current.sidCookie.empty()) {
+        call.live = FindSession(current.sidCookie);
+        if (call.live && call.live->state != SessionState::Live) {
+            call.live.reset();
+        }
+    }
+    if (!current.pendingCookie.empty()) {
+        call.pending = FindSession(current.pendingCookie);
+        if (call.pending && call.pending->state == SessionState::Live) {
+            call.pending.reset();
+        }
+    }
+}
+
+std::optional<Answer> RefuseCaller(const Route& route, Call& call)
+{
+    for (const std::optional<Session>* session : {&call.live, &call.pending}) {
+        if (*session && (route.callers & CallerOf(**session)) != 0) {
+            call.session = &**session;
+            return std::nullopt;
+        }
+    }
+    if ((route.callers & kNobody) != 0) {
+        return std::nullopt;
+    }
+    return route.otherwise != nullptr ? Refusal(403, route.otherwise) : Refusal(401, "not_signed_in");
+}
+
+bool TokenMatches(const HttpRequest& request, const Session& session)
+{
+    return request.token.size() == session.token.size() &&
+           sodium_memcmp(request.token.data(), session.token.data(), session.token.size()) == 0;
+}
+
+// Opened with lowered ids, before anything that raises them.
+void OpenDatabases()
+{
+    AccountsDatabase();
+    SigninDatabase();
+}
+
+Answer ServeRoute(const Route& route, Call& call, const std::string& body)
+{
+    OpenDatabases();
+    FindSessions(call);
+    if (std::optional<Answer> refusal = RefuseCaller(route, call)) {
+        return std::move(*refusal);
+    }
+    if (route.token && !TokenMatches(call.request, *call.session)) {
+        return Refusal(403, "bad_token");
+    }
+    if (IsChange(route)) {
+        std::optional<Json::Value> object = ParseBody(body, route.members);
+        if (!object) {
+            return Refusal(400, "bad_request");
+        }
+        call.body = std::move(*object);
+    }
+    return route.handler(call);
+}
+
+std::string CookieName(const HttpRequest& request, const char* name)
+{
+    return request.secure ? std::string("__Host-") + name : name;
+}
+
+std::string CookieFlags(const HttpRequest& request)
+{
+    return std::string("; Path=/; HttpOnly; SameSite=Strict") + (request.secure ? "; Secure" : "");
+}
+
+} // namespace
+
+Answer Success()
+{
+    Answer answer;
+    answer.body["success"] = true;
+    return answer;
+}
+
+Answer Refusal(int status, const char* error)
+{
+    Answer answer;
+    answer.status = status;
+    answer.body["success"] = false;
+    answer.body["err"] = error;
+    return answer;
+}
+
+Answer Unavailable()
+{
+    syslog(LOG_ERR, "two-step sign-in unavailable: %s", FaultText(CurrentRequest().fault));
+    return Refusal(503, "otp_unavailable");
+}
+
+Answer Later(int seconds)
+{
+    Answer answer = Refusal(429, "too_many_attempts");
+    answer.headers.emplace_back("Retry-After", std::to_string(std::max(1, seconds)));
+    return answer;
+}
+
+std::string ReadCookie(const HttpRequest& request, const char* name)
+{
+    return Cookie(request.cookies, CookieName(request, name));
+}
+
+void SetCookie(Answer& answer, const HttpRequest& request, const char* name, const std::string& identifier)
+{
+    answer.headers.emplace_back("Set-Cookie",
+                                CookieName(request, name) + "=" + identifier + CookieFlags(request));
+}
+
+void ClearCookie(Answer& answer, const HttpRequest& request, const char* name)
+{
+    answer.headers.emplace_back("Set-Cookie",
+                                CookieName(request, name) + "=; Max-Age=0" + CookieFlags(request));
+}
+
+Answer Serve(const HttpRequest& request, const std::string& body)
+{
+    Answer refusal;
+    const Route* route = FindRoute(request, refusal);
+    if (route == nullptr) {
+        return refusal;
+    }
+    if (std::optional<Answer> refused = RefuseHeaders(*route, request)) {
+        return std::move(*refused);
+    }
+    Call call{request, {}, {}, {}, nullptr};
+    struct WipeBody {
+        Json::Value& body;
+        ~WipeBody() { Wipe(body); }
+    } wipe{call.body};
+    try {
+        return ServeRoute(*route, call, body);
+    } catch (const DatabaseError& error) {
+        syslog(LOG_ERR, "sign-in state: %s", error.what());
+        NoteFault(Fault::StateUnavailable);
+        return Unavailable();
+    } catch (const VaultError& error) {
+        NoteFault(error.fault);
+        return Unavailable();
+    }
+}
+
+} // namespace tavr::web

@@ -1,0 +1,139 @@
+#include "web/facts.h"
+#include "web/handlers.h"
+
+#include "linux/accounts.h"
+#include "linux/names.h"
+#include "linux/request.h"
+#include "linux/verifier.h"
+#include "otp/OTPWizardHandler.h"
+
+#include <syslog.h>
+
+#include <stdexcept>
+
+namespace tavr::web
+{
+
+namespace
+{
+
+// The account whose password it is. Empty when refused, and when that could not be told: the request then
+// holds a fault.
+std::optional<Account> TestPassword(const char* user, const char* password)
+{
+    const Request& request = CurrentRequest();
+    OTPWizardHandler handler;
+    const bool accepted = handler.AuthUserAccount(user, password, false, true);
+    if (accepted && request.passwordOf) {
+        return FindAccount(*request.passwordOf);
+    }
+    if (!request.passwordCompared && request.fault == Fault::None) {
+        if (CanonicalName(user)) {
+            throw std::runtime_error("the password could not be compared");
+        }
+        CheckPassword({}, password); // what can be no name costs the work of a wrong password too
+    }
+    return std::nullopt;
+}
+
+// A sign-in replaces whatever the cookies stood for.
+void EndFormer(const Call& call, Answer& answer)
+{
+    for (const std::optional<Session>* session : {&call.live, &call.pending}) {
+        if (*session) {
+            EndSession(**session);
+        }
+    }
+    const bool signedIn = answer.body["state"] == "signed_in";
+    ClearCookie(answer, call.request, signedIn ? "pending" : "sid");
+}
+
+Answer HalfWay(const Call& call, const Account& account, SessionState state)
+{
+    const std::string identifier = OpenPending(account, state);
+    Answer answer = Success();
+    answer.body["state"] = state == SessionState::CodeRequired ? "code_required" : "enrolment_required";
+    answer.body["user"] = account.name;
+    answer.body["TavrToken"] = TokenOf(identifier);
+    SetCookie(answer, call.request, "pending", identifier);
+    EndFormer(call, answer);
+    return answer;
+}
+
+Answer SignedIn(const Call& call, const Account& account)
+{
+    if (OpenSession(account) != Grant::Opened) {
+        return Unavailable(); // nothing is missing by the facts, so it was a fault
+    }
+    const std::string& identifier = CurrentRequest().newSid;
+    Answer answer = Success();
+    answer.body["state"] = "signed_in";
+    answer.body["user"] = account.name;
+    answer.body["TavrToken"] = TokenOf(identifier);
+    SetCookie(answer, call.request, "sid", identifier);
+    EndFormer(call, answer);
+    return answer;
+}
+
+} // namespace
+
+Answer SignIn(Call& call)
+{
+    const std::optional<Account> account = TestPassword(call.Text("user"), call.Text("password"));
+    if (CurrentRequest().fault != Fault::None) {
+        return Unavailable();
+    }
+    if (!account) {
+        return Refusal(401, "bad_credentials");
+    }
+    if (LearnFacts(*account).enrolment == Enrolment::Fault) {
+        return Unavailable();
+    }
+    if (!MakePreferenceDirectory(*account)) {
+        syslog(LOG_ERR, "no preference directory for %s", account->name.c_str());
+    }
+    const Request::Facts& facts = *CurrentRequest().facts;
+    if (facts.enrolled) {
+        return HalfWay(call, *account, SessionState::CodeRequired);
+    }
+    if (facts.demanded) {
+        return HalfWay(call, *account, SessionState::EnrolmentRequired);
+    }
+    return SignedIn(call, *account);
+}
+
+Answer SignInCode(Call& call)
+{
+    const Account& account = call.session->account;
+    if (std::optional<Answer> refusal = RefuseCode(account, call.Text("code"))) {
+        return std::move(*refusal);
+    }
+    return SignedIn(call, account);
+}
+
+std::optional<Answer> RefuseCodeAnswer(const CodeAnswer& answer)
+{
+    switch (answer.result) {
+    case CodeResult::Accepted:
+        return std::nullopt;
+    case CodeResult::Wrong:
+        return Refusal(401, "otp_auth_failed");
+    case CodeResult::Used:
+        return Refusal(401, "otp_code_used");
+    case CodeResult::Throttled:
+        return Later(answer.retryAfterSeconds);
+    case CodeResult::Closed:
+        return Refusal(403, "otp_closed");
+    case CodeResult::Fault:
+        NoteFault(answer.fault);
+        return Unavailable();
+    }
+    return Unavailable();
+}
+
+std::optional<Answer> RefuseCode(const Account& account, const char* code)
+{
+    return RefuseCodeAnswer(VerifyCode(account, code));
+}
+
+} // namespace tavr::web

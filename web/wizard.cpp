@@ -1,0 +1,336 @@
+// The set-up wizard. Each step is one request on a fresh handler, which first tests the password; whose
+// account it is, the session says.
+#include "web/facts.h"
+#include "web/handlers.h"
+
+#include "linux/cipher.h"
+#include "linux/clock.h"
+#include "linux/paths.h"
+#include "linux/request.h"
+#include "otp/OTPWizardHandler.h"
+#include "otp/OTPutils.h"
+
+#include <json/json.h>
+#include <sodium.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <array>
+#include <stdexcept>
+#include <string_view>
+
+namespace tavr::web
+{
+
+namespace
+{
+
+constexpr int64_t kMailWithoutCodeSeconds = 10 * 60; // after the confirmation, in the session that it opened
+constexpr size_t kPngLimit = 4096;                   // bytes of the picture that the library reads
+constexpr size_t kMailBuffer = 4096;
+
+// A step that has got past the password. A refusal ends it.
+struct Step {
+    OTPWizardHandler handler;
+    EnrolmentState state;
+    std::optional<Answer> refusal;
+};
+
+std::optional<Answer> RefusePassword(OTPWizardHandler& handler, const Call& call)
+{
+    const Request& request = CurrentRequest();
+    const Account& account = call.session->account;
+    const bool accepted = handler.AuthUserAccount(account.name.c_str(), call.Text("password"), false, true);
+    if (accepted && request.passwordOf == account.uid) {
+        return std::nullopt;
+    }
+    if (request.fault != Fault::None) {
+        return Unavailable();
+    }
+    if (!request.passwordCompared) {
+        throw std::runtime_error("the password could not be compared");
+    }
+    return Refusal(401, "bad_credentials");
+}
+
+// An enrolled account is served its secret and its changes only in a session that has seen a code: one that
+// was opened before the enrolment, and a half sign-in above all, knows the password alone.
+bool KnowsTooLittle(const Session& session, const EnrolmentState& state)
+{
+    return state.enrolment == Enrolment::Yes && !session.secondStep;
+}
+
+void Begin(Step& step, const Call& call)
+{
+    step.refusal = RefusePassword(step.handler, call);
+    if (step.refusal) {
+        return;
+    }
+    step.state = LearnFacts(call.session->account);
+    if (step.state.enrolment == Enrolment::Fault) {
+        step.refusal = Unavailable();
+    } else if (KnowsTooLittle(*call.session, step.state)) {
+        step.refusal = Refusal(401, "not_signed_in");
+    }
+}
+
+Answer FromLibrary(Json::Value response)
+{
+    Answer answer;
+    answer.body = std::move(response);
+    return answer;
+}
+
+// Without the tool the library fails, and its log line then holds the key.
+std::optional<Answer> RefuseWithoutQrTool()
+{
+    if (access(kQrToolPath, X_OK) == 0) {
+        return std::nullopt;
+    }
+    syslog(LOG_ERR, "cannot execute %s", kQrToolPath);
+    Answer answer = Success();
+    answer.body["success"] = false;
+    answer.body["err"] = "qr_unavailable";
+    return answer;
+}
+
+// The library reads one buffer of the picture; what did not fit is missing at its end.
+bool IsWholePng(const std::string& base64)
+{
+    static constexpr std::string_view kSignature = "\x89PNG\r\n\x1a\n";
+    static constexpr std::string_view kEnd("\0\0\0\0IEND\xae\x42\x60\x82", 12);
+    std::array<char, kPngLimit> bytes{};
+    size_t size = 0;
+    if (sodium_base642bin(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size(), base64.data(),
+                          base64.size(), nullptr, &size, nullptr, sodium_base64_VARIANT_ORIGINAL) != 0) {
+        return false;
+    }
+    const std::string_view png(bytes.data(), size);
+    const bool whole = png.starts_with(kSignature) && png.ends_with(kEnd);
+    sodium_memzero(bytes.data(), bytes.size());
+    return whole;
+}
+
+// The answer to a step that draws a picture.
+Answer WithPicture(Json::Value response)
+{
+    if (response["success"] == true && !IsWholePng(response["img"].asString())) {
+        Wipe(response);
+        return Refusal(400, "label_too_long");
+    }
+    return FromLibrary(std::move(response));
+}
+
+std::string WaitingReference(const Account& account)
+{
+    const std::optional<WaitingSecret> waiting = FindWaiting(account.uid);
+    return waiting ? waiting->reference : std::string();
+}
+
+// What the verifier said to the library, which tells its own caller right from wrong only. Empty for those
+// two.
+std::optional<Answer> RefuseByVerifier(Json::Value& response)
+{
+    const std::optional<CodeAnswer>& verdict = LastLibraryAnswer();
+    if (!verdict || verdict->result == CodeResult::Accepted || verdict->result == CodeResult::Wrong) {
+        return std::nullopt;
+    }
+    if (verdict->result == CodeResult::Used) {
+        response["err"] = "otp_code_used";
+        return std::nullopt;
+    }
+    return RefuseCodeAnswer(*verdict);
+}
+
+// A new session has come in place of the one that asked, and of any that knew the password alone.
+void ChangeSessions(const Call& call, Answer& answer)
+{
+    const std::string& sid = CurrentRequest().newSid;
+    if (sid.empty()) {
+        return;
+    }
+    EndOtherSessionsOf(call.session->account.uid, sid);
+    SetCookie(answer, call.request, "sid", sid);
+    ClearCookie(answer, call.request, "pending");
+}
+
+bool MayConfirm(const Session& session)
+{
+    const std::optional<WaitingSecret> waiting = FindWaiting(session.account.uid);
+    return waiting && waiting->session == session.id;
+}
+
+// The address as it is stored; empty when there is none or it cannot be read.
+std::string ReadMail(const Account& account)
+{
+    if (account.kind == kKindLocal) {
+        return account.mail;
+    }
+    std::array<char, kMailBuffer> text{};
+    try {
+        return OTPUtils::GetUserMail(account.name.c_str(), text.data(), text.size()) ? text.data() : "";
+    } catch (const Json::Exception& error) {
+        syslog(LOG_WARNING, "recovery address of %s: %s", account.name.c_str(), error.what());
+        return {};
+    }
+}
+
+bool MailIs(uint32_t uid, std::string_view mail)
+{
+    const std::optional<Account> account = FindAccount(uid);
+    return account && ReadMail(*account) == mail;
+}
+
+// First character and domain; nothing of what is no address.
+std::string MaskMail(const std::string& mail)
+{
+    const size_t at = mail.rfind('@');
+    if (at == std::string::npos || at == 0) {
+        return "***";
+    }
+    size_t first = 1;
+    while (first < at && (static_cast<unsigned char>(mail[first]) & 0xC0) == 0x80) {
+        ++first; // the rest of a character of several bytes
+    }
+    return mail.substr(0, first) + "***" + mail.substr(at);
+}
+
+bool ConfirmedJustNow(const Session& session)
+{
+    return session.confirmedBoot != 0 && BootSeconds() - session.confirmedBoot < kMailWithoutCodeSeconds;
+}
+
+std::optional<Answer> RefuseMailWithoutCode(const Call& call, const Step& step)
+{
+    if (step.state.enrolment != Enrolment::Yes || ConfirmedJustNow(*call.session)) {
+        return std::nullopt;
+    }
+    if (!call.body.isMember("code")) {
+        return Refusal(400, "bad_request");
+    }
+    return RefuseCode(call.session->account, call.Text("code"));
+}
+
+} // namespace
+
+Answer WizardQr(Call& call)
+{
+    Step step;
+    Begin(step, call);
+    if (step.refusal) {
+        return std::move(*step.refusal);
+    }
+    if (std::optional<Answer> refusal = RefuseWithoutQrTool()) {
+        return std::move(*refusal);
+    }
+    const Account& account = call.session->account;
+    if (NameAccountToCipher(account) != Fault::None) {
+        return Unavailable();
+    }
+    const bool enrolled = step.state.enrolment == Enrolment::Yes;
+    const std::string before = enrolled ? std::string() : WaitingReference(account);
+    const bool done = step.handler.GetQRcodePage(call.Text("account_name"), account.uid);
+    if (CurrentRequest().fault != Fault::None) {
+        return Unavailable();
+    }
+    Json::Value response = step.handler.GetResponse();
+    if (!enrolled && !done && WaitingReference(account) == before) {
+        NoteFault(Fault::StateUnavailable); // no secret could be made
+        return Unavailable();
+    }
+    if (!enrolled && done && !ClaimWaiting(account.uid, call.session->id, response["key"].asString())) {
+        Wipe(response);
+        Answer busy = Refusal(503, "busy"); // another page made a newer secret in between
+        busy.headers.emplace_back("Retry-After", "1");
+        return busy;
+    }
+    return WithPicture(std::move(response));
+}
+
+Answer WizardLabel(Call& call)
+{
+    OTPWizardHandler handler;
+    if (std::optional<Answer> refusal = RefusePassword(handler, call)) {
+        return std::move(*refusal);
+    }
+    if (std::optional<Answer> refusal = RefuseWithoutQrTool()) {
+        return std::move(*refusal);
+    }
+    handler.EditAccountName(call.Text("key"), call.Text("account_name"));
+    return WithPicture(handler.GetResponse());
+}
+
+Answer WizardConfirm(Call& call)
+{
+    const Account& account = call.session->account;
+    OTPWizardHandler handler;
+    if (std::optional<Answer> refusal = RefusePassword(handler, call)) {
+        return std::move(*refusal);
+    }
+    // From here to the end, so that nobody else settles, spends or switches off in between.
+    const AccountLock lock(account.uid);
+    if (!lock.Held()) {
+        NoteFault(Fault::StateUnavailable);
+        return Unavailable();
+    }
+    const EnrolmentState before = LearnFacts(account);
+    if (before.enrolment == Enrolment::Fault) {
+        return Unavailable();
+    }
+    if (KnowsTooLittle(*call.session, before)) {
+        return Refusal(401, "not_signed_in");
+    }
+    if (!MayConfirm(*call.session)) {
+        return Refusal(409, "no_setup");
+    }
+    handler.AuthOTPcode(call.Text("code"), account.uid);
+    Json::Value response = handler.GetResponse();
+    if (std::optional<Answer> refusal = RefuseByVerifier(response)) {
+        return std::move(*refusal);
+    }
+    const bool accepted = CurrentRequest().codeOf == account.uid;
+    if (accepted && Settle(account).enrolment != Enrolment::Yes) {
+        NoteFault(Fault::SecretFile);
+        return Unavailable();
+    }
+    Answer answer = FromLibrary(std::move(response));
+    ChangeSessions(call, answer);
+    return answer;
+}
+
+Answer WizardMail(Call& call)
+{
+    Step step;
+    Begin(step, call);
+    if (step.refusal) {
+        return std::move(*step.refusal);
+    }
+    if (std::optional<Answer> refusal = RefuseMailWithoutCode(call, step)) {
+        return std::move(*refusal);
+    }
+    step.handler.SaveMail(call.Text("mail"));
+    Answer answer = FromLibrary(step.handler.GetResponse());
+    answer.body["saved"] = MailIs(call.session->account.uid, call.Text("mail"));
+    return answer;
+}
+
+Answer WizardStatus(Call& call)
+{
+    const Account& account = call.session->account;
+    const EnrolmentState state = LearnFacts(account);
+    if (state.enrolment == Enrolment::Fault) {
+        return Unavailable();
+    }
+    Answer answer = Success();
+    answer.body["enrolled"] = state.enrolment == Enrolment::Yes;
+    answer.body["enforced"] = CurrentRequest().facts->demanded;
+    const std::string mail = ReadMail(account);
+    if (!mail.empty()) {
+        answer.body["mail"] = MaskMail(mail);
+    }
+    answer.body["mail_writable"] = account.kind != kKindLdap;
+    answer.body["codes_left"] = state.codesLeft;
+    return answer;
+}
+
+} // namespace tavr::web
