@@ -311,6 +311,7 @@ int main(int argc, char** argv)
     if (sodium_init() < 0) {
         Die("no source of random bits");
     }
+    close_range(STDERR_FILENO + 1, ~0U, 0); // whatever the starter has left open
     OpenStandardStreams();
     OpenLog();
     const rlimit noCore{0, 0};

@@ -1,0 +1,92 @@
+#include "tests/linux/fake_account.h"
+
+#include "linux/settings.h"
+
+namespace
+{
+
+FakeAccounts fake;
+
+void FailIfTold()
+{
+    if (fake.storeFails) {
+        throw tavr::DatabaseError(0, "told to fail");
+    }
+}
+
+} // namespace
+
+FakeAccounts& Fake()
+{
+    return fake;
+}
+
+void ResetFake()
+{
+    fake = FakeAccounts();
+}
+
+tavr::Account& FakeAccounts::Add(const std::string& name, uint32_t uid, const std::string& password)
+{
+    tavr::Account& account = accounts[name];
+    account.name = name;
+    account.uid = uid;
+    passwords[name] = password;
+    return account;
+}
+
+namespace tavr
+{
+
+std::optional<Account> FindAccount(uint32_t uid)
+{
+    FailIfTold();
+    for (const auto& [name, account] : fake.accounts) {
+        if (account.uid == uid) {
+            return account;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<Account> CheckPassword(std::string_view name, std::string_view password)
+{
+    FailIfTold();
+    const auto found = fake.accounts.find(std::string(name));
+    if (found == fake.accounts.end() || fake.passwords[found->first] != password) {
+        return std::nullopt;
+    }
+    return found->second;
+}
+
+bool MakePreferenceDirectory(const Account& /*account*/)
+{
+    ++fake.directoriesMade;
+    return !fake.directoriesFail;
+}
+
+EnrolmentState Settle(const Account& account)
+{
+    ++fake.settled;
+    EnrolmentState state;
+    const auto found = fake.settlesAs.find(account.uid);
+    state.enrolment = found == fake.settlesAs.end() ? Enrolment::No : found->second;
+    if (state.enrolment == Enrolment::Fault) {
+        state.fault = Fault::SecretFile;
+        NoteFault(state.fault);
+    }
+    return state;
+}
+
+const std::optional<CodeAnswer>& LastLibraryAnswer()
+{
+    return fake.libraryAnswer;
+}
+
+int64_t NumberSetting(std::string_view key, int64_t fallback, int64_t /*least*/, int64_t /*most*/)
+{
+    const auto found = fake.settings.find(std::string(key));
+    return found == fake.settings.end() ? fallback : found->second;
+}
+
+} // namespace tavr

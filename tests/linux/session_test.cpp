@@ -1,0 +1,384 @@
+#include "linux/session.h"
+
+#include "linux/clock.h"
+#include "tests/linux/fake_account.h"
+#include "tests/support/test_clock.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+using namespace tavr;
+
+namespace
+{
+
+constexpr int64_t kMinute = 60;
+constexpr int64_t kHour = 60 * kMinute;
+
+class Sessions : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ResetFake();
+        SetClock(0, 0);
+        SigninDatabase().Prepare("DELETE FROM session").Run();
+        StartRequest();
+        mia = Fake().Add("mia", 1026, "right");
+        leo = Fake().Add("leo", 1027, "right");
+    }
+
+    // A session of an account that needs no second step.
+    std::string SignIn(const Account& account)
+    {
+        StartRequest();
+        CurrentRequest().facts = Request::Facts{account.uid, false, false};
+        EXPECT_EQ(Grant::Opened, OpenSession(account));
+        return CurrentRequest().newSid;
+    }
+
+    static int64_t Rows()
+    {
+        Statement count = SigninDatabase().Prepare("SELECT count(*) FROM session");
+        return count.Step() ? count.Int(0) : -1;
+    }
+
+    static int64_t Seen()
+    {
+        Statement seen = SigninDatabase().Prepare("SELECT seen FROM session");
+        return seen.Step() ? seen.Int(0) : -1;
+    }
+
+    Account mia;
+    Account leo;
+};
+
+TEST_F(Sessions, IsFoundByItsIdentifierWithItsAccountAndToken)
+{
+    const std::string sid = SignIn(mia);
+    const std::optional<Session> session = FindSession(sid);
+    ASSERT_TRUE(session);
+    EXPECT_EQ(SessionState::Live, session->state);
+    EXPECT_EQ("mia", session->account.name);
+    EXPECT_EQ(1026U, session->account.uid);
+    EXPECT_EQ(TokenOf(sid), session->token);
+    EXPECT_EQ(15 * kMinute, session->expiresIn);
+    EXPECT_FALSE(session->secondStep);
+    EXPECT_EQ(0, session->confirmedBoot);
+}
+
+TEST_F(Sessions, IdentifiersAre128BitsInHexAndNeverTheSame)
+{
+    const std::string first = SignIn(mia);
+    const std::string second = SignIn(mia);
+    EXPECT_EQ(32U, first.size());
+    EXPECT_EQ(std::string::npos, first.find_first_not_of("0123456789abcdef"));
+    EXPECT_NE(first, second);
+    EXPECT_NE(TokenOf(first), TokenOf(second));
+}
+
+TEST_F(Sessions, NeitherIdentifierNorTokenIsStored)
+{
+    const std::string sid = SignIn(mia);
+    const std::string token = TokenOf(sid);
+    Statement row = SigninDatabase().Prepare("SELECT id FROM session");
+    ASSERT_TRUE(row.Step());
+    const std::string stored = row.Text(0);
+    std::string hex;
+    for (const char c : stored) {
+        char digits[3];
+        std::snprintf(digits, sizeof digits, "%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+        hex += digits;
+    }
+    EXPECT_EQ(32U, stored.size());
+    EXPECT_EQ(std::string::npos, hex.find(sid));
+    EXPECT_NE(token, hex);
+    EXPECT_EQ(std::string::npos, token.find(sid));
+}
+
+TEST_F(Sessions, WhatIsNoIdentifierFindsNothing)
+{
+    const std::string sid = SignIn(mia);
+    for (const std::string& wrong : {std::string(), sid.substr(1), sid + "0", std::string(32, '0'),
+                                     std::string(8192, 'a'), TokenOf(sid), sid.substr(0, 31) + "\0"}) {
+        EXPECT_FALSE(FindSession(wrong)) << wrong;
+    }
+    EXPECT_TRUE(FindSession(sid));
+}
+
+// --- The rule
+// ------------------------------------------------------------------------------------------------
+
+struct RuleCase {
+    const char* reason;
+    std::function<void(Request&)> request;
+    Enrolment settlesAs;
+    Grant expected;
+};
+
+class Rule : public Sessions, public testing::WithParamInterface<RuleCase>
+{
+};
+
+TEST_P(Rule, DecidesWhetherASessionIsOpened)
+{
+    const RuleCase& row = GetParam();
+    Fake().settlesAs[1026] = row.settlesAs;
+    row.request(CurrentRequest());
+
+    EXPECT_EQ(row.expected, OpenSession(mia)) << row.reason;
+    EXPECT_EQ(row.expected == Grant::Opened ? 1 : 0, Rows()) << row.reason;
+    EXPECT_EQ(row.expected == Grant::Opened, !CurrentRequest().newSid.empty()) << row.reason;
+}
+
+const RuleCase kRule[] = {
+    {"nothing is known of the account", [](Request&) {}, Enrolment::No, Grant::SecondStepMissing},
+    {"facts of another account",
+     [](Request& r) {
+         r.facts = Request::Facts{1027, false, false};
+     },
+     Enrolment::No, Grant::SecondStepMissing},
+    {"a right password proves nothing more", [](Request& r) { r.passwordOf = 1026; }, Enrolment::No,
+     Grant::SecondStepMissing},
+    {"neither enrolled nor demanded",
+     [](Request& r) {
+         r.facts = Request::Facts{1026, false, false};
+     },
+     Enrolment::No, Grant::Opened},
+    {"enrolled",
+     [](Request& r) {
+         r.facts = Request::Facts{1026, true, false};
+     },
+     Enrolment::Yes, Grant::SecondStepMissing},
+    {"demanded",
+     [](Request& r) {
+         r.facts = Request::Facts{1026, false, true};
+     },
+     Enrolment::No, Grant::SecondStepMissing},
+    {"enrolled, another account's code",
+     [](Request& r) {
+         r.facts = Request::Facts{1026, true, false};
+         r.codeOf = 1027;
+     },
+     Enrolment::Yes, Grant::SecondStepMissing},
+    {"code accepted, settles as enrolled", [](Request& r) { r.codeOf = 1026; }, Enrolment::Yes,
+     Grant::Opened},
+    {"demanded, code accepted, settles as enrolled",
+     [](Request& r) {
+         r.facts = Request::Facts{1026, false, true};
+         r.codeOf = 1026;
+     },
+     Enrolment::Yes, Grant::Opened},
+    {"code accepted, does not settle as enrolled",
+     [](Request& r) {
+         r.facts = Request::Facts{1026, false, false};
+         r.codeOf = 1026;
+     },
+     Enrolment::No, Grant::Fault},
+    {"code accepted, cannot be settled", [](Request& r) { r.codeOf = 1026; }, Enrolment::Fault, Grant::Fault},
+    {"something could not be looked up",
+     [](Request& r) {
+         r.facts = Request::Facts{1026, false, false};
+         r.fault = Fault::VaultDamaged;
+     },
+     Enrolment::No, Grant::Fault},
+};
+
+INSTANTIATE_TEST_SUITE_P(OpenSession, Rule, testing::ValuesIn(kRule));
+
+TEST_F(Sessions, RemembersAnAcceptedCodeAndAConfirmedEnrolment)
+{
+    Fake().settlesAs[1026] = Enrolment::Yes;
+    CurrentRequest().codeOf = 1026;
+    ASSERT_EQ(Grant::Opened, OpenSession(mia));
+    const std::optional<Session> bySecondStep = FindSession(CurrentRequest().newSid);
+    ASSERT_TRUE(bySecondStep);
+    EXPECT_TRUE(bySecondStep->secondStep);
+    EXPECT_EQ(0, bySecondStep->confirmedBoot);
+
+    Fake().libraryAnswer = CodeAnswer{CodeResult::Accepted, 0, Fault::None};
+    ASSERT_EQ(Grant::Opened, OpenSession(mia));
+    const std::optional<Session> byWizard = FindSession(CurrentRequest().newSid);
+    ASSERT_TRUE(byWizard);
+    EXPECT_NEAR(static_cast<double>(BootSeconds()), static_cast<double>(byWizard->confirmedBoot), 2);
+}
+
+TEST_F(Sessions, OpensNothingThatCannotBeStored)
+{
+    sqlite3_exec(SigninDatabase().Handle(), "PRAGMA query_only=ON", nullptr, nullptr, nullptr);
+    CurrentRequest().facts = Request::Facts{1026, false, false};
+    EXPECT_EQ(Grant::Fault, OpenSession(mia));
+    EXPECT_EQ(Fault::StateUnavailable, CurrentRequest().fault);
+    EXPECT_TRUE(CurrentRequest().newSid.empty());
+    EXPECT_THROW(OpenPending(mia, SessionState::CodeRequired), DatabaseError);
+    sqlite3_exec(SigninDatabase().Handle(), "PRAGMA query_only=OFF", nullptr, nullptr, nullptr);
+    EXPECT_EQ(0, Rows());
+}
+
+// --- Lifetimes
+// -----------------------------------------------------------------------------------------------
+
+TEST_F(Sessions, EndsWhenIdleAndIsKeptByUse)
+{
+    const std::string sid = SignIn(mia);
+    for (int quarter = 1; quarter <= 8; ++quarter) {
+        SetClock(0, quarter * 13 * kMinute);
+        EXPECT_TRUE(FindSession(sid)) << quarter;
+    }
+    SetClock(0, 8 * 13 * kMinute + 15 * kMinute);
+    EXPECT_FALSE(FindSession(sid));
+}
+
+TEST_F(Sessions, EndsAfterItsLifetimeWhateverItsUse)
+{
+    const std::string sid = SignIn(mia);
+    for (int64_t minute = 10; minute < 12 * 60; minute += 10) {
+        SetClock(0, minute * kMinute);
+        ASSERT_TRUE(FindSession(sid)) << minute;
+    }
+    EXPECT_LE(FindSession(sid)->expiresIn, 10 * kMinute);
+    SetClock(0, 12 * kHour);
+    EXPECT_FALSE(FindSession(sid));
+}
+
+TEST_F(Sessions, LifetimesAreSettings)
+{
+    Fake().settings = {{"session_idle", 120}, {"session_lifetime", 300}};
+    const std::string sid = SignIn(mia);
+    SetClock(0, 110);
+    EXPECT_TRUE(FindSession(sid));
+    SetClock(0, 220);
+    EXPECT_TRUE(FindSession(sid));
+    SetClock(0, 301);
+    EXPECT_FALSE(FindSession(sid));
+}
+
+TEST_F(Sessions, AChangedClockStretchesNothing)
+{
+    const std::string sid = SignIn(mia);
+    for (const int64_t wall : {-24 * kHour, 24 * kHour, -1'700'000'000L, 4'000'000'000L}) {
+        SetClock(wall, 0);
+        EXPECT_TRUE(FindSession(sid)) << wall;
+        SetClock(wall, 15 * kMinute);
+        EXPECT_FALSE(FindSession(sid)) << wall;
+    }
+}
+
+TEST_F(Sessions, OfAnotherStartOfTheMachineAreDead)
+{
+    const std::string sid = SignIn(mia);
+    SigninDatabase().Prepare("UPDATE session SET boot = 'another'").Run();
+    EXPECT_FALSE(FindSession(sid));
+}
+
+TEST_F(Sessions, FromTheFutureAreDead)
+{
+    SetClock(0, kHour);
+    const std::string sid = SignIn(mia);
+    SetClock(0, 0);
+    EXPECT_FALSE(FindSession(sid));
+}
+
+TEST_F(Sessions, UseIsWrittenOnceInAWhile)
+{
+    const std::string sid = SignIn(mia);
+    const int64_t opened = Seen();
+    SetClock(0, 50);
+    EXPECT_TRUE(FindSession(sid));
+    EXPECT_EQ(opened, Seen());
+    SetClock(0, 70);
+    EXPECT_TRUE(FindSession(sid));
+    EXPECT_GE(Seen(), opened + 70);
+}
+
+TEST_F(Sessions, HalfSignInsEndAfterTheirTimeAndUseDoesNotKeepThem)
+{
+    const std::string code = OpenPending(mia, SessionState::CodeRequired);
+    const std::string enrolment = OpenPending(mia, SessionState::EnrolmentRequired);
+    SetClock(0, 4 * kMinute);
+    ASSERT_TRUE(FindSession(code));
+    EXPECT_EQ(SessionState::CodeRequired, FindSession(code)->state);
+    ASSERT_TRUE(FindSession(enrolment));
+    EXPECT_EQ(SessionState::EnrolmentRequired, FindSession(enrolment)->state);
+    SetClock(0, 5 * kMinute);
+    EXPECT_FALSE(FindSession(code));
+    SetClock(0, 29 * kMinute);
+    EXPECT_TRUE(FindSession(enrolment));
+    SetClock(0, 30 * kMinute);
+    EXPECT_FALSE(FindSession(enrolment));
+}
+
+TEST_F(Sessions, OldRowsGoWhenSessionsAreOpened)
+{
+    for (int i = 0; i < 20; ++i) {
+        SignIn(mia);
+        OpenPending(leo, SessionState::EnrolmentRequired);
+    }
+    SigninDatabase().Prepare("UPDATE session SET boot = 'another' WHERE account = 1026").Run();
+    SetClock(0, kHour);
+    SignIn(mia);
+    EXPECT_EQ(1, Rows());
+}
+
+TEST_F(Sessions, ALiveRowIsNeverClearedAway)
+{
+    const std::string pending = OpenPending(leo, SessionState::EnrolmentRequired);
+    SetClock(0, 29 * kMinute);
+    SignIn(mia);
+    EXPECT_TRUE(FindSession(pending));
+}
+
+// --- Ends
+// ----------------------------------------------------------------------------------------------------
+
+TEST_F(Sessions, EndOneAndTheOthersStay)
+{
+    const std::string first = SignIn(mia);
+    const std::string second = SignIn(mia);
+    EndSession(*FindSession(first));
+    EXPECT_FALSE(FindSession(first));
+    EXPECT_TRUE(FindSession(second));
+}
+
+TEST_F(Sessions, EndAllOfAnAccount)
+{
+    const std::string live = SignIn(mia);
+    const std::string half = OpenPending(mia, SessionState::CodeRequired);
+    const std::string others = SignIn(leo);
+    EndSessionsOf(mia.uid);
+    EXPECT_FALSE(FindSession(live));
+    EXPECT_FALSE(FindSession(half));
+    EXPECT_TRUE(FindSession(others));
+}
+
+TEST_F(Sessions, EndAllButOne)
+{
+    const std::string former = SignIn(mia);
+    const std::string half = OpenPending(mia, SessionState::EnrolmentRequired);
+    const std::string kept = SignIn(mia);
+    const std::string others = SignIn(leo);
+    EndOtherSessionsOf(mia.uid, kept);
+    EXPECT_FALSE(FindSession(former));
+    EXPECT_FALSE(FindSession(half));
+    EXPECT_TRUE(FindSession(kept));
+    EXPECT_TRUE(FindSession(others));
+}
+
+TEST_F(Sessions, DieWithTheirAccount)
+{
+    const std::string sid = SignIn(mia);
+    Fake().accounts.erase("mia");
+    EXPECT_FALSE(FindSession(sid));
+    Fake().Add("mia", 1099, "right"); // made anew, under a number of its own
+    EXPECT_FALSE(FindSession(sid));
+}
+
+TEST_F(Sessions, AnAccountStoreThatFailsIsNoAnswer)
+{
+    const std::string sid = SignIn(mia);
+    Fake().storeFails = true;
+    EXPECT_THROW(FindSession(sid), DatabaseError);
+}
+
+} // namespace
