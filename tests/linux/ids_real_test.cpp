@@ -20,7 +20,7 @@ namespace
 
 std::vector<std::string> g_log; // "priority text"
 
-void Catch(int priority, const char* format, va_list list)
+[[gnu::format(printf, 2, 0)]] void Catch(int priority, const char* format, va_list list)
 {
     char line[512];
     std::vsnprintf(line, sizeof line, format, list);
@@ -230,7 +230,7 @@ TEST_F(RealIds, TheSectionTellsWhenTheIdsCannotBeGivenBack)
 
 extern "C" {
 
-void __wrap_syslog(int priority, const char* format, ...)
+[[gnu::format(printf, 2, 3)]] void __wrap_syslog(int priority, const char* format, ...)
 {
     va_list list;
     va_start(list, format);
@@ -238,7 +238,7 @@ void __wrap_syslog(int priority, const char* format, ...)
     va_end(list);
 }
 
-void __wrap___syslog_chk(int priority, int /*flag*/, const char* format, ...)
+[[gnu::format(printf, 3, 4)]] void __wrap___syslog_chk(int priority, int /*flag*/, const char* format, ...)
 {
     va_list list;
     va_start(list, format);

@@ -964,7 +964,7 @@ gid_t __real_getegid(void);
 int __real_setresuid(uid_t real, uid_t effective, uid_t saved);
 int __real_setresgid(gid_t real, gid_t effective, gid_t saved);
 
-static void LogV(int priority, const char* format, va_list list)
+[[gnu::format(printf, 2, 0)]] static void LogV(int priority, const char* format, va_list list)
 {
     char* line = nullptr;
     const int length = vasprintf(&line, format, list);
@@ -975,7 +975,7 @@ static void LogV(int priority, const char* format, va_list list)
     }
 }
 
-void __wrap_syslog(int priority, const char* format, ...)
+[[gnu::format(printf, 2, 3)]] void __wrap_syslog(int priority, const char* format, ...)
 {
     va_list list;
     va_start(list, format);
@@ -984,7 +984,7 @@ void __wrap_syslog(int priority, const char* format, ...)
     errno = EBADF; // as a log that nobody listens to may leave it
 }
 
-void __wrap___syslog_chk(int priority, int /*flag*/, const char* format, ...)
+[[gnu::format(printf, 3, 4)]] void __wrap___syslog_chk(int priority, int /*flag*/, const char* format, ...)
 {
     va_list list;
     va_start(list, format);
