@@ -4,6 +4,7 @@
 
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -58,6 +59,7 @@ int MakeSecret(const char* path)
                         "not to be run by root: vault and file belong to the service's own account");
     }
     HideMemory();
+    umask(S_IRWXG | S_IRWXO);
     try {
         return Say(tavr::PaddedReference(tavr::MakeWaitingSecret(*parsed)) + '\n');
     } catch (const tavr::ToolError& error) {

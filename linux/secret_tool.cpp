@@ -100,7 +100,9 @@ std::string MakeWaitingSecret(const ToolPath& path)
     if (!file.Write(RenderSecretFile(references))) {
         FailWithErrno("cannot write in " + path.directory);
     }
-    StoreWaiting(path.account, references);
+    SecretBytes secret;
+    DrawSecret(secret);
+    StoreWaiting(path.account, references, secret);
     if (!file.PutInPlace(atPlace)) {
         const int reason = errno;
         RetireWaitingSecret(path.account);

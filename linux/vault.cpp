@@ -159,10 +159,9 @@ void DeleteSecret(uint32_t account, SecretState state)
         .Run();
 }
 
-void InsertSecret(const MachineKey& key, uint32_t account, const std::string& reference)
+void InsertSecret(const MachineKey& key, uint32_t account, const std::string& reference,
+                  const SecretBytes& secret)
 {
-    SecretBytes secret;
-    randombytes_buf(secret.bytes.data(), secret.bytes.size());
     SigninDatabase()
         .Prepare("INSERT INTO secret (reference, account, sealed, state, made_boot, made)"
                  " VALUES (?1, ?2, ?3, 'waiting', ?4, ?5)")
@@ -230,13 +229,23 @@ SecretFileText MakeReferences()
     return references;
 }
 
-void StoreWaiting(uint32_t account, const SecretFileText& references)
+void DrawSecret(SecretBytes& secret)
+{
+    randombytes_buf(secret.bytes.data(), secret.bytes.size());
+}
+
+SecretBytes::~SecretBytes()
+{
+    sodium_memzero(bytes.data(), bytes.size());
+}
+
+void StoreWaiting(uint32_t account, const SecretFileText& references, const SecretBytes& secret)
 {
     const MachineKey key = MachineKey::Read();
     Transaction transaction(SigninDatabase());
     DeleteSecret(account, SecretState::Waiting);
     EnterKey(key);
-    InsertSecret(key, account, references.secret);
+    InsertSecret(key, account, references.secret, secret);
     for (size_t i = 0; i < references.codes.size(); ++i) {
         InsertCode(key, account, references, i);
     }
@@ -244,11 +253,6 @@ void StoreWaiting(uint32_t account, const SecretFileText& references)
 }
 
 // --- Opening ---
-
-SecretBytes::~SecretBytes()
-{
-    sodium_memzero(bytes.data(), bytes.size());
-}
 
 CodeDigits::~CodeDigits()
 {

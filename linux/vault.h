@@ -54,15 +54,6 @@ bool HoldsSealedRows();
 
 // --- Making ---
 
-// References for a new secret and its codes; nothing is stored yet.
-SecretFileText MakeReferences();
-
-// Draws the secret and its codes, seals them under these references and stores them as the account's waiting
-// secret, in place of the one that waited. Durable when it returns.
-void StoreWaiting(uint32_t account, const SecretFileText& references);
-
-// --- Opening ---
-
 // 160 bits in the clear, wiped at the end of the scope.
 struct SecretBytes {
     std::array<unsigned char, kSecretBytes> bytes{};
@@ -71,6 +62,16 @@ struct SecretBytes {
     SecretBytes& operator=(const SecretBytes&) = delete;
     ~SecretBytes();
 };
+
+// References for a new secret and its codes; nothing is stored yet.
+SecretFileText MakeReferences();
+void DrawSecret(SecretBytes& secret);
+
+// Seals the secret and freshly drawn codes under these references and stores them as the account's waiting
+// secret, in place of the one that waited. Durable when it returns.
+void StoreWaiting(uint32_t account, const SecretFileText& references, const SecretBytes& secret);
+
+// --- Opening ---
 
 // False when the account has no such live secret or code (a spent one is none).
 bool OpenSecret(uint32_t account, std::string_view reference, SecretBytes& secret);

@@ -1,0 +1,245 @@
+#include "tests/support/fresh_server.h"
+
+#include "linux/descriptor.h"
+#include "linux/paths.h"
+
+#include <liboath/oath.h>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <linux/magic.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace tavr::test
+{
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+constexpr char kClockFile[] = "/run/tavr-test-clock";
+
+void Require(bool done, const std::string& what)
+{
+    if (!done) {
+        throw std::runtime_error(what);
+    }
+}
+
+void Empty(const std::string& folder, uid_t owner, mode_t mode)
+{
+    fs::create_directories(folder);
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        fs::remove_all(entry);
+    }
+    Require(chown(folder.c_str(), owner, owner) == 0 && chmod(folder.c_str(), mode) == 0, folder);
+}
+
+// A view's root is a tmpfs; a machine's own state must never be emptied by a test.
+bool InView()
+{
+    struct statfs root {
+    };
+    return geteuid() == 0 && statfs("/", &root) == 0 && root.f_type == TMPFS_MAGIC;
+}
+
+// Not the whole folder: the checkout may lie in it.
+void RemoveSecretFiles(const std::string& folder)
+{
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        const std::string name = entry.path().filename();
+        if (name.starts_with("OTP_") || name.starts_with(".OTP_")) {
+            fs::remove_all(entry);
+        }
+    }
+}
+
+void WriteClock(int64_t wall, int64_t boot)
+{
+    std::ofstream(kClockFile) << wall << ' ' << boot;
+}
+
+void Lower()
+{
+    Require(setgroups(0, nullptr) == 0 && setresgid(kServiceId, kServiceId, 0) == 0 &&
+                setresuid(kServiceId, kServiceId, 0) == 0,
+            "cannot lower the ids");
+}
+
+[[noreturn]] void RunChild(const std::function<void()>& work)
+{
+    try {
+        Lower();
+        work();
+    } catch (const std::exception& error) {
+        ADD_FAILURE() << error.what();
+    }
+    std::fflush(nullptr);
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+}
+
+} // namespace
+
+void FreshServer::SetUp()
+{
+    ASSERT_TRUE(InView()) << "runs in a view, as root";
+    Empty(kStateDir, kServiceId, 0700);
+    Empty(kConfigDir, 0, 0755);
+    Empty(kDataDir, kServiceId, 0755);
+    Empty(kPreferenceDir, kServiceId, 0700);
+    RemoveSecretFiles(kWaitingDir);
+    WriteClock(0, 0);
+    Require(chown(kClockFile, kServiceId, kServiceId) == 0, kClockFile);
+    std::ofstream(kMachineKeyFile)
+        << "tavr-machine-key-1 000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f\n";
+    Require(chown(kMachineKeyFile, 0, kServiceId) == 0 && chmod(kMachineKeyFile, 0440) == 0, kMachineKeyFile);
+}
+
+void FreshServer::TearDown()
+{
+    for (const std::string& folder : mounts_) {
+        umount2(folder.c_str(), MNT_DETACH);
+    }
+}
+
+void FreshServer::AsWorker(const std::function<void()>& work)
+{
+    AsWorkers(1, [&](int) { work(); });
+}
+
+void FreshServer::AsWorkers(int count, const std::function<void(int)>& work)
+{
+    std::fflush(nullptr);
+    std::vector<pid_t> children;
+    for (int i = 0; i < count; ++i) {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            RunChild([&] { work(i); });
+        }
+        children.push_back(child);
+    }
+    for (const pid_t child : children) {
+        int status = -1;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(0, status) << "in a worker, see above";
+    }
+}
+
+void FreshServer::LimitFolder(const std::string& folder, long bytes)
+{
+    const fs::path copy = fs::path("/var/tmp") / fs::path(folder).filename();
+    fs::remove_all(copy);
+    ASSERT_EQ(0, std::system(("cp -a " + folder + ' ' + copy.string()).c_str()));
+    struct stat what {
+    };
+    ASSERT_EQ(0, stat(folder.c_str(), &what));
+    const std::string options = "size=" + std::to_string(bytes);
+    ASSERT_EQ(0, mount("limited", folder.c_str(), "tmpfs", 0, options.c_str()));
+    mounts_.push_back(folder);
+    ASSERT_EQ(0, chown(folder.c_str(), what.st_uid, what.st_gid));
+    ASSERT_EQ(0, chmod(folder.c_str(), what.st_mode & 07777));
+    ASSERT_EQ(0, std::system(("cp -a " + copy.string() + "/. " + folder).c_str()));
+}
+
+void FreshServer::MakeReadOnly(const std::string& folder)
+{
+    ASSERT_EQ(0, mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
+}
+
+Account MakeAccount(const std::string& name)
+{
+    const auto account = AddAccount({name, "", "", false}, "not to be used");
+    Require(account.has_value() && MakePreferenceDirectory(*account), "cannot make the account " + name);
+    return *account;
+}
+
+void SetWallClock(int64_t seconds)
+{
+    WriteClock(seconds - time(nullptr), 0);
+}
+
+void AlignToSecond()
+{
+    timespec now{};
+    do {
+        clock_gettime(CLOCK_REALTIME, &now);
+    } while (now.tv_nsec > 50'000'000);
+}
+
+void AdvanceBootClock(int64_t seconds)
+{
+    WriteClock(0, seconds);
+}
+
+std::string CodeOf(const std::string& secretBase32, int64_t step)
+{
+    char* secret = nullptr;
+    size_t size = 0;
+    Require(oath_base32_decode(secretBase32.data(), secretBase32.size(), &secret, &size) == OATH_OK,
+            "base-32");
+    char code[7] = {};
+    oath_hotp_generate(secret, size, static_cast<uint64_t>(step), 6, false, OATH_HOTP_DYNAMIC_TRUNCATION,
+                       code);
+    std::free(secret);
+    return code;
+}
+
+std::string ReadFile(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+void WriteFile(const std::string& path, const std::string& text)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+    Require(chmod(path.c_str(), 0600) == 0, path);
+}
+
+Ran RunProgram(const std::vector<std::string>& arguments)
+{
+    std::vector<char*> argv;
+    for (const std::string& argument : arguments) {
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    }
+    argv.push_back(nullptr);
+    const Descriptor output(memfd_create("output", MFD_CLOEXEC));
+    const Descriptor complaint(memfd_create("complaint", MFD_CLOEXEC));
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(output.Get(), STDOUT_FILENO);
+        dup2(complaint.Get(), STDERR_FILENO);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    const auto whole = [](const Descriptor& file) {
+        std::string text(4096, 0);
+        text.resize(
+            static_cast<size_t>(std::max<ssize_t>(0, pread(file.Get(), text.data(), text.size(), 0))));
+        return text;
+    };
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, whole(output), whole(complaint)};
+}
+
+} // namespace tavr::test

@@ -1,0 +1,63 @@
+// A server's state made anew for each test, in a view, and worker processes on it. The test program itself
+// stays root and opens nothing; what is tested runs in children, so that no connection outlives its test.
+#pragma once
+
+#include "linux/accounts.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace tavr::test
+{
+
+inline constexpr uid_t kServiceId = 64217;
+
+class FreshServer : public testing::Test
+{
+protected:
+    void SetUp() override; // empty state folder, preference tree and /tmp, a machine key
+    void TearDown() override;
+
+    // Runs `work` in a child with a web worker's ids (real and effective the service's, saved root). What it
+    // expects in vain fails the test.
+    void AsWorker(const std::function<void()>& work);
+
+    // Likewise, started side by side; ends when all have.
+    void AsWorkers(int count, const std::function<void(int)>& work);
+
+    // Puts a file system of this size over a folder until the end of the test; the folder's content is
+    // copied.
+    void LimitFolder(const std::string& folder, long bytes);
+    void MakeReadOnly(const std::string& folder); // a folder that LimitFolder was called for
+
+private:
+    std::vector<std::string> mounts_;
+};
+
+// --- For work in a child ---
+
+// An account with its preference directory. Cheap: its password is not to be used.
+Account MakeAccount(const std::string& name);
+
+void SetWallClock(int64_t seconds); // WallSeconds() from now on, running
+void AlignToSecond();               // returns just after a second began
+void AdvanceBootClock(int64_t seconds);
+
+// The code of a time step, by liboath alone. Six digits.
+std::string CodeOf(const std::string& secretBase32, int64_t step);
+
+std::string ReadFile(const std::string& path);
+void WriteFile(const std::string& path, const std::string& text); // mode 0600
+
+// The output of a program; its exit status in `status`, what it said on standard error in `complaint`.
+struct Ran {
+    int status = -1;
+    std::string output;
+    std::string complaint;
+};
+Ran RunProgram(const std::vector<std::string>& arguments);
+
+} // namespace tavr::test
