@@ -25,15 +25,10 @@ constexpr int64_t kLongestRenewal = 60;
 constexpr int64_t kClearedAtOnce =
     100; // rows; a sign-in that finds a million old ones must not wait for them
 
-int64_t IdleSeconds()
-{
-    return NumberSetting("session_idle", kIdleSeconds, 60, 24 * 60 * 60);
-}
-
-int64_t LifetimeSeconds()
-{
-    return NumberSetting("session_lifetime", kLifetimeSeconds, 60, 30 * 24 * 60 * 60);
-}
+struct Limits {
+    int64_t idle = NumberSetting("session_idle", kIdleSeconds, 60, 24 * 60 * 60);
+    int64_t lifetime = NumberSetting("session_lifetime", kLifetimeSeconds, 60, 30 * 24 * 60 * 60);
+};
 
 // BLAKE2b under a key that names the use, so that what is stored tells nothing about the token and the other
 // way round.
@@ -119,7 +114,7 @@ std::optional<Row> ReadRow(std::string_view id)
 }
 
 // Seconds left; none or fewer for one that has ended. A row from the future is as dead as one from the past.
-int64_t SecondsLeft(const Row& row, int64_t now)
+int64_t SecondsLeft(const Row& row, const Limits& limits, int64_t now)
 {
     if (row.opened > now || row.seen > now) {
         return 0;
@@ -132,7 +127,7 @@ int64_t SecondsLeft(const Row& row, int64_t now)
     case SessionState::Live:
         break;
     }
-    return std::min(row.seen + IdleSeconds(), row.opened + LifetimeSeconds()) - now;
+    return std::min(row.seen + limits.idle, row.opened + limits.lifetime) - now;
 }
 
 // Of the rows found here none can be live any more: they belong to another start of the machine, or nobody
@@ -145,7 +140,7 @@ void ClearOld(Database& db, int64_t now)
     otherBoot.Bind(1, BootId()).Bind(2, kClearedAtOnce).Run();
     Statement old = db.Prepare("DELETE FROM session WHERE id IN"
                                " (SELECT id FROM session WHERE boot = ?1 AND seen < ?2 LIMIT ?3)");
-    old.Bind(1, BootId()).Bind(2, now - std::max(IdleSeconds(), kEnrolmentRequiredSeconds));
+    old.Bind(1, BootId()).Bind(2, now - std::max(Limits().idle, kEnrolmentRequiredSeconds));
     old.Bind(3, kClearedAtOnce).Run();
 }
 
@@ -166,9 +161,9 @@ std::string Open(const Account& account, SessionState state, bool secondStep, bo
     return identifier;
 }
 
-void Renew(const std::string& id, Row& row, int64_t now)
+void Renew(const std::string& id, Row& row, const Limits& limits, int64_t now)
 {
-    if (row.state != SessionState::Live || now - row.seen < std::min(IdleSeconds() / 10, kLongestRenewal)) {
+    if (row.state != SessionState::Live || now - row.seen < std::min(limits.idle / 10, kLongestRenewal)) {
         return;
     }
     Statement renew = SigninDatabase().Prepare("UPDATE session SET seen = ?2 WHERE id = ?1 AND seen < ?2");
@@ -229,19 +224,20 @@ std::optional<Session> FindSession(std::string_view identifier)
     Session session;
     session.id = HashOf(identifier);
     std::optional<Row> row = ReadRow(session.id);
+    const Limits limits;
     const int64_t now = BootSeconds();
-    if (!row || SecondsLeft(*row, now) <= 0) {
+    if (!row || SecondsLeft(*row, limits, now) <= 0) {
         return std::nullopt;
     }
     std::optional<Account> account = FindAccount(row->account);
     if (!account) {
         return std::nullopt;
     }
-    Renew(session.id, *row, now);
+    Renew(session.id, *row, limits, now);
     session.state = row->state;
     session.account = std::move(*account);
     session.token = TokenOf(identifier);
-    session.expiresIn = SecondsLeft(*row, now);
+    session.expiresIn = SecondsLeft(*row, limits, now);
     session.secondStep = row->secondStep;
     session.confirmedBoot = row->confirmed;
     return session;

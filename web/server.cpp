@@ -19,6 +19,7 @@
 #include <csignal>
 #include <cstring>
 #include <memory>
+#include <sstream>
 
 namespace tavr::web
 {
@@ -129,13 +130,16 @@ constexpr char kFixedHeaders[] = "Content-Type: application/json\r\n"
 
 std::string ToText(const Json::Value& body)
 {
-    static const Json::StreamWriterBuilder builder = [] {
-        Json::StreamWriterBuilder settings;
-        settings["indentation"] = "";
-        settings["emitUTF8"] = true;
-        return settings;
+    static const std::unique_ptr<Json::StreamWriter> writer = [] {
+        Json::StreamWriterBuilder builder;
+        builder["indentation"] = "";
+        builder["emitUTF8"] = true;
+        return std::unique_ptr<Json::StreamWriter>(builder.newStreamWriter());
     }();
-    return Json::writeString(builder, body) + "\n";
+    std::ostringstream text;
+    writer->write(body, &text);
+    text << '\n';
+    return text.str();
 }
 
 void WriteAnswer(FCGX_Stream& out, const Answer& answer)
@@ -200,6 +204,14 @@ void ServeOne(FCGX_Request& fcgi, const Ids& ids)
 // --- The loop
 // ------------------------------------------------------------------------------------------------
 
+sigset_t MaskWithoutTerm()
+{
+    sigset_t mask;
+    sigprocmask(SIG_SETMASK, nullptr, &mask);
+    sigdelset(&mask, SIGTERM);
+    return mask;
+}
+
 // Waits for a connection with SIGTERM let in. A changed id clears the parent-death signal, so it is set anew
 // each time; a parent that died before that is noticed by its number.
 bool WaitForConnection(int listener, pid_t parent)
@@ -208,9 +220,7 @@ bool WaitForConnection(int listener, pid_t parent)
     if (getppid() != parent) {
         return false;
     }
-    sigset_t mask;
-    sigprocmask(SIG_SETMASK, nullptr, &mask);
-    sigdelset(&mask, SIGTERM);
+    static const sigset_t mask = MaskWithoutTerm();
     pollfd waiting{listener, POLLIN, 0};
     const timespec longest{kClearingSeconds, 0};
     ppoll(&waiting, 1, &longest, &mask);
