@@ -1,0 +1,131 @@
+// Every step in light and dark, in a small window and a large one: a screenshot of each, nothing wider than the
+// window, and nothing that axe finds fault with.
+import assert from "node:assert/strict";
+import { join } from "node:path";
+import test, { after, before } from "node:test";
+
+import { accessibilityFindings, kScreenshots, newVisitor, startBrowser } from "../support/browser.mjs";
+import { startServer } from "../support/server.mjs";
+import { atOverview, atStep, errorAt, signIn, signOut, startSetup, typeCode } from "./steps.mjs";
+
+const kWindows = [360, 1280].flatMap((width) => ["light", "dark"].map((colorScheme) => ({ width, colorScheme })));
+
+let server;
+let browser;
+
+before(async () => {
+  server = await startServer({
+    accounts: Object.fromEntries(kWindows.map(({ width, colorScheme }) => [`${colorScheme}${width}`, []])),
+  });
+  browser = await startBrowser();
+});
+
+after(async () => {
+  await browser?.close();
+  await server?.stop();
+});
+
+// Gives a function that looks at the page as it stands.
+function looker(page, name, findings) {
+  let count = 0;
+  return async (what) => {
+    count += 1;
+    await page.screenshot({
+      path: join(kScreenshots, `${name}-${String(count).padStart(2, "0")}-${what}.png`), fullPage: true, animations: "disabled",
+    });
+    findings.push(...(await accessibilityFindings(page)).map((finding) => `${what}: ${finding}`));
+    const { wide, headings, nameless } = await page.evaluate(() => ({
+      wide: document.documentElement.scrollWidth - window.innerWidth,
+      headings: document.querySelectorAll("h1").length,
+      nameless: [...document.querySelectorAll("h1, h2")].filter((h) => h.checkVisibility() && !h.textContent).length,
+    }));
+    if (wide > 0) {
+      findings.push(`${what}: ${wide} pixels wider than the window`);
+    }
+    if (headings !== 1 || nameless) {
+      findings.push(`${what}: ${headings} main headings, ${nameless} without text`);
+    }
+  };
+}
+
+for (const { width, colorScheme } of kWindows) {
+  test(`every step at ${width} pixels, ${colorScheme}`, async (t) => {
+    const { context, problems } = await newVisitor(browser, server.url, { colorScheme, viewport: { width, height: 800 } });
+    t.after(() => context.close());
+    const page = await context.newPage();
+    const user = `${colorScheme}${width}`;
+    const password = server.passwords[user];
+    const findings = [];
+    const look = looker(page, `${width}-${colorScheme}`, findings);
+
+    await page.goto("/");
+    await page.waitForSelector("#password-form:visible");
+    await look("sign-in");
+    await signIn(page, user, "wrong");
+    await errorAt(page, "password");
+    await look("wrong-password");
+    await signIn(page, user, password);
+    await atOverview(page, { on: false });
+    await look("settings-off");
+    await page.click("#start");
+    await atStep(page, "password");
+    await look("wizard-password");
+    await page.goBack();
+    await atOverview(page, { on: false });
+    const key = await startSetup(page, password);
+    const module = await page.evaluate(() => {
+      const { width: shown, naturalWidth } = document.getElementById("wizard-qr");
+      return shown / (naturalWidth / 6);
+    });
+    assert.ok(Number.isInteger(module) && module >= 3, `${module} pixels a module`);
+    await look("wizard-scan");
+    await page.fill("#wizard-label", "x".repeat(65));
+    await page.click("#wizard-label-form [type=submit]");
+    await errorAt(page, "wizard-label");
+    await look("wizard-label-too-long");
+    await page.fill("#wizard-label", "My storage");
+    await page.click("#wizard-label-form [type=submit]");
+    await page.waitForFunction(() => document.getElementById("wizard-qr").alt.includes("My storage"));
+    await page.click("[data-action=scanned]");
+    await atStep(page, "code");
+    await look("wizard-code");
+    await typeCode(page, server.wrongCode(key));
+    await errorAt(page, "wizard-code");
+    await look("wizard-wrong-code");
+    await typeCode(page, server.code(key));
+    await atStep(page, "mail");
+    await look("wizard-mail");
+    await page.fill("#wizard-mail", "somebody.with.a.long.name@a-rather-long-domain.example.com");
+    await page.click("#wizard-mail-save");
+    await atStep(page, "done");
+    await look("wizard-done");
+    await page.click("[data-action=finish]");
+    await atOverview(page, { on: true });
+    await look("settings-on");
+    await page.click("#change-mail");
+    await look("settings-mail");
+    await page.click("#mail-cancel");
+    await signOut(page);
+    await look("signed-out");
+    await signIn(page, user, password);
+    await page.waitForSelector("#code-form:visible");
+    await look("code");
+    await page.fill("#code", "12345");
+    await page.keyboard.press("Enter");
+    await errorAt(page, "code");
+    await look("code-form");
+
+    assert.deepEqual(findings, []);
+    assert.deepEqual(problems, []);
+  });
+}
+
+test("without scripts the pages say what they need", async (t) => {
+  const { context } = await newVisitor(browser, server.url, { javaScriptEnabled: false });
+  t.after(() => context.close());
+  const page = await context.newPage();
+  for (const path of ["/", "/settings"]) {
+    await page.goto(path);
+    assert.match(await page.innerText("main"), /needs JavaScript/);
+  }
+});

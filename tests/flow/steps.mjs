@@ -1,0 +1,74 @@
+// What a person does on the pages, step by step, for the flows.
+import assert from "node:assert/strict";
+
+export const kPanels = {
+  password: "[data-panel=password]",
+  scan: "[data-panel=scan]",
+  code: "[data-panel=code]",
+  mail: "[data-panel=mail]",
+  done: "[data-panel=done]",
+};
+
+export async function signIn(page, user, password) {
+  await page.goto("/");
+  await page.fill("#user", user);
+  await page.fill("#password", password);
+  await page.click("#password-form [type=submit]");
+}
+
+export async function signOut(page) {
+  await page.click("#sign-out");
+  await page.waitForSelector("#password-form:visible");
+}
+
+// From the overview to the QR code. Gives the key as it is shown.
+export async function startSetup(page, password) {
+  await page.click("#start");
+  await atStep(page, "password");
+  return givePassword(page, password);
+}
+
+export async function givePassword(page, password) {
+  await page.fill("#wizard-password", password);
+  await page.click("[data-panel=password] [type=submit]");
+  await atStep(page, "scan");
+  return shownKey(page);
+}
+
+export async function shownKey(page) {
+  return (await page.textContent("#wizard-key")).replaceAll(" ", "");
+}
+
+export async function typeCode(page, code) {
+  await page.fill("#wizard-code", code);
+  await page.click("[data-panel=code] [type=submit]");
+}
+
+// Signed in, from the overview to the address step. Gives the key.
+export async function enrol(page, server, user) {
+  const key = await startSetup(page, server.passwords[user]);
+  await page.click("[data-action=scanned]");
+  await typeCode(page, server.code(key));
+  await atStep(page, "mail");
+  return key;
+}
+
+// Waits for a step and finds the focus on its heading.
+export async function atStep(page, step) {
+  await page.waitForSelector(`${kPanels[step]}:visible`);
+  assert.equal(await page.evaluate(() => document.activeElement.id), "wizard-heading", `focus at ${step}`);
+}
+
+export async function atOverview(page, { on }) {
+  await page.waitForSelector(`#overview:visible #state[data-on=${on}]`);
+}
+
+// The error that stands beside a field, which must be tied to it and have the focus.
+export async function errorAt(page, id) {
+  await page.waitForSelector(`#${id}-error:visible`);
+  const field = page.locator(`#${id}`);
+  assert.equal(await field.getAttribute("aria-invalid"), "true", id);
+  assert.ok((await field.getAttribute("aria-describedby")).split(" ").includes(`${id}-error`), id);
+  assert.equal(await page.evaluate(() => document.activeElement.id), id, "focus on the field");
+  return page.textContent(`#${id}-error`);
+}

@@ -1,0 +1,97 @@
+// Every key that the pages, the routes and the library use has a text, and every text has a user.
+import assert from "node:assert/strict";
+import { readdirSync, readFileSync } from "node:fs";
+import { dirname, join } from "node:path";
+import test from "node:test";
+import { fileURLToPath } from "node:url";
+
+const source = dirname(dirname(dirname(fileURLToPath(import.meta.url))));
+const pages = join(source, "web/pages");
+const messages = join(pages, "shared/messages");
+
+const read = (path) => readFileSync(path, "utf8");
+const all = (pattern, text) => [...text.matchAll(pattern)].map((match) => match[1]);
+const filesIn = (folder, ends) => readdirSync(folder).filter((name) => name.endsWith(ends)).map((name) => join(folder, name));
+const languages = JSON.parse(read(join(messages, "languages.json")));
+const catalogue = (code) => JSON.parse(read(join(messages, `${code}.json`)));
+const keysOf = (texts) => Object.entries(texts).flatMap(([section, entries]) =>
+  Object.keys(entries).map((key) => `${section}:${key}`));
+
+function usedInPages() {
+  const folders = ["signin", "settings", "shared"].map((name) => join(pages, name));
+  const markup = folders.flatMap((folder) => filesIn(folder, ".html")).map(read).join("\n");
+  const scripts = folders.flatMap((folder) => filesIn(folder, ".js")).map(read).join("\n");
+  return [
+    ...all(/data-(?:text|label)="([^"]+)"/g, markup),
+    ...all(/"((?:common|signin|wizard|settings|web|personal_settings):[a-z0-9_]+)"/g, scripts),
+    ...all(/err: "([a-z_]+)"/g, scripts).map((key) => `web:${key}`),
+  ];
+}
+
+function sentByRoutes() {
+  const routes = filesIn(join(source, "web"), ".cpp").map(read).join("\n");
+  return [
+    ...all(/Refusal\(\s*\d+,\s*"([a-z_]+)"/g, routes),
+    ...all(/\["err"\] = "([a-z_]+)"/g, routes),
+    ...all(/k(?:No)?Token,\s*"([a-z_]+)"/g, routes),
+  ].map((key) => `web:${key}`);
+}
+
+function sentByLibrary() {
+  const library = filesIn(join(source, "otp"), ".cpp").map(read).join("\n");
+  return [...library.matchAll(/SetError\(\s*"([a-z_]+)",\s*"([a-z_]+)"/g)].map(([, section, key]) => `${section}:${key}`);
+}
+
+const used = { pages: usedInPages(), routes: sentByRoutes(), library: sentByLibrary() };
+
+test("the search for keys finds what is known to be there", () => {
+  assert.ok(used.pages.includes("wizard:scan_heading"));
+  assert.ok(used.pages.includes("web:unreachable"));
+  assert.ok(used.routes.includes("web:bad_credentials"));
+  assert.ok(used.routes.includes("web:no_pending_signin"));
+  assert.ok(used.routes.includes("web:otp_code_used"));
+  assert.deepEqual(new Set(used.library),
+    new Set(["personal_settings:otp_auth_failed", "personal_settings:failed_to_set_ldap_otp_mail"]));
+});
+
+for (const [who, keys] of Object.entries(used)) {
+  test(`every key of the ${who} has a text`, () => {
+    const there = new Set(keysOf(catalogue("enu")));
+    assert.deepEqual(keys.filter((key) => !there.has(key)), []);
+  });
+}
+
+test("no text is left that nothing uses", () => {
+  const needed = new Set(Object.values(used).flat());
+  assert.deepEqual(keysOf(catalogue("enu")).filter((key) => !needed.has(key)), []);
+});
+
+test("all languages of the list have the same keys and placeholders", () => {
+  const placeholders = (text) => new Set(all(/\{(\w+)\}/g, typeof text === "string" ? text : text.other));
+  const first = catalogue(languages[0].code);
+  for (const { code, tag } of languages) {
+    const texts = catalogue(code);
+    assert.deepEqual(Intl.getCanonicalLocales(tag), [tag]);
+    assert.deepEqual(keysOf(texts).sort(), keysOf(first).sort());
+    for (const key of keysOf(texts)) {
+      const [section, name] = key.split(":");
+      assert.deepEqual(placeholders(texts[section][name]), placeholders(first[section][name]), key);
+    }
+  }
+});
+
+test("markup holds no text of its own but what is needed without scripts or catalogue", () => {
+  for (const name of ["signin/index.html", "settings/index.html", "shared/wizard.html"]) {
+    const text = read(join(pages, name))
+      .replace(/<noscript>.*?<\/noscript>|<p id="not-loaded".*?<\/p>|<title>.*?<\/title>|<!doctype[^>]*>/gs, "")
+      .replace(/<[^>]*>/g, "").trim();
+    assert.equal(text, "", name);
+  }
+});
+
+test("no inline script, style or handler, which the security policy would refuse", () => {
+  for (const name of ["signin/index.html", "settings/index.html", "shared/wizard.html"]) {
+    const markup = read(join(pages, name));
+    assert.doesNotMatch(markup, /<style|\sstyle=|\son[a-z]+=|<script(?![^>]*\ssrc=)|javascript:/i, name);
+  }
+});
