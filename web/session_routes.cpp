@@ -31,6 +31,7 @@ Answer ShowSession(Call& call)
         if (call.pending) {
             answer.body["state"] = PendingText(call.pending->state);
             answer.body["TavrToken"] = call.pending->token;
+            answer.body["user"] = call.pending->account.name;
         }
         return answer;
     }

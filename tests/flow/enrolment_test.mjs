@@ -81,6 +81,9 @@ test("enrolment with the QR code off the screen, then sign-in with password and 
   assert.equal(await page.textContent("#message"), "You are signed out.");
   await signIn(page, "alice", password);
   await page.waitForSelector("#code-form:visible");
+  await page.reload();
+  await page.waitForSelector("#code-form:visible");
+  assert.equal(await page.textContent("#code-for"), "Signing in as alice.");
   await page.fill("#code", confirmed);
   await page.keyboard.press("Enter");
   assert.equal(await errorAt(page, "code"), "That code was already used. Please wait for the next one.");

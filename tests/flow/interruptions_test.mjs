@@ -240,7 +240,17 @@ test("a demanded enrolment runs on the sign-in page, without asking for the pass
   await signIn(page, "demanded", server.passwords.demanded);
   await atStep(page, "scan");
   assert.match(await note(page), /^Your administrator asks for two-step sign-in\./);
-  const key = await shownKey(page);
+  await shownKey(page);
+
+  await page.route("**/api/session", async (route) => {
+    const { user, TavrToken } = await (await route.fetch()).json();
+    await route.fulfill(json(401, { success: false, err: "not_signed_in", state: "enrolment_required", user, TavrToken }));
+  });
+  await page.reload();
+  await atStep(page, "password");
+  assert.match(await note(page), /^The page was reloaded\./);
+  const key = await givePassword(page, server.passwords.demanded);
+  await page.unroute("**/api/session");
   await page.click("[data-action=scanned]");
   await typeCode(page, server.code(key));
   await atStep(page, "mail");

@@ -36,7 +36,7 @@ async function start() {
   if (session.success) {
     enter();
   } else if (session.state === "code_required") {
-    askCode();
+    askCode(session.user);
   } else if (session.state === "enrolment_required" && session.user) {
     await enrol(session.user, "", text(wizardInHistory() ? "wizard:note_reloaded" : "signin:note_enrolment_demanded"));
   } else {
@@ -86,14 +86,15 @@ async function submitPassword() {
   if (answer.state === "signed_in") {
     enter();
   } else if (answer.state === "code_required") {
-    askCode();
+    askCode(answer.user);
   } else {
     await enrol(answer.user, typed, text("signin:note_enrolment_demanded"));
   }
 }
 
-function askCode() {
+function askCode(user) {
   show("code-form", text("signin:code_title"));
+  byId("code-for").textContent = text("signin:code_for", { user });
   byId("code").value = "";
   byId("code").focus();
 }
