@@ -81,8 +81,21 @@ void Lower()
             "cannot lower the ids");
 }
 
+// The result has the parent's failures too, which are not the child's.
+bool FailedSince(int parts)
+{
+    const testing::TestResult& result = *testing::UnitTest::GetInstance()->current_test_info()->result();
+    for (int i = parts; i < result.total_part_count(); ++i) {
+        if (result.GetTestPartResult(i).failed()) {
+            return true;
+        }
+    }
+    return false;
+}
+
 [[noreturn]] void RunChild(const std::function<void()>& work)
 {
+    const int parts = testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
     try {
         Lower();
         work();
@@ -90,7 +103,7 @@ void Lower()
         ADD_FAILURE() << error.what();
     }
     std::fflush(nullptr);
-    _exit(testing::Test::HasFailure() ? 1 : 0);
+    _exit(FailedSince(parts) ? 1 : 0);
 }
 
 } // namespace
@@ -171,7 +184,10 @@ Account MakeAccount(const std::string& name)
 
 void SetWallClock(int64_t seconds)
 {
-    WriteClock(seconds - time(nullptr), 0);
+    // Not time(): that one may still be in the second before.
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    WriteClock(seconds - now.tv_sec, 0);
 }
 
 void AlignToSecond()

@@ -1,0 +1,444 @@
+// The one decision on a code: which steps, once each, and never without its state stored.
+#include "linux/verifier.h"
+
+#include "linux/cipher.h"
+#include "linux/clock.h"
+#include "linux/enrolment.h"
+#include "linux/ids.h"
+#include "linux/names.h"
+#include "linux/paths.h"
+#include "linux/vault.h"
+
+#include "platform/core.h"
+#include "platform/secrets.h"
+
+#include "tests/support/fresh_server.h"
+
+#include <unistd.h>
+
+#include <cstring>
+
+namespace tavr::test
+{
+namespace
+{
+
+class Verifier : public FreshServer
+{
+};
+
+constexpr int64_t kNow = 1'800'000'015; // in the middle of its step
+constexpr int64_t kStep = kNow / 30;
+
+std::string WaitingPath(const Account& account)
+{
+    return "/tmp/OTP_" + std::to_string(account.uid);
+}
+
+// A secret of the account that waits, with its file; gives the secret in base-32.
+std::string MakeWaiting(const Account& account, const char* secretBytes = nullptr)
+{
+    const SecretFileText references = MakeReferences();
+    SecretBytes secret;
+    DrawSecret(secret);
+    if (secretBytes != nullptr) {
+        std::memcpy(secret.bytes.data(), secretBytes, secret.bytes.size());
+    }
+    StoreWaiting(account.uid, references, secret);
+    WriteFile(WaitingPath(account), RenderSecretFile(references));
+    return SecretText(account.uid, references.secret);
+}
+
+int AskAsLibrary(const std::string& user, const std::string& code, const std::string& path)
+{
+    const std::string texts[] = {"username=" + user, "code=" + code, "secret=" + path};
+    const char* const vector[] = {texts[0].c_str(), texts[1].c_str(), texts[2].c_str()};
+    return TAVRGoogleAuth(3, vector);
+}
+
+CodeResult Confirm(const Account& account, const std::string& code)
+{
+    StartRequest();
+    const int status = AskAsLibrary(account.name, code, WaitingPath(account));
+    EXPECT_EQ(LastLibraryAnswer()->result == CodeResult::Accepted, status == 0);
+    return LastLibraryAnswer()->result;
+}
+
+CodeResult Verify(const Account& account, const std::string& code)
+{
+    StartRequest();
+    const CodeAnswer answer = VerifyCode(account, code);
+    EXPECT_EQ(answer.result == CodeResult::Accepted, CurrentRequest().codeOf == account.uid);
+    EXPECT_EQ(answer.fault, CurrentRequest().fault);
+    return answer.result;
+}
+
+void Move(const Account& account)
+{
+    ASSERT_EQ(0, RunProgram({"/bin/mv", WaitingPath(account), SecretPath(account.name)}).status);
+}
+
+// Enrols with the code of the step before kStep's.
+std::string Enrol(const Account& account)
+{
+    SetWallClock(kNow);
+    const std::string secret = MakeWaiting(account);
+    EXPECT_EQ(CodeResult::Accepted, Confirm(account, CodeOf(secret, kStep - 1)));
+    Move(account);
+    EXPECT_EQ(Enrolment::Yes, Settle(account).enrolment);
+    return secret;
+}
+
+// --- Published vectors ---
+
+// RFC 4226, appendix D: the secret "12345678901234567890", counters 0 to 9.
+TEST_F(Verifier, AcceptsTheVectorsOfRfc4226)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        MakeWaiting(alice, "12345678901234567890");
+        const char* codes[] = {"755224", "287082", "359152", "969429", "338314",
+                               "254676", "287922", "162583", "399871", "520489"};
+        for (int counter = 0; counter < 10; ++counter) {
+            SetWallClock(30 * counter + 15);
+            EXPECT_EQ(CodeResult::Accepted, Confirm(alice, codes[counter])) << counter;
+            EXPECT_EQ(CodeResult::Used, Confirm(alice, codes[counter])) << counter;
+        }
+    });
+}
+
+// RFC 6238, appendix B, SHA-1; six digits of the eight.
+TEST_F(Verifier, AcceptsTheVectorsOfRfc6238)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        EXPECT_EQ("GEZDGNBVGY3TQOJQGEZDGNBVGY3TQOJQ", MakeWaiting(alice, "12345678901234567890"));
+        const std::pair<int64_t, const char*> rows[] = {
+            {59, "287082"},         {1111111109, "081804"}, {1111111111, "050471"},
+            {1234567890, "005924"}, {2000000000, "279037"}, {20000000000, "353130"},
+        };
+        for (const auto& [time, code] : rows) {
+            SetWallClock(time);
+            EXPECT_EQ(CodeResult::Wrong, Confirm(alice, code[0] == '9' ? "000000" : "999999")) << time;
+            EXPECT_EQ(CodeResult::Accepted, Confirm(alice, code)) << time;
+        }
+    });
+}
+
+// --- Steps ---
+
+TEST_F(Verifier, AcceptsTheStepBesideThePresentOneAndNoOther)
+{
+    AsWorker([] {
+        int account = 0;
+        // 1970, 2001, 2024, 2038 and after, 2106 and after, 2286; the first and the last second of a step.
+        for (const int64_t step :
+             {11LL, 33333333LL, 57'000'000LL, 71'582'789LL, 143'165'577LL, 332'880'000LL}) {
+            for (const int second : {0, 29}) {
+                const Account owner = MakeAccount("user" + std::to_string(++account));
+                const std::string secret = MakeWaiting(owner);
+                AlignToSecond();
+                SetWallClock(30 * step + second);
+                for (int64_t away = -10; away <= 10; ++away) {
+                    const CodeResult expected =
+                        away >= -1 && away <= 1 ? CodeResult::Accepted : CodeResult::Wrong;
+                    EXPECT_EQ(expected, Confirm(owner, CodeOf(secret, step + away))) << step << ' ' << away;
+                }
+                ASSERT_EQ(30 * step + second, WallSeconds()) << "the machine was too slow for this row";
+            }
+        }
+    });
+}
+
+TEST_F(Verifier, AcceptsNoStepTwiceAndNoneBeforeTheLastAccepted)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        const std::string secret = Enrol(alice);
+        EXPECT_EQ(CodeResult::Used, Verify(alice, CodeOf(secret, kStep - 1))) << "the one that confirmed";
+        EXPECT_EQ(CodeResult::Accepted, Verify(alice, CodeOf(secret, kStep + 1)));
+        EXPECT_EQ(CodeResult::Used, Verify(alice, CodeOf(secret, kStep + 1)));
+        EXPECT_EQ(CodeResult::Used, Verify(alice, CodeOf(secret, kStep)));
+        SetWallClock(kNow - 3600);
+        EXPECT_EQ(CodeResult::Used, Verify(alice, CodeOf(secret, kStep - 120))) << "the clock was set back";
+        SetWallClock(kNow + 30);
+        EXPECT_EQ(CodeResult::Used, Verify(alice, CodeOf(secret, kStep + 1)));
+        EXPECT_EQ(CodeResult::Accepted, Verify(alice, CodeOf(secret, kStep + 2)));
+    });
+    AsWorker([] {
+        const Account alice = *FindAccount("alice");
+        const std::string secret = SecretText(alice.uid, SecretsOf(alice.uid).at(0).reference);
+        EXPECT_EQ(CodeResult::Used, Verify(alice, CodeOf(secret, kStep + 2))) << "another process";
+    });
+}
+
+TEST_F(Verifier, AcceptsNoStepOfTheActiveSecretAgainAfterARenewalThatWasUndone)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        const std::string secret = Enrol(alice);
+        EXPECT_EQ(CodeResult::Accepted, Verify(alice, CodeOf(secret, kStep)));
+        const std::string renewed = MakeWaiting(alice);
+        EXPECT_EQ(CodeResult::Accepted, Confirm(alice, CodeOf(renewed, kStep + 1)));
+        unlink(WaitingPath(alice).c_str()); // never came to its place
+        EXPECT_EQ(CodeResult::Used, Verify(alice, CodeOf(secret, kStep)));
+        EXPECT_EQ(CodeResult::Used, Verify(alice, CodeOf(secret, kStep + 1)));
+        SetWallClock(kNow + 30);
+        EXPECT_EQ(CodeResult::Accepted, Verify(alice, CodeOf(secret, kStep + 2)));
+    });
+}
+
+TEST_F(Verifier, GrantsOneOfManySimultaneousTries)
+{
+    constexpr int kWorkers = 8;
+    constexpr int kRounds = 25;
+    AsWorker([] { Enrol(MakeAccount("alice")); });
+    for (int round = 0; round < kRounds; ++round) {
+        SetWallClock(kNow + 30 * round);
+        int results[2];
+        ASSERT_EQ(0, pipe(results));
+        AsWorkers(kWorkers, [&results, round](int) {
+            const Account alice = *FindAccount("alice");
+            const std::string secret = SecretText(alice.uid, SecretsOf(alice.uid).at(0).reference);
+            const CodeResult result = Verify(alice, CodeOf(secret, kStep + round));
+            ASSERT_EQ(1, write(results[1],
+                               result == CodeResult::Accepted ? "+"
+                               : result == CodeResult::Used   ? "u"
+                                                              : "?",
+                               1));
+        });
+        std::string all(kWorkers, 0);
+        ASSERT_EQ(kWorkers, read(results[0], all.data(), all.size()));
+        EXPECT_EQ(1, std::count(all.begin(), all.end(), '+')) << all;
+        EXPECT_EQ(kWorkers - 1, std::count(all.begin(), all.end(), 'u')) << all;
+        close(results[0]);
+        close(results[1]);
+    }
+}
+
+// --- What is no code ---
+
+TEST_F(Verifier, RefusesEverythingButSixAsciiDigits)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        const std::string secret = Enrol(alice);
+        const std::string code = CodeOf(secret, kStep);
+        const std::string wide = "\xEF\xBC\x90"; // full-width zero
+        const std::string rows[] = {
+            "",
+            " ",
+            code + ' ',
+            ' ' + code,
+            code.substr(0, 5),
+            code + '0',
+            "0" + code,
+            code + "00",
+            '+' + code.substr(1),
+            '-' + code.substr(1),
+            code.substr(0, 3) + ' ' + code.substr(3),
+            code.substr(0, 5) + wide,
+            wide + wide,
+            wide + wide + wide + wide + wide + wide,
+            "0x" + code.substr(2),
+            code + '\n',
+            code.substr(0, 5) + '\n',
+            std::string("\0", 1) + code.substr(1),
+            code + std::string("\0", 1),
+            "abcdef",
+            std::string(1000, '1'),
+        };
+        for (const std::string& row : rows) {
+            EXPECT_EQ(CodeResult::Wrong, Verify(alice, row)) << row;
+        }
+        EXPECT_EQ(CodeResult::Accepted, Verify(alice, code));
+    });
+}
+
+// --- Which secret ---
+
+TEST_F(Verifier, DecidesForTheAccountAndThePlaceThatAreNamed)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        const Account bob = MakeAccount("bob");
+        const std::string secret = MakeWaiting(alice);
+        SetWallClock(kNow);
+        const std::string code = CodeOf(secret, kStep);
+        EXPECT_NE(0, AskAsLibrary("bob", code, WaitingPath(alice)));
+        EXPECT_EQ(CodeResult::Wrong, LastLibraryAnswer()->result);
+        EXPECT_NE(0, AskAsLibrary("nobody", code, WaitingPath(alice)));
+        EXPECT_NE(0, AskAsLibrary("", code, WaitingPath(alice)));
+        EXPECT_NE(0, AskAsLibrary("alice", code, ""));
+        EXPECT_NE(0, AskAsLibrary("alice", code, "/tmp/../tmp/OTP_" + std::to_string(alice.uid)));
+        EXPECT_NE(0, AskAsLibrary("alice", code, "/tmp/OTP_0" + std::to_string(alice.uid)));
+        EXPECT_NE(0, AskAsLibrary("alice", code, SecretPath("alice"))) << "not enrolled yet";
+        EXPECT_EQ(CodeResult::Wrong, LastLibraryAnswer()->result);
+
+        WriteFile(WaitingPath(bob), ReadFile(WaitingPath(alice)));
+        EXPECT_EQ(CodeResult::Fault, Confirm(bob, code)) << "alice's references in bob's file";
+        EXPECT_EQ(Fault::SecretFile, CurrentRequest().fault);
+
+        EXPECT_EQ(CodeResult::Accepted, Confirm(alice, code));
+        EXPECT_EQ(alice.uid, CurrentRequest().codeOf);
+        StartRequest();
+        EXPECT_FALSE(LastLibraryAnswer().has_value()) << "another request";
+    });
+}
+
+TEST_F(Verifier, AnswersEverySpellingOfOneAccountAlike)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        const std::string secret = MakeWaiting(alice);
+        SetWallClock(kNow);
+        EXPECT_EQ(0, AskAsLibrary("ALICE", CodeOf(secret, kStep), WaitingPath(alice)));
+        EXPECT_NE(0, AskAsLibrary("alice", CodeOf(secret, kStep), WaitingPath(alice)));
+        EXPECT_EQ(CodeResult::Used, LastLibraryAnswer()->result);
+    });
+}
+
+TEST_F(Verifier, RefusesQuestionsThatAreNone)
+{
+    AsWorker([] {
+        const char* const good[] = {"username=alice", "code=123456", "secret=/tmp/OTP_1026"};
+        const char* const order[] = {"code=123456", "username=alice", "secret=/tmp/OTP_1026"};
+        const char* const hole[] = {"username=alice", nullptr, "secret=/tmp/OTP_1026"};
+        const char* const other[] = {"username=alice", "code 123456", "secret=/tmp/OTP_1026"};
+        EXPECT_NE(0, TAVRGoogleAuth(3, nullptr));
+        EXPECT_NE(0, TAVRGoogleAuth(2, good));
+        EXPECT_NE(0, TAVRGoogleAuth(4, good));
+        EXPECT_NE(0, TAVRGoogleAuth(-1, good));
+        EXPECT_NE(0, TAVRGoogleAuth(3, order));
+        EXPECT_NE(0, TAVRGoogleAuth(3, hole));
+        EXPECT_NE(0, TAVRGoogleAuth(3, other));
+        EXPECT_FALSE(LastLibraryAnswer().has_value());
+        EXPECT_NE(0, KLIBCErrGet());
+    });
+}
+
+TEST_F(Verifier, TheWaitingPlaceTakesNoActiveSecretAndThePermanentOneNoWaiting)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        const std::string secret = Enrol(alice);
+        WriteFile(WaitingPath(alice), ReadFile(SecretPath(alice.name)));
+        EXPECT_EQ(CodeResult::Fault, Confirm(alice, CodeOf(secret, kStep)));
+        const std::string waiting = MakeWaiting(alice);
+        EXPECT_EQ(CodeResult::Wrong, Verify(alice, CodeOf(waiting, kStep)));
+        WriteFile(SecretPath(alice.name), ReadFile(WaitingPath(alice)));
+        EXPECT_EQ(CodeResult::Fault, Verify(alice, CodeOf(waiting, kStep)));
+    });
+}
+
+TEST_F(Verifier, ACodeConfirmsTheSecretAndReplacesOneConfirmedEarlier)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        SetWallClock(kNow);
+        const std::string first = MakeWaiting(alice);
+        EXPECT_EQ(CodeResult::Accepted, Confirm(alice, CodeOf(first, kStep - 1)));
+        EXPECT_EQ(CodeResult::Accepted, Confirm(alice, CodeOf(first, kStep)))
+            << "another try of a failed move";
+        const std::string second = MakeWaiting(alice);
+        EXPECT_EQ(2u, SecretsOf(alice.uid).size());
+        EXPECT_EQ(CodeResult::Accepted, Confirm(alice, CodeOf(second, kStep + 1)));
+        const std::vector<StoredSecret> secrets = SecretsOf(alice.uid);
+        ASSERT_EQ(1u, secrets.size());
+        EXPECT_EQ(SecretState::Confirmed, secrets[0].state);
+        EXPECT_EQ(second, SecretText(alice.uid, secrets[0].reference));
+    });
+}
+
+// --- Faults ---
+
+TEST_F(Verifier, FilesThatAreNotOursAreAFaultAtTheWaitingPlaceToo)
+{
+    const char* const rows[] = {
+        "rm $P",
+        "rm $P; mkdir $P",
+        "rm $P; mkfifo $P; chown tavr-web $P",
+        "mv $P $P.x; ln -s $P.x $P",
+        "chown root $P",
+        "ln $P $P.x",
+        ": >$P",
+        "head -c 5000 /dev/zero >>$P",
+        "sed -i 1s/./A/ $P; chown tavr-web $P",
+    };
+    for (const char* row : rows) {
+        SetUp();
+        AsWorker([] { MakeWaiting(MakeAccount("alice")); });
+        ASSERT_EQ(0, std::system((std::string("P=/tmp/OTP_1026; ") + row).c_str()));
+        AsWorker([row] {
+            EXPECT_EQ(CodeResult::Fault, Confirm(*FindAccount("alice"), "123456")) << row;
+            EXPECT_EQ(Fault::SecretFile, CurrentRequest().fault) << row;
+        });
+    }
+}
+
+TEST_F(Verifier, SaysWhichFaultKeptItFromComparing)
+{
+    struct Row {
+        const char* make;
+        Fault fault;
+    };
+    const Row rows[] = {
+        {"rm /etc/tavr/otp.key", Fault::KeyMissing},
+        {"sed -i s/0001/1000/ /etc/tavr/otp.key; chgrp tavr-web /etc/tavr/otp.key", Fault::KeyWrong},
+        {"rm /var/lib/tavr/signin.db*; mkdir /var/lib/tavr/signin.db", Fault::StateUnavailable},
+        {"rm /var/lib/tavr/signin.db*; echo this is no database at all, but a text >/var/lib/tavr/signin.db;"
+         " chown tavr-web /var/lib/tavr/signin.db",
+         Fault::VaultDamaged},
+        {"rm /var/lib/tavr/account.lock; ln -s x /var/lib/tavr/account.lock", Fault::StateUnavailable},
+        {"rm /var/lib/tavr/accounts.db*; mkdir /var/lib/tavr/accounts.db", Fault::AccountsUnavailable},
+    };
+    for (const Row& row : rows) {
+        SetUp();
+        AsWorker([] {
+            Account alice = MakeAccount("alice");
+            Enrol(alice);
+            MakeWaiting(alice);
+        });
+        ASSERT_EQ(0, std::system(row.make)) << row.make;
+        AsWorker([&row] {
+            Account alice; // as the session remembers it
+            alice.name = "alice";
+            alice.uid = 1026;
+            EXPECT_EQ(CodeResult::Fault, Confirm(alice, "123456")) << row.make;
+            EXPECT_EQ(row.fault, CurrentRequest().fault) << row.make;
+            if (row.fault != Fault::AccountsUnavailable) {
+                EXPECT_EQ(CodeResult::Fault, Verify(alice, "123456")) << row.make;
+                EXPECT_EQ(row.fault, CurrentRequest().fault) << row.make;
+            }
+        });
+    }
+}
+
+TEST_F(Verifier, GrantsNothingThatCannotBeStored)
+{
+    AsWorker([] { Enrol(MakeAccount("alice")); });
+    LimitFolder(kStateDir, 256 * 1024);
+    AsWorker([] {
+        const Account alice = *FindAccount("alice");
+        SetWallClock(kNow);
+        const std::string secret = SecretText(alice.uid, SecretsOf(alice.uid).at(0).reference);
+        WriteFile(std::string(kStateDir) + "/filler", std::string(1 << 20, 'x'));
+        EXPECT_EQ(CodeResult::Fault, Verify(alice, CodeOf(secret, kStep)));
+        EXPECT_EQ(Fault::StateUnavailable, CurrentRequest().fault);
+        EXPECT_FALSE(CurrentRequest().codeOf.has_value());
+        unlink((std::string(kStateDir) + "/filler").c_str());
+        EXPECT_EQ(CodeResult::Accepted, Verify(alice, CodeOf(secret, kStep))) << "nothing was stored before";
+        EXPECT_EQ(CodeResult::Used, Verify(alice, CodeOf(secret, kStep)));
+    });
+    MakeReadOnly(kStateDir);
+    AsWorker([] {
+        Account alice; // its store is read-only too
+        alice.name = "alice";
+        alice.uid = 1026;
+        EXPECT_EQ(CodeResult::Fault, Verify(alice, "123456"));
+        EXPECT_EQ(Fault::StateUnavailable, CurrentRequest().fault);
+    });
+}
+
+} // namespace
+} // namespace tavr::test
