@@ -24,10 +24,10 @@ Record& LastRecord()
 
 } // namespace
 
-int Fail(Error code, std::source_location place)
+int Fail(Error code, const char* file, int line)
 {
-    const char* slash = std::strrchr(place.file_name(), '/');
-    LastRecord() = {code, slash == nullptr ? place.file_name() : slash + 1, static_cast<int>(place.line())};
+    const char* slash = std::strrchr(file, '/');
+    LastRecord() = {code, slash == nullptr ? file : slash + 1, line};
     return -1;
 }
 

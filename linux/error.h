@@ -4,8 +4,6 @@
 //     return Fail(Error::NotFound);            // sets the record, gives -1
 #pragma once
 
-#include <source_location>
-
 namespace tavr
 {
 
@@ -31,6 +29,6 @@ enum class Error : int {
 };
 
 // Sets the record to `code` and the caller's place; gives -1, for use behind `return`.
-int Fail(Error code, std::source_location place = std::source_location::current());
+int Fail(Error code, const char* file = __builtin_FILE(), int line = __builtin_LINE());
 
 } // namespace tavr
