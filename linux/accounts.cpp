@@ -211,9 +211,7 @@ const char* TextProblem(std::string_view text, size_t most)
     if (text.size() > most) {
         return "too long";
     }
-    const bool control = std::any_of(text.begin(), text.end(),
-                                     [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 0x7f; });
-    return control ? "holds a control character" : nullptr;
+    return IsPlainText(text) ? nullptr : "holds a character that cannot be shown";
 }
 
 } // namespace
@@ -411,7 +409,9 @@ Removal RemoveAccount(uint32_t uid)
 std::optional<Group> AddGroup(std::string_view canonicalName, std::string_view description)
 {
     Database& db = AccountsDatabase();
-    db.Prepare("INSERT INTO account_group (name, description) VALUES (?, ?) ON CONFLICT (name) DO NOTHING")
+    // Not left to the constraint: a number that was drawn for a refused row would be lost.
+    db.Prepare("INSERT INTO account_group (name, description) SELECT ?1, ?2 "
+               "WHERE NOT EXISTS (SELECT 1 FROM account_group WHERE name = ?1)")
         .Bind(1, canonicalName)
         .Bind(2, description)
         .Run();

@@ -65,7 +65,7 @@ std::vector<std::string> MembersOf(const Group& group);           // in the orde
 
 // What is wrong with a text that is to be stored, in a few words; null: nothing.
 const char* PasswordProblem(std::string_view password);
-const char* MailProblem(std::string_view mail);               // length and control characters only
+const char* MailProblem(std::string_view mail);               // length and characters only
 const char* DescriptionProblem(std::string_view description); // likewise
 const char* LocalNameProblem(std::string_view canonicalName); // of an account or a group
 

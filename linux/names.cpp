@@ -76,6 +76,22 @@ utf8proc_int32_t UsualWidth(utf8proc_int32_t character)
     return count == 1 ? usual[0] : character;
 }
 
+bool IsVisible(const utf8proc_property_t& property)
+{
+    switch (property.category) {
+    case UTF8PROC_CATEGORY_CC:
+    case UTF8PROC_CATEGORY_CF:
+    case UTF8PROC_CATEGORY_CS:
+    case UTF8PROC_CATEGORY_CO:
+    case UTF8PROC_CATEGORY_CN:
+    case UTF8PROC_CATEGORY_ZL:
+    case UTF8PROC_CATEGORY_ZP:
+        return false;
+    default:
+        return true;
+    }
+}
+
 // What cannot be seen, or looks like something else: it would let two accounts show the same name.
 bool IsNameCharacter(utf8proc_int32_t character)
 {
@@ -86,20 +102,7 @@ bool IsNameCharacter(utf8proc_int32_t character)
     if (property->decomp_type != 0 || property->ignorable) {
         return false; // ligatures, letters in circles, mathematical alphabets; characters without a glyph
     }
-    switch (property->category) {
-    case UTF8PROC_CATEGORY_CC:
-    case UTF8PROC_CATEGORY_CF:
-    case UTF8PROC_CATEGORY_CS:
-    case UTF8PROC_CATEGORY_CO:
-    case UTF8PROC_CATEGORY_CN:
-    case UTF8PROC_CATEGORY_ZL:
-    case UTF8PROC_CATEGORY_ZP:
-        return false;
-    case UTF8PROC_CATEGORY_ZS:
-        return character == ' ';
-    default:
-        return true;
-    }
+    return IsVisible(*property) && (property->category != UTF8PROC_CATEGORY_ZS || character == ' ');
 }
 
 // One spelling: usual width, composed, lower case.
@@ -198,6 +201,12 @@ std::optional<std::string> CanonicalName(std::string_view typed)
     }
     // A wide blank has become a usual one; it may stand at an end.
     return ArrangeParts(std::string(Trim(*folded)));
+}
+
+bool IsPlainText(std::string_view text)
+{
+    return ForEachCharacter(
+        text, [](utf8proc_int32_t character) { return IsVisible(*utf8proc_get_property(character)); });
 }
 
 std::string FolderName(std::string_view canonicalName)

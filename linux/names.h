@@ -20,6 +20,9 @@ inline constexpr size_t kMaxName = 492;
 // ASCII domain before a backslash, which is upper case. A canonical name is its own canonical spelling.
 std::optional<std::string> CanonicalName(std::string_view typed);
 
+// Whether a text can be shown and stored: UTF-8 without control and format characters.
+bool IsPlainText(std::string_view text);
+
 // Folder name for a canonical name: injective, at most 255 bytes, never "." or "..", no slash. Bytes other
 // than a-z, 0-9, "_", "-" and "." (and a dot in front) are "%" and two digits; a name too long for that ends
 // in "%-" and its hash.

@@ -186,7 +186,9 @@ TEST(Texts, AreJudgedBeforeTheyAreStored)
     EXPECT_EQ(nullptr, tavr::MailProblem(""));
     EXPECT_EQ(nullptr, tavr::MailProblem(std::string(254, 'm')));
     EXPECT_STREQ("too long", tavr::MailProblem(std::string(255, 'm')));
-    EXPECT_STREQ("holds a control character", tavr::MailProblem("a@b.example\nBcc: c@d.example"));
+    for (const char* text : {"a@b.example\nBcc: c@d.example", "a\xC2\x85", "a\xE2\x80\xAE", "\xFF"}) {
+        EXPECT_STREQ("holds a character that cannot be shown", tavr::MailProblem(text));
+    }
     EXPECT_EQ(nullptr, tavr::DescriptionProblem("\xC3\xBC"));
     EXPECT_STREQ("too long", tavr::DescriptionProblem(std::string(1025, 'd')));
     EXPECT_EQ(nullptr, tavr::LocalNameProblem("alice"));
