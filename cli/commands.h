@@ -1,0 +1,36 @@
+// The console's commands. Each does its work with the service's effective ids, prints its answer, and throws
+// Failure (console.h) or DatabaseError when it could not.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace tavr::console
+{
+
+// setup_command.cpp: as root
+void SetUp();
+
+// user_commands.cpp
+struct UserTexts {
+    std::optional<std::string> mail; // not given: stays as it is
+    std::optional<std::string> description;
+};
+void AddUser(const std::string& typedName, const UserTexts& texts,
+             bool isAdmin); // password from standard input
+void SetUser(const std::string& typedName, const UserTexts& texts);
+void SetUserPassword(const std::string& typedName); // from standard input
+void ListUsers();
+void RemoveUser(const std::string& typedName);
+
+// group_commands.cpp
+void AddGroupCommand(const std::string& typedName, const std::string& description);
+void RemoveGroupCommand(const std::string& typedName);
+void ListGroups();
+void JoinGroupCommand(const std::string& typedGroup, const std::string& typedUser);
+void LeaveGroupCommand(const std::string& typedGroup, const std::string& typedUser);
+
+// otp_commands.cpp
+void ShowOtpStatus(const std::string& typedName);
+
+} // namespace tavr::console

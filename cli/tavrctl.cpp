@@ -1,0 +1,237 @@
+// The console. Started by root it goes on as a worker does, with the service's real and effective ids and
+// root as the saved one, so that databases and files belong to the service whatever a command does.
+#include "cli/commands.h"
+#include "cli/console.h"
+#include "linux/database.h"
+#include "linux/machine_key.h"
+#include "linux/paths.h"
+
+#include <CLI/CLI.hpp>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+using tavr::console::Exit;
+using tavr::console::Failure;
+
+namespace
+{
+
+void TakeServiceIds()
+{
+    const passwd* service = getpwnam(tavr::kServiceUser);
+    if (service == nullptr) {
+        throw Failure(Exit::Failed, "no_service_user",
+                      std::string("this system has no user ") + tavr::kServiceUser);
+    }
+    const uid_t uid = service->pw_uid;
+    const gid_t gid = service->pw_gid;
+    if (getuid() == uid && geteuid() == uid) {
+        return;
+    }
+    if (geteuid() != 0) {
+        throw Failure(Exit::NotAllowed, "not_root",
+                      std::string("must be run by root or by ") + tavr::kServiceUser);
+    }
+    // Groups while root, group before user.
+    if (setgroups(0, nullptr) != 0 || setresgid(gid, gid, 0) != 0 || setresuid(uid, uid, 0) != 0) {
+        throw Failure(Exit::Failed, "ids", std::string("cannot take the ids of ") + tavr::kServiceUser);
+    }
+}
+
+// What one command line says, filled in by the parser. The command runs after the whole line was read.
+struct Words {
+    std::function<void()> command;
+    std::string name;
+    std::string second;
+    std::string mail;
+    std::string description;
+    bool isAdmin = false;
+    bool passwordStdin = false;
+};
+
+CLI::Option* AddName(CLI::App* command, Words& words, const char* what = "name of the user")
+{
+    return command->add_option("NAME", words.name, what)->required();
+}
+
+void AddPassword(CLI::App* command, Words& words)
+{
+    command->add_flag("--password-stdin", words.passwordStdin, "read the password from standard input")
+        ->required();
+}
+
+// An option that was not given leaves a text as it is; an empty one clears it.
+void AddTexts(CLI::App* command, Words& words)
+{
+    command->add_option("--mail", words.mail, "recovery mail address")->type_name("ADDRESS")->expected(1);
+    command->add_option("--desc", words.description, "description")->type_name("TEXT")->expected(1);
+}
+
+tavr::console::UserTexts TextsOf(const CLI::App* command, const Words& words)
+{
+    tavr::console::UserTexts texts;
+    if (command->count("--mail") > 0) {
+        texts.mail = words.mail;
+    }
+    if (command->count("--desc") > 0) {
+        texts.description = words.description;
+    }
+    return texts;
+}
+
+void DefineUserCommands(CLI::App& program, Words& words)
+{
+    CLI::App* user = program.add_subcommand("user", "local users")->require_subcommand(1)->fallthrough();
+
+    CLI::App* add = user->add_subcommand("add", "add a user")->fallthrough();
+    AddName(add, words);
+    AddTexts(add, words);
+    AddPassword(add, words);
+    add->add_flag("--admin", words.isAdmin, "make the user an administrator");
+    add->callback([add, &words] {
+        words.command = [add, &words] {
+            tavr::console::AddUser(words.name, TextsOf(add, words), words.isAdmin);
+        };
+    });
+
+    CLI::App* set = user->add_subcommand("set", "change a user's texts; an empty one clears")->fallthrough();
+    AddName(set, words);
+    AddTexts(set, words);
+    set->callback([set, &words] {
+        words.command = [set, &words] { tavr::console::SetUser(words.name, TextsOf(set, words)); };
+    });
+
+    CLI::App* passwd =
+        user->add_subcommand("passwd", "change a user's password, end the sessions")->fallthrough();
+    AddName(passwd, words);
+    AddPassword(passwd, words);
+    passwd->callback([&words] { words.command = [&words] { tavr::console::SetUserPassword(words.name); }; });
+
+    user->add_subcommand("list", "list the users")->fallthrough()->callback([&words] {
+        words.command = tavr::console::ListUsers;
+    });
+
+    CLI::App* remove =
+        user->add_subcommand("remove", "remove a user and its preference directory")->fallthrough();
+    AddName(remove, words);
+    remove->callback([&words] { words.command = [&words] { tavr::console::RemoveUser(words.name); }; });
+}
+
+void DefineGroupCommands(CLI::App& program, Words& words)
+{
+    CLI::App* group = program.add_subcommand("group", "local groups")->require_subcommand(1)->fallthrough();
+
+    CLI::App* add = group->add_subcommand("add", "add a group")->fallthrough();
+    AddName(add, words, "name of the group");
+    add->add_option("--desc", words.description, "description")->type_name("TEXT")->expected(1);
+    add->callback([&words] {
+        words.command = [&words] { tavr::console::AddGroupCommand(words.name, words.description); };
+    });
+
+    CLI::App* remove = group->add_subcommand("remove", "remove a group")->fallthrough();
+    AddName(remove, words, "name of the group");
+    remove->callback(
+        [&words] { words.command = [&words] { tavr::console::RemoveGroupCommand(words.name); }; });
+
+    group->add_subcommand("list", "list the groups with their members")->fallthrough()->callback([&words] {
+        words.command = tavr::console::ListGroups;
+    });
+
+    CLI::App* join = group->add_subcommand("join", "put a user into a group")->fallthrough();
+    join->add_option("GROUP", words.second, "name of the group")->required();
+    AddName(join, words);
+    join->callback([&words] {
+        words.command = [&words] { tavr::console::JoinGroupCommand(words.second, words.name); };
+    });
+
+    CLI::App* leave = group->add_subcommand("leave", "take a user out of a group")->fallthrough();
+    leave->add_option("GROUP", words.second, "name of the group")->required();
+    AddName(leave, words);
+    leave->callback([&words] {
+        words.command = [&words] { tavr::console::LeaveGroupCommand(words.second, words.name); };
+    });
+}
+
+void DefineOtpCommands(CLI::App& program, Words& words)
+{
+    CLI::App* otp =
+        program.add_subcommand("otp", "two-step sign-in of users")->require_subcommand(1)->fallthrough();
+    CLI::App* status = otp->add_subcommand("status", "tell whether a user is enrolled")->fallthrough();
+    AddName(status, words);
+    status->callback([&words] { words.command = [&words] { tavr::console::ShowOtpStatus(words.name); }; });
+}
+
+// The command line, last word first, as the parser takes it. It knows no empty value behind "=".
+std::vector<std::string> WordsOf(int argc, char** argv)
+{
+    std::vector<std::string> words;
+    for (int i = argc - 1; i > 0; --i) {
+        const std::string_view word = argv[i];
+        if (word == "--mail=" || word == "--desc=") {
+            words.emplace_back();
+            words.emplace_back(word.substr(0, word.size() - 1));
+        } else {
+            words.emplace_back(word);
+        }
+    }
+    return words;
+}
+
+int Run(int argc, char** argv)
+{
+    CLI::App program("Console of two-step sign-in: set-up, users, groups, status", "tavrctl");
+    Words words;
+    program.require_subcommand(1);
+    program.set_help_flag("--help", "show this help and exit");
+    program.set_version_flag("--version", std::string("tavrctl ") + TAVR_VERSION,
+                             "show the version and exit");
+    bool json = false;
+    program.add_flag("--json", json, "answer in JSON, errors included");
+    program.add_subcommand("setup", "make or mend the files and folders of the service")
+        ->fallthrough()
+        ->callback([&words] { words.command = tavr::console::SetUp; });
+    DefineUserCommands(program, words);
+    DefineGroupCommands(program, words);
+    DefineOtpCommands(program, words);
+    // Before the line is read, so that its errors are told in JSON too.
+    tavr::console::UseJson(std::find(argv, argv + argc, std::string_view("--json")) != argv + argc);
+    try {
+        program.parse(WordsOf(argc, argv));
+    } catch (const CLI::Success& asked) { // help, version
+        program.exit(asked);
+        return tavr::console::Finish();
+    } catch (const CLI::ParseError& error) {
+        throw Failure(Exit::Usage, "usage", std::string(error.what()) + " (see tavrctl --help)");
+    }
+    TakeServiceIds();
+    words.command();
+    return tavr::console::Finish();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const rlimit noCore{0, 0};
+    setrlimit(RLIMIT_CORE, &noCore);
+    umask(077);
+    try {
+        return Run(argc, argv);
+    } catch (const Failure& failure) {
+        return tavr::console::Finish(failure);
+    } catch (const tavr::DatabaseError& error) {
+        return tavr::console::Finish(
+            Failure(Exit::Failed, "database", std::string("database: ") + error.what()));
+    } catch (const tavr::VaultError& error) {
+        return tavr::console::Finish(Failure(Exit::Failed, "otp_unavailable", error.what()));
+    }
+}

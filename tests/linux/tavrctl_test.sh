@@ -1,0 +1,187 @@
+#!/bin/bash
+# The console on a fresh system, as its users call it.
+set -u
+failures=0
+fail() { printf 'FAILED (line %s): %s\n' "${BASH_LINENO[1]}" "$*"; failures=$((failures + 1)); }
+
+# is STATUS OUTPUT COMMAND...: COMMAND ends with STATUS and prints OUTPUT (a pattern of the shell), standard input passed on.
+is() {
+    local status=$1 pattern=$2 output ended
+    shift 2
+    output=$("$@" 2>&1)
+    ended=$?
+    [ $ended = "$status" ] || fail "$* ended with $ended, not $status: $output"
+    # shellcheck disable=SC2053   # a pattern
+    [[ $output == $pattern ]] || fail "$* printed: $output"
+}
+owned() {   # OWNER MODE PATH
+    local state
+    state=$(stat -c '%U:%G %a' "$3" 2>&1)
+    [ "$state" = "$1 $2" ] || fail "$3 is $state, not $1 $2"
+}
+
+# --- Set-up ---
+is 1 '*cannot open /var/lib/tavr/accounts.db*' tavrctl user list
+is 0 '*made /etc/tavr/otp.key*' tavrctl setup
+owned root:root 755 /etc/tavr
+owned root:root 644 /etc/tavr/tavrinfo.conf
+owned root:tavr-web 440 /etc/tavr/otp.key
+owned tavr-web:tavr-web 755 /usr/tavr/etc
+owned tavr-web:tavr-web 700 /usr/tavr/etc/preference
+owned tavr-web:tavr-web 644 /usr/tavr/etc/tavr_otp_enforce_custom_setting
+owned tavr-web:tavr-web 700 /var/lib/tavr
+owned tavr-web:tavr-web 600 /var/lib/tavr/accounts.db
+owned tavr-web:tavr-web 600 /var/lib/tavr/signin.db
+owned root:root 755 /run/tavr
+is 0 'tavr/tavrinfo.conf' readlink /etc/tavrinfo.conf
+is 0 '{}' cat /usr/tavr/etc/tavr_otp_enforce_custom_setting
+is 0 '*maillang="enu"*' cat /etc/tavrinfo.conf
+
+printf '{"local_user":["1026"]}\n' >/usr/tavr/etc/tavr_otp_enforce_custom_setting
+echo 'ours="kept"' >>/etc/tavr/tavrinfo.conf
+key=$(sha256sum /etc/tavr/otp.key)
+chmod 777 /var/lib/tavr
+chown root /usr/tavr/etc
+rm /etc/tavrinfo.conf
+output=$(tavrctl setup --json) || fail "set-up a second time"
+for step in '{"did":"mended","path":"/var/lib/tavr"}' '{"did":"mended","path":"/usr/tavr/etc"}' '{"did":"made","path":"/etc/tavrinfo.conf"}' \
+    '{"did":"kept","path":"/etc/tavr/otp.key"}' '"success":true'; do
+    [[ $output == *"$step"* ]] || fail "$step is not in $output"
+done
+owned tavr-web:tavr-web 700 /var/lib/tavr
+owned tavr-web:tavr-web 755 /usr/tavr/etc
+is 0 '{"local_user":\["1026"\]}' cat /usr/tavr/etc/tavr_otp_enforce_custom_setting
+is 0 '*ours="kept"*' cat /etc/tavrinfo.conf
+[ "$key" = "$(sha256sum /etc/tavr/otp.key)" ] || fail "the machine key has changed"
+is 0 'kept*kept*kept*kept*kept*' tavrctl setup
+
+# Set-up goes nowhere through a link, and takes nothing away from what is there.
+rm /etc/tavrinfo.conf
+echo mine >/etc/tavrinfo.conf
+is 1 '*move what is there*' tavrctl setup
+is 0 mine cat /etc/tavrinfo.conf
+rm /etc/tavrinfo.conf
+rmdir /usr/tavr/etc/preference
+mkdir /tmp/elsewhere
+ln -s /tmp/elsewhere /usr/tavr/etc/preference
+is 1 '*/usr/tavr/etc/preference*' tavrctl setup
+owned root:root 755 /tmp/elsewhere
+rm /usr/tavr/etc/preference
+mkdir /usr/tavr/etc/preference
+is 1 '*/usr/tavr/etc/preference*' tavrctl setup   # root's, in a folder that is not
+rmdir /usr/tavr/etc/preference
+is 0 '*made /usr/tavr/etc/preference*' tavrctl setup
+
+# --- Users ---
+is 0 'added user alice with number 1026, an administrator' \
+    tavrctl user add ' Alice ' --admin --mail alice@home.example --desc 'Alice "A."' --password-stdin <<<'pass one'
+is 0 '{"success":true,"user":{"description":"","gid":65537,"is_admin":false,"mail":"","name":"bob","uid":1027}}' \
+    tavrctl --json user add bob --password-stdin < <(printf 'no line feed')
+! grep -aqr 'pass one' /var/lib/tavr || fail "a password in the clear"
+is 5 'tavrctl: there is a user alice already' tavrctl user add ALICE --password-stdin <<<x
+is 5 '*"err":"user_exists"*' tavrctl user add ALICE --password-stdin --json <<<x
+
+is 2 '*refused: empty' tavrctl user add carol --password-stdin </dev/null
+is 2 '*refused: empty' tavrctl user add carol --password-stdin <<<''
+is 2 '*refused: holds a NUL' tavrctl user add carol --password-stdin < <(printf 'a\0b')
+is 2 '*refused: too long' tavrctl user add carol --password-stdin < <(head -c 512 /dev/zero | tr '\0' x)
+is 2 '*refused: too long' tavrctl user add carol --password-stdin < <(head -c 5000 /dev/zero | tr '\0' x)
+is 2 '*--password-stdin is required*' tavrctl user add carol
+is 2 '*no name*' tavrctl user add carol/x --password-stdin <<<x
+is 2 '*no name*' tavrctl user add '' --password-stdin <<<x
+is 2 '*no name*' tavrctl user add $'carol\n' --password-stdin <<<x
+is 2 '*no name*' tavrctl user add "$(head -c 500 /dev/zero | tr '\0' x)" --password-stdin <<<x
+is 2 "*directory's*" tavrctl user add 'CORP\carol' --password-stdin <<<x
+is 2 "*directory's*" tavrctl user add carol@office.example --password-stdin <<<x
+for mail in carol @home.example carol@ 'a@b@c' 'a b@c.example' $'a@b.example\nBcc: d@e.example' "$(head -c 250 /dev/zero | tr '\0' x)@home.example"; do
+    is 2 '*mail address is refused*' tavrctl user add carol --mail "$mail" --password-stdin <<<x
+done
+is 2 '*description is refused*' tavrctl user add carol --desc $'a\tb' --password-stdin <<<x
+is 3 'tavrctl: there is no user carol' tavrctl user passwd carol --password-stdin <<<x
+is 1 '*cannot read the password*' tavrctl user add carol --password-stdin </tmp
+
+is 0 'added user -rf with number 1028' tavrctl user add --password-stdin -- -rf <<<x
+is 0 'removed user -rf' tavrctl user remove -- -rf
+
+list=$'1026\talice\tadministrator\talice@home.example\tAlice "A."\n1027\tbob\t-\t-\t'
+is 0 "$list" tavrctl user list
+is 0 '*"users":\[*"name":"alice"*"name":"bob"*\],"success":true}' tavrctl user list --json
+
+is 0 'changed user bob' tavrctl user set bob --desc=-x --mail bob@home.example
+is 0 $'*1027\tbob\t-\tbob@home.example\t-x' tavrctl user list
+is 0 'changed user bob' tavrctl user set bob --mail ''
+is 0 $'*1027\tbob\t-\t-\t-x' tavrctl user list
+is 0 'changed user bob' tavrctl user set bob --desc=
+is 0 "$list" tavrctl user list
+is 2 '*give --mail or --desc*' tavrctl user set bob
+is 3 '*no user carol' tavrctl user set carol --mail ''
+
+# A removed user's things go, and the next one of the name inherits nothing.
+mkdir /usr/tavr/etc/preference/bob && echo x >/usr/tavr/etc/preference/bob/otp_secret
+chown -R tavr-web:tavr-web /usr/tavr/etc/preference/bob
+is 0 'removed user bob' tavrctl user remove bob
+is 2 '*' ls /usr/tavr/etc/preference/bob
+is 3 '*no user bob' tavrctl user remove bob
+is 0 'added user bob with number 1029' tavrctl user add bob --password-stdin <<<x
+
+# --- Groups ---
+is 0 'added group crew with number 65538' tavrctl group add Crew --desc 'On board'
+is 5 '*a group crew already' tavrctl group add crew
+is 0 'user bob joined crew' tavrctl group join crew bob
+is 0 'user bob is in crew already' tavrctl group join crew bob
+is 0 $'65536\tadministrators\talice\t*\n65538\tcrew\tbob\tOn board\n65537\tusers\tall\t*' tavrctl group list
+is 0 '*{"description":"On board","gid":65538,"members":\["bob"\],"name":"crew"}*' tavrctl group list --json
+is 0 'user bob left crew' tavrctl group leave crew bob
+is 3 '*is not in crew' tavrctl group leave crew bob
+is 4 '*primary group*' tavrctl group leave users bob
+is 3 '*no group pirates' tavrctl group join pirates bob
+is 3 '*no user carol' tavrctl group join crew carol
+is 4 '*stays' tavrctl group remove administrators
+is 0 'removed group crew' tavrctl group remove crew
+is 3 '*no group crew' tavrctl group remove crew
+is 0 'added group crew with number 65539' tavrctl group add crew
+is 0 'user bob joined administrators' tavrctl group join administrators bob
+is 0 $'*1029\tbob\tadministrator\t*' tavrctl user list
+
+# --- Two-step sign-in ---
+is 0 'alice: not enrolled' tavrctl otp status Alice
+is 0 '{"enrolled":false,"success":true,"uid":1026,"user":"alice"}' tavrctl otp status alice --json
+is 3 '*"err":"no_such_user"*' tavrctl otp status carol --json
+mkdir -m 700 /usr/tavr/etc/preference/alice && echo 'GEZDGNBVGY3TQOJQ' >/usr/tavr/etc/preference/alice/otp_secret
+chmod 600 /usr/tavr/etc/preference/alice/otp_secret
+chown -R tavr-web:tavr-web /usr/tavr/etc/preference/alice
+is 1 '*cannot be told*' tavrctl otp status alice
+is 1 '*"err":"otp_unavailable"*' tavrctl otp status alice --json
+
+# --- Use ---
+is 2 '*' tavrctl
+is 2 '*' tavrctl user
+is 2 '*' tavrctl users
+is 2 '*"err":"usage"*' tavrctl user list --jsonn --json
+is 2 '*' tavrctl user add a b --password-stdin
+is 0 'tavrctl [0-9]*' tavrctl --version
+is 0 '*--password-stdin*' tavrctl user add --help
+is 1 '*cannot write to standard output*' bash -c 'tavrctl user list >/dev/full'
+
+# --- Rights ---
+as() { setpriv --reuid "$1" --regid "$1" --clear-groups "${@:2}"; }
+is 0 $'1026\talice*' as 64217 tavrctl user list
+is 4 '*must be run by root' as 64217 tavrctl setup
+is 4 '*must be run by root or by tavr-web' as 1000 tavrctl user list
+is 0 'Usage*' as 1000 bash -c 'tavrctl --help | grep Usage'
+while read -r file; do
+    [[ $file == *.lock ]] || owned tavr-web:tavr-web 600 "$file"
+done < <(find /var/lib/tavr -type f)
+
+# --- Faults ---
+chmod 000 /var/lib/tavr/accounts.db
+is 1 '*database: *' tavrctl user list
+is 1 '*"err":"database"*' tavrctl user list --json
+is 0 '*' tavrctl setup --help
+chmod 600 /var/lib/tavr/accounts.db
+rm /etc/tavr/otp.key
+is 0 '*made /etc/tavr/otp.key' tavrctl setup
+grep -v '^tavr-web:' /etc/passwd >/tmp/passwd && cp /tmp/passwd /etc/passwd
+is 1 '*no user tavr-web*' tavrctl user list
+
+[ $failures = 0 ] || { echo "$failures failures"; exit 1; }
