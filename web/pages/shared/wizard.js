@@ -371,6 +371,7 @@ class Wizard {
     const status = await get("/api/otp/status");
     const checkButton = this.host.querySelector("[data-action=check]");
     checkButton.hidden = true;
+    showMessage();
     if (status.success && status.enrolled) {
       await this.accepted(undefined);
       this.note(text("wizard:note_accepted_after_fault"));
