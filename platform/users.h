@@ -37,9 +37,10 @@ int TAVRUserLoginNameConvert(const char* name, char* out, int size);
 // for accounts that are known to a directory only.
 int TAVRUserPreferenceDirGet(const char* name, char* dir, int size, int flags);
 
-// Writes the mail address of `record` (null or empty clears it) to the account `name`, a local one.
-// Everything else of the account stays as it is stored, whatever the record says; others who write at the
-// same time lose nothing. Whether the text is an address is not judged.
+// Writes the texts that the caller has put into `record` to the local account `name`: a mail address, which
+// may be empty, or a description. Texts that TAVRUserGet handed out, and null, say that what is stored stays,
+// so others who write at the same time lose nothing. Whether a text is an address is not judged; one that
+// cannot be stored (too long, control characters, no UTF-8) is a failure.
 int TAVRConfdUserUpdate(const char* name, const TAVRUser* record, int flags);
 
 // --- numbers and memberships ---
