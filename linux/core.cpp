@@ -56,13 +56,9 @@ int KLIBCFileGetKeyValue(const char* path, const char* key, char* value, int siz
         return Fail(Error::BadParameter);
     }
     std::string text;
-    switch (tavr::ReadWholeFile(path, text)) {
-    case tavr::FileRead::Absent:
-        return Fail(Error::NotFound);
-    case tavr::FileRead::Failed:
-        return Fail(Error::ReadFailed);
-    case tavr::FileRead::Done:
-        break;
+    const tavr::FileRead read = tavr::ReadWholeFile(path, text);
+    if (read != tavr::FileRead::Done) {
+        return Fail(read == tavr::FileRead::Absent ? Error::NotFound : Error::ReadFailed);
     }
     const auto found = tavr::FindKey(text, key);
     if (!found || found->empty()) {

@@ -347,6 +347,7 @@ bool MoveTmpSecret(const char* user, const char* tmpPath)
 
 // --- the QR code ---
 
+// By value: the shape is fixed.  NOLINTNEXTLINE(performance-unnecessary-value-param)
 int GenQRcodePNG(std::string secret, std::string account, std::string& pngBase64, bool defaultMargin)
 {
     const std::string uri = KeyUri(secret, account);
