@@ -3,6 +3,9 @@
 #include "linux/accounts.h"
 #include "linux/error.h"
 #include "linux/names.h"
+#include "linux/request.h"
+
+#include <syslog.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -58,15 +61,19 @@ std::optional<std::string> TextToStore(const char* text)
     return text == nullptr || IsHandedOut(text) ? std::nullopt : std::optional<std::string>(text);
 }
 
-// Where exceptions stop: behind the C interface there is only the error record.
+// Where exceptions stop: behind the C interface there is only the error record. The library takes some of
+// these failures for a "no", so the request notes that the answer is not known.
 template<class Call>
 int Guarded(Call call)
 {
     try {
         return call();
-    } catch (const DatabaseError&) {
+    } catch (const DatabaseError& error) {
+        syslog(LOG_ERR, "accounts: %s", error.what());
+        tavr::NoteFault(tavr::Fault::AccountsUnavailable);
         return Fail(Error::DatabaseFailed);
     } catch (const std::bad_alloc&) {
+        tavr::NoteFault(tavr::Fault::AccountsUnavailable);
         return Fail(Error::OutOfMemory);
     }
 }

@@ -3,6 +3,7 @@
 #include "linux/accounts.h"
 #include "linux/ids.h"
 #include "linux/paths.h"
+#include "linux/request.h"
 #include "platform/core.h"
 #include "platform/users.h"
 
@@ -242,6 +243,10 @@ TEST_F(Store, IsReadAndNotWrittenOnAReadOnlyDisk)
         EXPECT_EQ(-1, TAVRUserGet("kept", &record))
             << "not to be opened: a store that cannot be written is no store";
         EXPECT_EQ(0x0A00, KLIBCErrGet());
+        EXPECT_EQ(tavr::Fault::AccountsUnavailable, tavr::CurrentRequest().fault);
+        tavr::StartRequest();
+        EXPECT_EQ(-1, KLIBGroupIsAdminGroupMem("kept", 0)) << "the policy asks this";
+        EXPECT_EQ(tavr::Fault::AccountsUnavailable, tavr::CurrentRequest().fault);
         EXPECT_TRUE(FailsInTheDatabase([] { tavr::CheckPassword("kept", "x"); }))
             << "never read as a wrong password";
         return true;
