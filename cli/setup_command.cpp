@@ -14,6 +14,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 
 namespace tavr::console
 {
@@ -49,7 +50,7 @@ void Report(const char* what, const std::string& path)
 
 [[noreturn]] void FailWithErrno(const std::string& path)
 {
-    Fail(path, std::strerror(errno));
+    Fail(path, std::generic_category().message(errno));
 }
 
 // Puts owner and mode right. True when they were not.

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -27,8 +28,11 @@ namespace
 
 void TakeServiceIds()
 {
-    const passwd* service = getpwnam(tavr::kServiceUser);
-    if (service == nullptr) {
+    passwd entry{};
+    passwd* service = nullptr;
+    std::array<char, 4096> texts{};
+    if (getpwnam_r(tavr::kServiceUser, &entry, texts.data(), texts.size(), &service) != 0 ||
+        service == nullptr) {
         throw Failure(Exit::Failed, "no_service_user",
                       std::string("this system has no user ") + tavr::kServiceUser);
     }

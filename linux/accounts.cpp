@@ -17,6 +17,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <system_error>
 
 namespace tavr
 {
@@ -110,7 +111,8 @@ std::string HashPassword(std::string_view password, const std::string& setting)
     const std::unique_ptr<crypt_data, WipeCryptData> data(new crypt_data{});
     const char* hash = crypt_rn(phrase.text, setting.c_str(), data.get(), sizeof *data);
     if (hash == nullptr) {
-        throw DatabaseError(0, std::string("cannot hash a password: ") + std::strerror(errno));
+        throw DatabaseError(0,
+                            std::string("cannot hash a password: ") + std::generic_category().message(errno));
     }
     return hash;
 }
@@ -120,7 +122,7 @@ std::string NewSetting(const char* salt = nullptr, int saltSize = 0)
 {
     char setting[CRYPT_GENSALT_OUTPUT_SIZE] = {};
     if (crypt_gensalt_rn(kHashMethod, kHashCost, salt, saltSize, setting, sizeof setting) == nullptr) {
-        throw DatabaseError(0, std::string("cannot make a salt: ") + std::strerror(errno));
+        throw DatabaseError(0, std::string("cannot make a salt: ") + std::generic_category().message(errno));
     }
     return setting;
 }

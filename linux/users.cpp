@@ -258,9 +258,9 @@ namespace
 {
 
 // What both enumerations ask of their arguments; 0 when there is something to look through.
-int CheckEnumeration(int source, int offset, int limit, bool hasRow)
+int CheckEnumeration(int source, int offset, int limit)
 {
-    if (!hasRow || offset < 0 || limit < -1) {
+    if (offset < 0 || limit < -1) {
         return Fail(Error::BadParameter);
     }
     return source == kSourceLocal ? 0 : Fail(Error::DirectoryNotConfigured);
@@ -322,7 +322,10 @@ int Enumerate(const Search& search, int offset, int limit, const char* query, Ea
 int KLIBUserInfoEnumBySubstr(int source, const char* /*domain*/, int offset, int limit, const char* query,
                              int /*flags*/, KLIBUserInfoRow row, void* userData)
 {
-    if (CheckEnumeration(source, offset, limit, row != nullptr) < 0) {
+    if (row == nullptr) {
+        return Fail(Error::BadParameter);
+    }
+    if (CheckEnumeration(source, offset, limit) < 0) {
         return -1;
     }
     return Enumerate({kFindUsers, kCountUsers}, offset, limit, query, [&](const tavr::Statement& found) {
@@ -337,7 +340,10 @@ int KLIBUserInfoEnumBySubstr(int source, const char* /*domain*/, int offset, int
 int KLIBGroupInfoEnumBySubstr(int source, const char* /*domain*/, int offset, int limit, const char* query,
                               int /*flags*/, KLIBGroupInfoRow row, void* userData)
 {
-    if (CheckEnumeration(source, offset, limit, row != nullptr) < 0) {
+    if (row == nullptr) {
+        return Fail(Error::BadParameter);
+    }
+    if (CheckEnumeration(source, offset, limit) < 0) {
         return -1;
     }
     return Enumerate({kFindGroups, kCountGroups}, offset, limit, query, [&](const tavr::Statement& found) {
