@@ -956,6 +956,7 @@ extern "C" {
 void* __real_malloc(std::size_t size);
 void* __real_calloc(std::size_t count, std::size_t size);
 FILE* __real_fopen(const char* path, const char* mode);
+int __real_ferror(FILE* file);
 void __real_syslog(int priority, const char* format, ...);
 int __real_getpwnam_r(const char* name, passwd* entry, char* buffer, std::size_t size, passwd** found);
 long __real_sysconf(int name);
@@ -1018,6 +1019,16 @@ FILE* __wrap_fopen(const char* path, const char* mode)
         return nullptr;
     }
     return __real_fopen(path, mode);
+}
+
+int __wrap_ferror(FILE* file)
+{
+    if (g_current != nullptr) {
+        if (const auto scripted = g_current->Scripted("ferror")) {
+            return *scripted;
+        }
+    }
+    return __real_ferror(file);
 }
 
 int __wrap_getpwnam_r(const char* name, passwd* entry, char* buffer, std::size_t size, passwd** found)

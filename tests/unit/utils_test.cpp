@@ -666,6 +666,14 @@ TEST_F(GetDomainUserMail, TakesAMissingFileForAnEmptyOne)
     EXPECT_EQ((Texts{kNoValue, kNoValue, kNoValue}), platform.LogTexts());
 }
 
+TEST_F(GetDomainUserMail, TakesNothingFromAFileThatCannotBeReadToItsEnd)
+{
+    dir.Write("usersettings", R"({"TAVR.Ombra.App.PersonalSettings.Instance":{"otp_mail":"m"}})");
+    platform.Answer("ferror", 1);
+    EXPECT_FALSE(Look(OTPUtils::GetDomainUserMail, "CORP\\alice").result);
+    EXPECT_EQ(Texts{kNoValue}, platform.LogTexts());
+}
+
 TEST_F(GetDomainUserMail, TellsWhatIsWrongWithTheFile)
 {
     dir.Write("usersettings", "{\"a\":1");
@@ -778,9 +786,12 @@ TEST_F(GetLDAPUserMail, CutsTheAddressToTheBuffer)
 
 TEST_F(GetLDAPUserMail, TakesTheFirstOfSeveralMatchesAndSaysSo)
 {
-    platform.ldap.matches = 3;
-    EXPECT_EQ("mia@home.example", Look(OTPUtils::GetLDAPUserMail, "mia@office.example").text);
-    EXPECT_EQ(Texts{"3 OTPutils.cpp user 'mia' is ambigous"}, platform.LogTexts());
+    for (const int matches : {2, 3}) {
+        platform.log.clear();
+        platform.ldap.matches = matches;
+        EXPECT_EQ("mia@home.example", Look(OTPUtils::GetLDAPUserMail, "mia@office.example").text);
+        EXPECT_EQ(Texts{"3 OTPutils.cpp user 'mia' is ambigous"}, platform.LogTexts());
+    }
 }
 
 TEST_F(GetLDAPUserMail, TellsWhatFailedAndGivesEverythingBack)
