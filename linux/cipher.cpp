@@ -41,7 +41,7 @@ bool IsOwnCode(const std::vector<StoredSecret>& secrets, const std::string& refe
 {
     return std::any_of(secrets.begin(), secrets.end(), [&](const StoredSecret& secret) {
         return std::any_of(secret.codes.begin(), secret.codes.end(),
-                           [&](const StoredCode& code) { return code.reference == reference; });
+                           [&](const CodeLine& code) { return code.reference == reference; });
     });
 }
 

@@ -79,47 +79,10 @@ void ClearPlace(const Preference& preference)
 
 // --- What a file says of a secret ---
 
-enum class Match {
-    Whole,     // the vault's text
-    WithSpent, // that, with lines of spent codes still in it
-    Part,      // cut short, as a copy that was stopped leaves it; also nothing at all
-    Other,
-};
-
-struct Line {
-    std::string text;
-    bool optional; // a spent code's
-};
-
-std::vector<Line> LinesOf(const StoredSecret& secret)
-{
-    std::vector<Line> lines{{RenderSecretFile({secret.reference, {}}), false}};
-    for (const StoredCode& code : secret.codes) {
-        lines.push_back({code.reference + '\n', code.spent});
-    }
-    return lines;
-}
-
-Match MatchFile(std::string_view text, const StoredSecret& secret)
-{
-    Match whole = Match::Whole;
-    for (const Line& line : LinesOf(secret)) {
-        if (text.starts_with(line.text)) {
-            text.remove_prefix(line.text.size());
-            whole = line.optional ? Match::WithSpent : whole;
-        } else if (line.text.starts_with(text) && !(line.optional && text.empty())) {
-            return Match::Part;
-        } else if (!line.optional) {
-            return Match::Other;
-        }
-    }
-    return text.empty() ? whole : Match::Other;
-}
-
 std::string TextOf(const StoredSecret& secret)
 {
     SecretFileText file{secret.reference, {}};
-    for (const StoredCode& code : secret.codes) {
+    for (const CodeLine& code : secret.codes) {
         if (!code.spent) {
             file.codes.push_back(code.reference);
         }
@@ -132,7 +95,7 @@ bool Carries(const std::string& text, const StoredSecret* secret)
     if (secret == nullptr) {
         return false;
     }
-    const Match match = MatchFile(text, *secret);
+    const Match match = MatchSecretFile(text, secret->reference, secret->codes);
     return match == Match::Whole || match == Match::WithSpent;
 }
 
@@ -146,7 +109,7 @@ const StoredSecret* Find(const std::vector<StoredSecret>& secrets, SecretState s
 EnrolmentState Enrolled(const StoredSecret& secret)
 {
     const auto left = std::count_if(secret.codes.begin(), secret.codes.end(),
-                                    [](const StoredCode& code) { return !code.spent; });
+                                    [](const CodeLine& code) { return !code.spent; });
     return {Enrolment::Yes, Fault::None, static_cast<int>(left)};
 }
 
@@ -155,7 +118,8 @@ std::string MendedFile(const Preference& preference, const FoundFile& found, con
                        const StoredSecret* confirmed)
 {
     const auto isPart = [&](const StoredSecret* secret) {
-        return secret != nullptr && MatchFile(found.text, *secret) == Match::Part;
+        return secret != nullptr &&
+               MatchSecretFile(found.text, secret->reference, secret->codes) == Match::Part;
     };
     if (found.found == Found::Text && !isPart(active) && !isPart(confirmed)) {
         return found.text;

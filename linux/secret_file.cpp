@@ -89,6 +89,29 @@ std::optional<SecretFileText> ParseSecretFile(std::string_view text)
     return file.secret.empty() ? std::nullopt : std::optional(file);
 }
 
+Match MatchSecretFile(std::string_view text, const std::string& secret, const std::vector<CodeLine>& codes)
+{
+    Match whole = Match::Whole;
+    const auto take = [&](const std::string& line, bool optional) {
+        if (text.starts_with(line)) {
+            text.remove_prefix(line.size());
+            whole = optional ? Match::WithSpent : whole;
+            return true;
+        }
+        return optional && (text.empty() || !line.starts_with(text));
+    };
+    std::string line = RenderSecretFile({secret, {}});
+    bool taken = take(line, false);
+    for (size_t i = 0; taken && i < codes.size(); ++i) {
+        line = codes[i].reference + '\n';
+        taken = take(line, codes[i].spent);
+    }
+    if (!taken) {
+        return line.starts_with(text) ? Match::Part : Match::Other;
+    }
+    return text.empty() ? whole : Match::Other;
+}
+
 // --- Files ---
 
 Descriptor OpenDirectoryNoLinks(const std::string& path)

@@ -44,6 +44,19 @@ std::string RenderSecretFile(const SecretFileText& file);
 // Empty for what is not in the layout, a last line without its line feed included.
 std::optional<SecretFileText> ParseSecretFile(std::string_view text);
 
+// How a file stands to what the vault says of a secret and its codes.
+struct CodeLine {
+    std::string reference;
+    bool spent = false; // its line may still be in the file
+};
+enum class Match {
+    Whole,     // the vault's text
+    WithSpent, // that, with lines of spent codes still in it
+    Part,      // cut short, as a copy that was stopped leaves it; also nothing at all
+    Other,
+};
+Match MatchSecretFile(std::string_view text, const std::string& secret, const std::vector<CodeLine>& codes);
+
 // --- Files ---
 
 // Opens a directory, none of whose components may be a link. The owner is empty and errno set on failure.

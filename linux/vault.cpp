@@ -138,9 +138,9 @@ SecretState StateOf(const std::string& text)
     throw VaultError(Fault::VaultDamaged);
 }
 
-std::vector<StoredCode> CodesOf(const std::string& secretReference)
+std::vector<CodeLine> CodesOf(const std::string& secretReference)
 {
-    std::vector<StoredCode> codes;
+    std::vector<CodeLine> codes;
     Statement ask =
         SigninDatabase().Prepare("SELECT reference, spent FROM code WHERE secret = ?1 ORDER BY position");
     ask.Bind(1, secretReference);

@@ -31,19 +31,14 @@ enum class SecretState {
     Active,    // the account's secret
 };
 
-struct StoredCode {
-    std::string reference;
-    bool spent = false;
-};
-
 struct StoredSecret {
     std::string reference;
     uint32_t account = 0;
     SecretState state = SecretState::Waiting;
-    std::string session;           // whose page asked for it; empty: nobody's yet
-    std::string madeBoot;          // the BootId() it was made under
-    int64_t made = 0;              // BootSeconds()
-    std::vector<StoredCode> codes; // in the order of the file's lines
+    std::string session;         // whose page asked for it; empty: nobody's yet
+    std::string madeBoot;        // the BootId() it was made under
+    int64_t made = 0;            // BootSeconds()
+    std::vector<CodeLine> codes; // in the order of the file's lines
 };
 
 // The account's secrets, one of each state at most.

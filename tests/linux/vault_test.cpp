@@ -391,7 +391,7 @@ TEST_F(Vault, LeavesNothingOnTheDiskInTheClearOrInASimpleCoding)
                 EXPECT_EQ(std::string::npos, lower.find(LowerCase(text)));
             }
         }
-        for (const StoredCode& code : stored.codes) {
+        for (const CodeLine& code : stored.codes) {
             for (const std::string& text : SimpleCodings(Decipher(code.reference).text)) {
                 EXPECT_EQ(std::string::npos, all.find(text));
             }
