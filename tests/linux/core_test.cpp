@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -411,6 +412,28 @@ TEST_F(Settings, RefuseWhatWouldBreakTheFile)
     EXPECT_FALSE(tavr::WriteSetting("A b", "1"));
     EXPECT_FALSE(tavr::WriteSetting("a\n", "1"));
     EXPECT_EQ("a=\"1\"\n", SettingsText());
+}
+
+TEST_F(Settings, StayWholeWhenTheDiskIsFull)
+{
+    const tavr::EffectiveIds root = tavr::EffectiveIds::Root();
+    ASSERT_EQ(0, mount("small", "/etc/tavr", "tmpfs", 0, "size=64k,mode=0755"));
+    WriteAsRoot("/etc/tavr/tavrinfo.conf", "a=\"1\"\n");
+    EXPECT_TRUE(tavr::WriteSetting("a", "2"));
+    const int fill = open("/etc/tavr/fill", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const std::string block(4096, 'x');
+    while (write(fill, block.data(), block.size()) > 0) {
+    }
+    EXPECT_FALSE(tavr::WriteSetting("a", "3"));
+    EXPECT_EQ(0x0600, KLIBCErrGet());
+    EXPECT_EQ("a=\"2\"\n", SettingsText());
+    EXPECT_EQ("2", tavr::Setting("a", ""));
+    EXPECT_EQ(0, KLIBCFileExist("/etc/tavr/tavrinfo.conf.new"));
+    close(fill);
+    unlink("/etc/tavr/fill");
+    EXPECT_TRUE(tavr::WriteSetting("a", "3")) << "recovers by itself";
+    EXPECT_EQ("3", tavr::Setting("a", ""));
+    umount2("/etc/tavr", MNT_DETACH);
 }
 
 TEST_F(Settings, LoseNothingToConcurrentWriters)
