@@ -88,6 +88,11 @@ class Server {
     return ["000000", "111111", "222222", "333333", "444444", "555555", "666666", "777777"].find((c) => !near.includes(c));
   }
 
+  // Process numbers of the web program's workers.
+  workers(parent = this.web.pid) {
+    return readFileSync(`/proc/${parent}/task/${parent}/children`, "utf8").trim().split(" ").filter(Boolean).map(Number);
+  }
+
   log() {
     return readFileSync(kLogFile, "utf8");
   }
