@@ -55,6 +55,20 @@ CREATE TABLE session (
 CREATE INDEX session_of_account ON session (account);
 CREATE INDEX session_by_age ON session (boot, seen);
 )",
+    // What happened, for people (audit.cpp). Numbers only grow, so that who follows misses nothing.
+    R"(
+CREATE TABLE audit (
+    id INTEGER PRIMARY KEY AUTOINCREMENT,
+    time INTEGER NOT NULL,                 -- of the wall clock
+    event TEXT NOT NULL,
+    outcome TEXT NOT NULL,
+    address TEXT NOT NULL,                 -- the client's; "console"; "-": none
+    uid INTEGER,                           -- null: an account that was only named
+    detail TEXT NOT NULL,
+    account TEXT NOT NULL                  -- escaped
+) STRICT;
+CREATE INDEX audit_by_time ON audit (time);
+)",
 };
 
 } // namespace
