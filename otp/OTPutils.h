@@ -8,7 +8,8 @@
 #include <cstddef>
 #include <string>
 
-namespace [[gnu::visibility("default")]] OTPUtils
+#pragma GCC visibility push(default)
+namespace OTPUtils
 {
 
 // --- the secret file ---
@@ -56,4 +57,5 @@ bool SetUserMail(const char* user, const char* mail);
 bool SetNormalUserMail(const char* user, const char* mail);
 bool SetDomainUserMail(const char* user, const char* mail);
 
-} // namespace gnu::visibility("default")]]OTPUtils
+} // namespace OTPUtils
+#pragma GCC visibility pop
