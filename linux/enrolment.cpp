@@ -1,6 +1,7 @@
 #include "linux/enrolment.h"
 
 #include "linux/account_lock.h"
+#include "linux/audit.h"
 #include "linux/cipher.h"
 #include "linux/clock.h"
 #include "linux/ids.h"
@@ -162,6 +163,7 @@ EnrolmentState SettleLocked(const Account& account)
     }
     if (Carries(text, confirmed)) {
         MakeActive(*confirmed);
+        Audit(active == nullptr ? AuditEvent::Enrolled : AuditEvent::Renewed, account);
         return Enrolled(*confirmed);
     }
     throw VaultError(Fault::SecretFile);

@@ -1,5 +1,6 @@
 #include "linux/ids.h"
 
+#include "linux/audit.h"
 #include "linux/paths.h"
 
 #include <pwd.h>
@@ -65,6 +66,7 @@ EffectiveIds::EffectiveIds(uid_t uid, gid_t gid) : savedUid_(geteuid()), savedGi
     if (!changed_) {
         syslog(LOG_AUTH | LOG_ERR, "cannot switch to ids %d, %d: %m", static_cast<int>(uid),
                static_cast<int>(gid));
+        Audit(AuditEvent::PrivilegeFailed, std::string_view(), "ids");
         if (!Switch(savedUid_, savedGid_)) {
             _exit(70);
         }
@@ -76,6 +78,7 @@ EffectiveIds::~EffectiveIds()
     if (!Switch(savedUid_, savedGid_)) {
         syslog(LOG_AUTH | LOG_CRIT, "cannot give back ids %d, %d: %m", static_cast<int>(savedUid_),
                static_cast<int>(savedGid_));
+        Audit(AuditEvent::PrivilegeFailed, std::string_view(), "ids");
         _exit(70);
     }
 }

@@ -1,5 +1,6 @@
 #include "linux/verifier.h"
 
+#include "linux/audit.h"
 #include "linux/clock.h"
 #include "linux/enrolment.h"
 #include "linux/error.h"
@@ -138,6 +139,29 @@ CodeAnswer Decide(const Account& account, std::string_view code, Place place)
     return answer;
 }
 
+// Accepted ones show in what they were accepted for.
+CodeAnswer Audited(const Account& account, const CodeAnswer& answer, const char* detail)
+{
+    switch (answer.result) {
+    case CodeResult::Wrong:
+        Audit(AuditEvent::CodeRefused, account, detail);
+        break;
+    case CodeResult::Used:
+        Audit(AuditEvent::CodeReplayed, account, detail);
+        break;
+    case CodeResult::Throttled:
+        Audit(AuditEvent::CodeThrottled, account, detail);
+        break;
+    case CodeResult::Closed:
+        Audit(AuditEvent::CodeClosed, account, detail);
+        break;
+    case CodeResult::Accepted:
+    case CodeResult::Fault:
+        break;
+    }
+    return answer;
+}
+
 CodeAnswer FaultAnswer(Fault fault)
 {
     NoteFault(fault);
@@ -213,7 +237,7 @@ CodeAnswer AnswerLibrary(const LibraryQuestion& question)
     if (!service.Changed() || !lock.Held()) {
         return FaultAnswer(Fault::StateUnavailable);
     }
-    return Decide(*account, question.code, *place);
+    return Audited(*account, Decide(*account, question.code, *place), "setup");
 }
 
 } // namespace
@@ -230,9 +254,9 @@ CodeAnswer VerifyCode(const Account& account, std::string_view code)
         return FaultAnswer(state.fault);
     }
     if (state.enrolment == Enrolment::No) {
-        return {CodeResult::Wrong, 0, Fault::None};
+        return Audited(account, {CodeResult::Wrong, 0, Fault::None}, "signin");
     }
-    return Decide(account, code, Place::Permanent);
+    return Audited(account, Decide(account, code, Place::Permanent), "signin");
 }
 
 const std::optional<CodeAnswer>& LastLibraryAnswer()

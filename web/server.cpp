@@ -2,6 +2,7 @@
 
 #include "web/route.h"
 
+#include "linux/audit.h"
 #include "linux/clock.h"
 #include "linux/database.h"
 #include "linux/enrolment.h"
@@ -193,6 +194,7 @@ void ServeOne(FCGX_Request& fcgi, const Ids& ids)
     if (!(ReadIds() == ids)) {
         syslog(LOG_AUTH | LOG_CRIT, "%s %s left other ids behind; this worker ends", http.method.c_str(),
                http.path.c_str());
+        Audit(AuditEvent::PrivilegeFailed, std::string_view(), "ids");
         _exit(70);
     }
     WriteAnswer(*fcgi.out, answer);
@@ -229,7 +231,7 @@ bool WaitForConnection(int listener, pid_t parent)
     return stopping == 0;
 }
 
-// Secrets that waited too long for their confirmation go, whoever comes or not.
+// Secrets that waited too long for their confirmation and old rows of the audit go, whoever comes or not.
 void ClearNowAndThen()
 {
     static int64_t last = BootSeconds();
@@ -240,8 +242,9 @@ void ClearNowAndThen()
     try {
         StartRequest();
         ClearWaiting(Clear::TooOld);
+        ClearAudit();
     } catch (const std::exception& error) {
-        syslog(LOG_ERR, "cannot clear secrets that wait: %s", error.what());
+        syslog(LOG_ERR, "cannot clear old state: %s", error.what());
     }
 }
 

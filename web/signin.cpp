@@ -2,6 +2,7 @@
 #include "web/handlers.h"
 
 #include "linux/accounts.h"
+#include "linux/audit.h"
 #include "linux/names.h"
 #include "linux/request.h"
 #include "linux/verifier.h"
@@ -84,6 +85,7 @@ Answer SignIn(Call& call)
         return Unavailable();
     }
     if (!account) {
+        Audit(AuditEvent::PasswordRefused, call.Text("user"), "signin");
         return Refusal(401, "bad_credentials");
     }
     if (LearnFacts(*account).enrolment == Enrolment::Fault) {

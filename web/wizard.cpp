@@ -3,6 +3,7 @@
 #include "web/facts.h"
 #include "web/handlers.h"
 
+#include "linux/audit.h"
 #include "linux/cipher.h"
 #include "linux/clock.h"
 #include "linux/paths.h"
@@ -50,6 +51,7 @@ std::optional<Answer> RefusePassword(OTPWizardHandler& handler, const Call& call
     if (!request.passwordCompared) {
         throw std::runtime_error("the password could not be compared");
     }
+    Audit(AuditEvent::PasswordRefused, account, "session");
     return Refusal(401, "bad_credentials");
 }
 
@@ -310,7 +312,11 @@ Answer WizardMail(Call& call)
     }
     step.handler.SaveMail(call.Text("mail"));
     Answer answer = FromLibrary(step.handler.GetResponse());
-    answer.body["saved"] = MailIs(call.session->account.uid, call.Text("mail"));
+    const bool saved = MailIs(call.session->account.uid, call.Text("mail"));
+    if (saved) {
+        Audit(AuditEvent::AddressChanged, call.session->account);
+    }
+    answer.body["saved"] = saved;
     return answer;
 }
 
