@@ -54,6 +54,9 @@ INSERT INTO account_group (name, description) VALUES
     ('administrators', 'May administer this system'),
     ('users', 'All local accounts');
 )",
+    R"(
+ALTER TABLE account ADD COLUMN disabled INTEGER NOT NULL DEFAULT 0 CHECK (disabled IN (0, 1));
+)",
 };
 
 constexpr uint32_t kAdministratorsGid = 65536;
@@ -64,7 +67,7 @@ constexpr unsigned long kHashCost = 5;
 
 #define ACCOUNT_COLUMNS                                                                                      \
     "uid, gid, name, description, mail, "                                                                    \
-    "EXISTS (SELECT 1 FROM membership AS m WHERE m.uid = account.uid AND m.gid = 65536)"
+    "EXISTS (SELECT 1 FROM membership AS m WHERE m.uid = account.uid AND m.gid = 65536), disabled"
 
 Account ReadAccount(const Statement& row)
 {
@@ -75,6 +78,7 @@ Account ReadAccount(const Statement& row)
     account.description = row.Text(3);
     account.mail = row.Text(4);
     account.isAdmin = row.Int(5) != 0;
+    account.disabled = row.Int(6) != 0;
     return account;
 }
 
@@ -251,12 +255,12 @@ std::optional<Account> CheckPassword(std::string_view canonicalName, std::string
         find.Bind(1, canonicalName);
         if (find.Step()) {
             account = ReadAccount(find);
-            stored = find.Text(6);
+            stored = find.Text(7);
         }
     }
     const bool hashed = !stored.empty() && stored.front() == '$'; // else no password opens it
     const std::string hash = HashPassword(password, hashed ? stored : DummySetting());
-    return hashed && SameHash(hash, stored) ? account : std::nullopt;
+    return hashed && SameHash(hash, stored) && !account->disabled ? account : std::nullopt;
 }
 
 void ForEachAccount(const std::function<void(const Account&)>& each)
@@ -387,6 +391,13 @@ bool SetPassword(uint32_t uid, std::string_view password)
         .Bind(1, HashPassword(password, NewSetting()))
         .Bind(2, uid)
         .Run();
+    return db.Changes() == 1;
+}
+
+bool SetDisabled(uint32_t uid, bool disabled)
+{
+    Database& db = AccountsDatabase();
+    db.Prepare("UPDATE account SET disabled = ? WHERE uid = ?").Bind(1, disabled ? 1 : 0).Bind(2, uid).Run();
     return db.Changes() == 1;
 }
 

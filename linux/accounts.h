@@ -29,6 +29,7 @@ struct Account {
     std::string description;
     std::string mail;
     bool isAdmin = false;
+    bool disabled = false; // no password is right for it, and its sessions are dead
 };
 
 inline constexpr char kUsers[] = "users"; // the primary group of every local account
@@ -43,8 +44,8 @@ inline constexpr size_t kMaxDescription = 1024;
 std::optional<Account> FindAccount(std::string_view canonicalName);
 std::optional<Account> FindAccount(uint32_t uid);
 
-// The account if the password is right, else empty. An unknown name costs the work of a wrong password. An
-// empty password, one beyond kMaxPassword and one that holds a NUL are never right.
+// The account if the password is right, else empty. An unknown name and a disabled account cost the work of a
+// wrong password. An empty password, one beyond kMaxPassword and one that holds a NUL are never right.
 std::optional<Account> CheckPassword(std::string_view canonicalName, std::string_view password);
 
 // In the order of their names.
@@ -88,6 +89,7 @@ struct AccountChange {
 };
 bool ChangeAccount(uint32_t uid, const AccountChange& change);
 bool SetPassword(uint32_t uid, std::string_view password);
+bool SetDisabled(uint32_t uid, bool disabled);
 
 // Removes the account, then its preference directory unless the name has been given anew by then. `cleaned`
 // is false when the directory could not be deleted; the next account of the name begins with deleting it.

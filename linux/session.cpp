@@ -1,5 +1,6 @@
 #include "linux/session.h"
 
+#include "linux/audit.h"
 #include "linux/clock.h"
 #include "linux/database.h"
 #include "linux/enrolment.h"
@@ -22,6 +23,7 @@ constexpr int64_t kLifetimeSeconds = 12 * 60 * 60;
 constexpr int64_t kCodeRequiredSeconds = 5 * 60;
 constexpr int64_t kEnrolmentRequiredSeconds = 30 * 60;
 constexpr int64_t kLongestRenewal = 60;
+constexpr size_t kHandleBytes = 8; // of an id, enough to tell sessions apart
 constexpr int64_t kClearedAtOnce =
     100; // rows; a sign-in that finds a million old ones must not wait for them
 
@@ -94,6 +96,18 @@ struct Row {
     int64_t confirmed = 0;
 };
 
+Row RowOf(const Statement& found)
+{
+    Row row;
+    row.account = static_cast<uint32_t>(found.Int(0));
+    row.state = StateOf(found.Text(1));
+    row.opened = found.Int(2);
+    row.seen = found.Int(3);
+    row.secondStep = found.Int(4) != 0;
+    row.confirmed = found.Int(5);
+    return row;
+}
+
 // Rows of an earlier start of the machine are not found: their times mean nothing now.
 std::optional<Row> ReadRow(std::string_view id)
 {
@@ -103,14 +117,7 @@ std::optional<Row> ReadRow(std::string_view id)
     if (!find.Step()) {
         return std::nullopt;
     }
-    Row row;
-    row.account = static_cast<uint32_t>(find.Int(0));
-    row.state = StateOf(find.Text(1));
-    row.opened = find.Int(2);
-    row.seen = find.Int(3);
-    row.secondStep = find.Int(4) != 0;
-    row.confirmed = find.Int(5);
-    return row;
+    return RowOf(find);
 }
 
 // Seconds left; none or fewer for one that has ended. A row from the future is as dead as one from the past.
@@ -144,6 +151,14 @@ void ClearOld(Database& db, int64_t now)
     old.Bind(3, kClearedAtOnce).Run();
 }
 
+const char* ProofText(bool secondStep, bool confirmedNow)
+{
+    if (confirmedNow) {
+        return "enrolment";
+    }
+    return secondStep ? "code" : "password";
+}
+
 // A new row and the identifier that stands for it, durable when this returns.
 std::string Open(const Account& account, SessionState state, bool secondStep, bool confirmedNow)
 {
@@ -157,7 +172,14 @@ std::string Open(const Account& account, SessionState state, bool secondStep, bo
                    " VALUES (?1, ?2, ?3, ?4, ?5, ?5, ?6, ?7)");
     insert.BindBlob(1, HashOf(identifier)).Bind(2, account.uid).Bind(3, TextOf(state)).Bind(4, BootId());
     insert.Bind(5, now).Bind(6, secondStep ? 1 : 0).Bind(7, confirmedNow ? now : 0).Run();
+    std::optional<AuditedGrant> audited;
+    if (state == SessionState::Live) {
+        audited.emplace(AuditEvent::SignIn, account, ProofText(secondStep, confirmedNow));
+    }
     transaction.Commit();
+    if (audited) {
+        audited->Committed();
+    }
     return identifier;
 }
 
@@ -230,7 +252,7 @@ std::optional<Session> FindSession(std::string_view identifier)
         return std::nullopt;
     }
     std::optional<Account> account = FindAccount(row->account);
-    if (!account) {
+    if (!account || account->disabled) {
         return std::nullopt;
     }
     Renew(session.id, *row, limits, now);
@@ -248,15 +270,60 @@ void EndSession(const Session& session)
     SigninDatabase().Prepare("DELETE FROM session WHERE id = ?1").BindBlob(1, session.id).Run();
 }
 
-void EndSessionsOf(uint32_t account)
+int64_t EndSessionsOf(uint32_t account)
 {
-    SigninDatabase().Prepare("DELETE FROM session WHERE account = ?1").Bind(1, account).Run();
+    Database& db = SigninDatabase();
+    db.Prepare("DELETE FROM session WHERE account = ?1").Bind(1, account).Run();
+    return db.Changes();
 }
 
 void EndOtherSessionsOf(uint32_t account, std::string_view keptIdentifier)
 {
     Statement end = SigninDatabase().Prepare("DELETE FROM session WHERE account = ?1 AND id <> ?2");
     end.Bind(1, account).BindBlob(2, HashOf(keptIdentifier)).Run();
+}
+
+std::vector<ListedSession> ListSessions(std::optional<uint32_t> account)
+{
+    const Limits limits;
+    const int64_t now = BootSeconds();
+    std::vector<ListedSession> sessions;
+    Statement list = SigninDatabase().Prepare(
+        "SELECT account, state, opened, seen, second_step, confirmed, id FROM session"
+        " WHERE boot = ?1 AND (?2 IS NULL OR account = ?2) ORDER BY account, opened");
+    list.Bind(1, BootId());
+    account ? list.Bind(2, int64_t{*account}) : list.BindNull(2);
+    while (list.Step()) {
+        const Row row = RowOf(list);
+        const int64_t left = SecondsLeft(row, limits, now);
+        std::optional<Account> owner = left > 0 ? FindAccount(row.account) : std::nullopt;
+        if (owner && !owner->disabled) {
+            sessions.push_back({Hex(list.Text(6).substr(0, kHandleBytes)), std::move(*owner), row.state,
+                                row.secondStep, now - row.opened, now - row.seen, left});
+        }
+    }
+    return sessions;
+}
+
+std::optional<Account> EndSessionByHandle(std::string_view handle)
+{
+    unsigned char first[kHandleBytes] = {};
+    size_t size = 0;
+    if (sodium_hex2bin(first, sizeof first, handle.data(), handle.size(), nullptr, &size, nullptr) != 0 ||
+        size != sizeof first) {
+        return std::nullopt;
+    }
+    const std::string least(reinterpret_cast<const char*>(first), sizeof first);
+    Statement end = SigninDatabase().Prepare(
+        "DELETE FROM session WHERE id >= ?1 AND id <= ?2 AND boot = ?3 RETURNING account");
+    end.BindBlob(1, least).BindBlob(2, least + std::string(crypto_generichash_BYTES, '\xff'));
+    end.Bind(3, BootId());
+    if (!end.Step()) {
+        return std::nullopt;
+    }
+    const auto account = static_cast<uint32_t>(end.Int(0));
+    end.Run();
+    return FindAccount(account);
 }
 
 std::string TokenOf(std::string_view identifier)

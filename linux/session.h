@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tavr
 {
@@ -41,13 +42,26 @@ Grant OpenSession(const Account& account); // on Opened: CurrentRequest().newSid
 std::string OpenPending(const Account& account, SessionState state);
 
 // The session that an identifier stands for, its idle time renewed; empty when there is none, it has ended,
-// or its account is gone. Throws DatabaseError. The renewal is written once in a tenth of the idle time (a
-// minute at most), so a session may end that much early and never late.
+// or its account is gone or disabled. Throws DatabaseError. The renewal is written once in a tenth of the
+// idle time (a minute at most), so a session may end that much early and never late.
 std::optional<Session> FindSession(std::string_view identifier);
 
 void EndSession(const Session& session); // throws DatabaseError
-void EndSessionsOf(uint32_t account);    // live and half ones; throws DatabaseError
+int64_t EndSessionsOf(uint32_t account); // live and half ones, gives how many rows; throws DatabaseError
 void EndOtherSessionsOf(uint32_t account, std::string_view keptIdentifier); // throws DatabaseError
+
+// For the console: sessions that have not ended, by handles that are of no use to a browser.
+struct ListedSession {
+    std::string handle; // 16 lower-case hexadecimal digits
+    Account account;
+    SessionState state = SessionState::Live;
+    bool secondStep = false;
+    int64_t age = 0; // seconds since it was opened
+    int64_t idle = 0;
+    int64_t expiresIn = 0;
+};
+std::vector<ListedSession> ListSessions(std::optional<uint32_t> account); // empty: all; throws DatabaseError
+std::optional<Account> EndSessionByHandle(std::string_view handle); // whose it was; throws DatabaseError
 
 // The request token that belongs to an identifier: derived from it, so that it need not be kept.
 std::string TokenOf(std::string_view identifier);
