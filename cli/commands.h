@@ -22,6 +22,8 @@ void SetUser(const std::string& typedName, const UserTexts& texts);
 void SetUserPassword(const std::string& typedName); // from standard input
 void ListUsers();
 void RemoveUser(const std::string& typedName);
+void DisableUser(const std::string& typedName);
+void EnableUser(const std::string& typedName);
 
 // group_commands.cpp
 void AddGroupCommand(const std::string& typedName, const std::string& description);
@@ -32,5 +34,19 @@ void LeaveGroupCommand(const std::string& typedGroup, const std::string& typedUs
 
 // otp_commands.cpp
 void ShowOtpStatus(const std::string& typedName);
+void ResetOtp(const std::string& typedName);
+
+// session_commands.cpp
+void ListSessionsCommand(const std::string& typedName); // empty: of all users
+void EndSessionsCommand(const std::string& typedName);
+void EndSessionCommand(const std::string& handle);
+
+// audit_command.cpp
+struct AuditChoice {
+    std::string account; // as typed; empty: all
+    std::string since;   // as typed; empty: from the beginning
+    bool follow = false;
+};
+void ShowAudit(const AuditChoice& choice);
 
 } // namespace tavr::console

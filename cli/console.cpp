@@ -17,6 +17,7 @@ namespace
 {
 
 bool jsonAnswers = false;
+bool assumeYes = false;
 
 void Print(const std::string& text)
 {
@@ -122,6 +123,24 @@ void JsonList::End()
 }
 
 // --- Reading ---
+
+void AssumeYes(bool yes)
+{
+    assumeYes = yes;
+}
+
+void Confirm(const std::string& question)
+{
+    if (assumeYes || isatty(STDIN_FILENO) == 0) {
+        return;
+    }
+    std::fprintf(stderr, "%s [y/N] ", question.c_str());
+    char answer[16] = {};
+    if (std::fgets(answer, sizeof answer, stdin) == nullptr ||
+        (std::string_view(answer) != "y\n" && std::string_view(answer) != "yes\n")) {
+        throw Failure(Exit::Failed, "not_confirmed", "nothing was changed");
+    }
+}
 
 Password::Password()
 {

@@ -63,6 +63,12 @@ private:
 
 // --- Reading ---
 
+// Set once, before any command runs: whether questions count as answered with yes.
+void AssumeYes(bool yes);
+
+// Asks before what cannot be undone, if somebody sits at a terminal. Throws Failure unless the answer is yes.
+void Confirm(const std::string& question);
+
 // Standard input up to its end, less one line feed at the end; wiped at the end of the scope. A terminal does
 // not show what is typed.
 class Password

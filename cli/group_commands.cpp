@@ -1,5 +1,7 @@
 #include "cli/commands.h"
 #include "cli/console.h"
+#include "linux/audit.h"
+#include "linux/session.h"
 
 namespace tavr::console
 {
@@ -29,6 +31,15 @@ void AnswerMembership(const Account& account, const Group& group)
     answer["group"] = group.name;
     answer["user"] = account.name;
     Answer(std::move(answer));
+}
+
+// Other rights want a new session.
+void EndSessionsOfOtherRights(const Account& account, const Group& group)
+{
+    if (group.name == kAdministrators) {
+        EndSessionsOf(account.uid);
+        Audit(AuditEvent::SessionsEnded, account, "rights");
+    }
 }
 
 std::string Joined(const std::vector<std::string>& names)
@@ -96,8 +107,11 @@ void JoinGroupCommand(const std::string& typedGroup, const std::string& typedUse
 {
     const Group group = ExistingGroup(typedGroup);
     const Account account = ExistingAccount(typedUser);
-    Say(JoinGroup(account, group) ? "user " + account.name + " joined " + group.name
-                                  : "user " + account.name + " is in " + group.name + " already");
+    const bool joined = JoinGroup(account, group);
+    if (joined) {
+        EndSessionsOfOtherRights(account, group);
+    }
+    Say("user " + account.name + (joined ? " joined " + group.name : " is in " + group.name + " already"));
     AnswerMembership(account, group);
 }
 
@@ -112,6 +126,7 @@ void LeaveGroupCommand(const std::string& typedGroup, const std::string& typedUs
     if (!LeaveGroup(account, group)) {
         throw Failure(Exit::NotFound, "no_member", "user " + account.name + " is not in " + group.name);
     }
+    EndSessionsOfOtherRights(account, group);
     Say("user " + account.name + " left " + group.name);
     AnswerMembership(account, group);
 }

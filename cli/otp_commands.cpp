@@ -1,6 +1,8 @@
 #include "cli/commands.h"
 #include "cli/console.h"
+#include "linux/audit.h"
 #include "linux/enrolment.h"
+#include "linux/session.h"
 
 namespace tavr::console
 {
@@ -24,6 +26,29 @@ void ShowOtpStatus(const std::string& typedName)
     if (enrolled) {
         answer["codes_left"] = state.codesLeft;
     }
+    Answer(std::move(answer));
+}
+
+// Marked first: whoever asks after a cut try finishes it.
+void ResetOtp(const std::string& typedName)
+{
+    const Account account = ExistingAccount(typedName);
+    Confirm("Remove the second step of " + account.name + "? The user has to enrol anew.");
+    MarkSwitchingOff(account.uid);
+    const int64_t sessions = EndSessionsOf(account.uid);
+    const EnrolmentState state = Settle(account);
+    Audit(AuditEvent::Reset, account);
+    if (state.enrolment != Enrolment::No) {
+        throw Failure(Exit::Failed, "otp_unavailable",
+                      account.name +
+                          " is marked and its sessions have ended, but the secret is not removed yet: " +
+                          FaultText(state.fault));
+    }
+    Say("removed the second step of " + account.name + " and ended its sessions");
+    Json::Value answer;
+    answer["user"] = account.name;
+    answer["uid"] = account.uid;
+    answer["sessions_ended"] = Json::Int64{sessions};
     Answer(std::move(answer));
 }
 

@@ -2,15 +2,18 @@
 // root as the saved one, so that databases and files belong to the service whatever a command does.
 #include "cli/commands.h"
 #include "cli/console.h"
+#include "linux/audit.h"
 #include "linux/database.h"
 #include "linux/machine_key.h"
 #include "linux/paths.h"
+#include "linux/request.h"
 
 #include <CLI/CLI.hpp>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -42,12 +45,26 @@ void TakeServiceIds()
         return;
     }
     if (geteuid() != 0) {
+        tavr::Audit(tavr::AuditEvent::PrivilegeFailed, std::string_view(), "not-root");
         throw Failure(Exit::NotAllowed, "not_root",
                       std::string("must be run by root or by ") + tavr::kServiceUser);
     }
     // Groups while root, group before user.
     if (setgroups(0, nullptr) != 0 || setresgid(gid, gid, 0) != 0 || setresuid(uid, uid, 0) != 0) {
         throw Failure(Exit::Failed, "ids", std::string("cannot take the ids of ") + tavr::kServiceUser);
+    }
+}
+
+// Of commands that change what others may do, or tell what they did. The service's own user has no root
+// behind its ids.
+void RequireRoot()
+{
+    uid_t real = 0;
+    uid_t effective = 0;
+    uid_t saved = 0;
+    if (getresuid(&real, &effective, &saved) != 0 || saved != 0) {
+        tavr::Audit(tavr::AuditEvent::PrivilegeFailed, std::string_view(), "not-root");
+        throw Failure(Exit::NotAllowed, "not_root", "must be run by root");
     }
 }
 
@@ -58,6 +75,10 @@ struct Words {
     std::string second;
     std::string mail;
     std::string description;
+    std::string handle;
+    tavr::console::AuditChoice audit;
+    bool rootOnly = false;
+    bool yes = false;
     bool isAdmin = false;
     bool passwordStdin = false;
 };
@@ -65,6 +86,11 @@ struct Words {
 CLI::Option* AddName(CLI::App* command, Words& words, const char* what = "name of the user")
 {
     return command->add_option("NAME", words.name, what)->required();
+}
+
+void AddYes(CLI::App* command, Words& words)
+{
+    command->add_flag("--yes", words.yes, "do not ask");
 }
 
 void AddPassword(CLI::App* command, Words& words)
@@ -127,7 +153,23 @@ void DefineUserCommands(CLI::App& program, Words& words)
     CLI::App* remove =
         user->add_subcommand("remove", "remove a user and its preference directory")->fallthrough();
     AddName(remove, words);
+    AddYes(remove, words);
     remove->callback([&words] { words.command = [&words] { tavr::console::RemoveUser(words.name); }; });
+
+    CLI::App* disable =
+        user->add_subcommand("disable", "let a user not sign in, end the sessions")->fallthrough();
+    AddName(disable, words);
+    disable->callback([&words] {
+        words.rootOnly = true;
+        words.command = [&words] { tavr::console::DisableUser(words.name); };
+    });
+
+    CLI::App* enable = user->add_subcommand("enable", "let a disabled user sign in again")->fallthrough();
+    AddName(enable, words);
+    enable->callback([&words] {
+        words.rootOnly = true;
+        words.command = [&words] { tavr::console::EnableUser(words.name); };
+    });
 }
 
 void DefineGroupCommands(CLI::App& program, Words& words)
@@ -172,6 +214,52 @@ void DefineOtpCommands(CLI::App& program, Words& words)
     CLI::App* status = otp->add_subcommand("status", "tell whether a user is enrolled")->fallthrough();
     AddName(status, words);
     status->callback([&words] { words.command = [&words] { tavr::console::ShowOtpStatus(words.name); }; });
+
+    CLI::App* reset =
+        otp->add_subcommand("reset", "remove a user's second step, end the sessions")->fallthrough();
+    AddName(reset, words);
+    AddYes(reset, words);
+    reset->callback([&words] {
+        words.rootOnly = true;
+        words.command = [&words] { tavr::console::ResetOtp(words.name); };
+    });
+}
+
+void DefineSessionCommands(CLI::App& program, Words& words)
+{
+    CLI::App* session =
+        program.add_subcommand("session", "sessions of users")->require_subcommand(1)->fallthrough();
+
+    CLI::App* list = session->add_subcommand("list", "list the sessions of a user or of all")->fallthrough();
+    list->add_option("NAME", words.name, "name of the user");
+    list->callback([&words] {
+        words.rootOnly = true;
+        words.command = [&words] { tavr::console::ListSessionsCommand(words.name); };
+    });
+
+    CLI::App* end = session->add_subcommand("end", "end a user's sessions, or one")->fallthrough();
+    CLI::Option* name = end->add_option("NAME", words.name, "name of the user");
+    end->add_option("--id", words.handle, "the session, as listed")->type_name("ID")->excludes(name);
+    end->require_option(1);
+    end->callback([&words] {
+        words.rootOnly = true;
+        words.command = [&words] {
+            words.handle.empty() ? tavr::console::EndSessionsCommand(words.name)
+                                 : tavr::console::EndSessionCommand(words.handle);
+        };
+    });
+}
+
+void DefineAuditCommand(CLI::App& program, Words& words)
+{
+    CLI::App* audit = program.add_subcommand("audit", "show sign-ins, refusals and changes")->fallthrough();
+    audit->add_option("--account", words.audit.account, "of this name only")->type_name("NAME");
+    audit->add_option("--since", words.audit.since, "from this time on")->type_name("TIME");
+    audit->add_flag("--follow", words.audit.follow, "go on with new ones as they come");
+    audit->callback([&words] {
+        words.rootOnly = true;
+        words.command = [&words] { tavr::console::ShowAudit(words.audit); };
+    });
 }
 
 // The command line, last word first, as the parser takes it. It knows no empty value behind "=".
@@ -192,7 +280,8 @@ std::vector<std::string> WordsOf(int argc, char** argv)
 
 int Run(int argc, char** argv)
 {
-    CLI::App program("Console of two-step sign-in: set-up, users, groups, status", "tavrctl");
+    CLI::App program("Console of two-step sign-in: set-up, users, groups, second step, sessions, audit",
+                     "tavrctl");
     Words words;
     program.require_subcommand(1);
     program.set_help_flag("--help", "show this help and exit");
@@ -206,6 +295,8 @@ int Run(int argc, char** argv)
     DefineUserCommands(program, words);
     DefineGroupCommands(program, words);
     DefineOtpCommands(program, words);
+    DefineSessionCommands(program, words);
+    DefineAuditCommand(program, words);
     // Before the line is read, so that its errors are told in JSON too.
     tavr::console::UseJson(std::find(argv, argv + argc, std::string_view("--json")) != argv + argc);
     try {
@@ -216,7 +307,11 @@ int Run(int argc, char** argv)
     } catch (const CLI::ParseError& error) {
         throw Failure(Exit::Usage, "usage", std::string(error.what()) + " (see tavrctl --help)");
     }
+    tavr::console::AssumeYes(words.yes);
     TakeServiceIds();
+    if (words.rootOnly) {
+        RequireRoot();
+    }
     words.command();
     return tavr::console::Finish();
 }
@@ -228,6 +323,9 @@ int main(int argc, char** argv)
     const rlimit noCore{0, 0};
     setrlimit(RLIMIT_CORE, &noCore);
     umask(077);
+    openlog("tavrctl", LOG_PID, LOG_USER);
+    tavr::StartRequest();
+    tavr::CurrentRequest().clientAddress = "console";
     try {
         return Run(argc, argv);
     } catch (const Failure& failure) {

@@ -1,5 +1,6 @@
 #include "cli/commands.h"
 #include "cli/console.h"
+#include "linux/audit.h"
 #include "linux/enrolment.h"
 #include "linux/session.h"
 #include "linux/vault.h"
@@ -41,6 +42,7 @@ Json::Value ToJson(const Account& account)
     entry["description"] = account.description;
     entry["mail"] = account.mail;
     entry["is_admin"] = account.isAdmin;
+    entry["disabled"] = account.disabled;
     return entry;
 }
 
@@ -51,15 +53,20 @@ void AnswerAccount(const Account& account)
     Answer(std::move(answer));
 }
 
-// What the sign-in database still has of an account that is gone. Dead already: its number stands for nobody.
-void ForgetSignin(uint32_t uid)
+// Ends what the sign-in database has of the account: sessions, then the secret with its file. A file that
+// cannot be removed stays dead, as the vault knows none of its references any more.
+void RetireSignin(const Account& account)
 {
-    EndSessionsOf(uid);
-    const AccountLock lock(uid);
+    MarkSwitchingOff(account.uid);
+    EndSessionsOf(account.uid);
+    if (Settle(account).enrolment == Enrolment::No) {
+        return;
+    }
+    const AccountLock lock(account.uid);
     if (!lock.Held()) {
         throw DatabaseError(0, "the account's lock cannot be had");
     }
-    FinishSwitchingOff(uid);
+    FinishSwitchingOff(account.uid);
 }
 
 } // namespace
@@ -77,6 +84,7 @@ void AddUser(const std::string& typedName, const UserTexts& texts, bool isAdmin)
     if (!added) {
         throw Failure(Exit::Exists, "user_exists", "there is a user " + account.name + " already");
     }
+    Audit(AuditEvent::AccountAdded, *added);
     Say("added user " + added->name + " with number " + std::to_string(added->uid) +
         (isAdmin ? ", an administrator" : ""));
     AnswerAccount(*added);
@@ -92,6 +100,9 @@ void SetUser(const std::string& typedName, const UserTexts& texts)
     if (!ChangeAccount(account.uid, {texts.description, texts.mail})) {
         throw Failure(Exit::NotFound, "no_such_user", account.name + " has just been removed");
     }
+    if (texts.mail) {
+        Audit(AuditEvent::AddressChanged, account);
+    }
     Say("changed user " + account.name);
     AnswerAccount(ExistingAccount(account.name));
 }
@@ -104,6 +115,7 @@ void SetUserPassword(const std::string& typedName)
         throw Failure(Exit::NotFound, "no_such_user", account.name + " has just been removed");
     }
     EndSessionsOf(account.uid);
+    Audit(AuditEvent::PasswordChanged, account);
     Say("changed the password of " + account.name + " and ended its sessions");
     AnswerAccount(account);
 }
@@ -118,25 +130,56 @@ void ListUsers()
     }
     ForEachAccount([](const Account& account) {
         Say(std::to_string(account.uid) + '\t' + account.name + '\t' +
-            (account.isAdmin ? "administrator" : "-") + '\t' + (account.mail.empty() ? "-" : account.mail) +
-            '\t' + account.description);
+            (account.isAdmin ? "administrator" : "-") + (account.disabled ? ",disabled" : "") + '\t' +
+            (account.mail.empty() ? "-" : account.mail) + '\t' + account.description);
     });
 }
 
+// Disabled first: a removal that is cut short anywhere leaves an account that nobody can use, not one without
+// its second step, and removing it again goes on from there.
 void RemoveUser(const std::string& typedName)
 {
     const Account account = ExistingAccount(typedName);
+    Confirm("Remove user " + account.name + " with secret and preference directory?");
+    SetDisabled(account.uid, true);
+    RetireSignin(account);
     const Removal removal = RemoveAccount(account.uid);
     if (!removal.removed) {
         throw Failure(Exit::NotFound, "no_such_user", account.name + " has just been removed");
     }
-    ForgetSignin(account.uid);
+    EndSessionsOf(account.uid); // of a sign-in that was under way
+    Audit(AuditEvent::AccountRemoved, account);
     if (!removal.cleaned) {
         throw Failure(Exit::Failed, "not_cleaned",
                       "removed user " + account.name + ", but its preference directory could not be deleted");
     }
     Say("removed user " + account.name);
     AnswerAccount(account);
+}
+
+// Sessions are ended on both ways: one that was opened by a sign-in under way must not wake up later.
+void DisableUser(const std::string& typedName)
+{
+    const Account account = ExistingAccount(typedName);
+    if (!SetDisabled(account.uid, true)) {
+        throw Failure(Exit::NotFound, "no_such_user", account.name + " has just been removed");
+    }
+    EndSessionsOf(account.uid);
+    Audit(AuditEvent::AccountDisabled, account);
+    Say("disabled user " + account.name + " and ended its sessions");
+    AnswerAccount(ExistingAccount(account.name));
+}
+
+void EnableUser(const std::string& typedName)
+{
+    const Account account = ExistingAccount(typedName);
+    EndSessionsOf(account.uid);
+    if (!SetDisabled(account.uid, false)) {
+        throw Failure(Exit::NotFound, "no_such_user", account.name + " has just been removed");
+    }
+    Audit(AuditEvent::AccountEnabled, account);
+    Say("enabled user " + account.name);
+    AnswerAccount(ExistingAccount(account.name));
 }
 
 } // namespace tavr::console

@@ -75,7 +75,7 @@ is 0 '*made /usr/tavr/etc/preference*' tavrctl setup
 # --- Users ---
 is 0 'added user alice with number 1026, an administrator' \
     tavrctl user add ' Alice ' --admin --mail alice@home.example --desc 'Alice "A."' --password-stdin <<<'pass one'
-is 0 '{"success":true,"user":{"description":"","gid":65537,"is_admin":false,"mail":"","name":"bob","uid":1027}}' \
+is 0 '{"success":true,"user":{"description":"","disabled":false,"gid":65537,"is_admin":false,"mail":"","name":"bob","uid":1027}}' \
     tavrctl --json user add bob --password-stdin < <(printf 'no line feed')
 ! grep -aqr 'pass one' /var/lib/tavr || fail "a password in the clear"
 is 5 'tavrctl: there is a user alice already' tavrctl user add ALICE --password-stdin <<<x
@@ -153,6 +153,89 @@ chown -R tavr-web:tavr-web /usr/tavr/etc/preference/alice
 is 1 '*cannot be told*' tavrctl otp status alice
 is 1 '*"err":"otp_unavailable"*' tavrctl otp status alice --json
 
+is 1 '*the secret is not removed yet*' bash -c 'chmod 777 /usr/tavr/etc/preference/alice; tavrctl otp reset alice'
+chmod 700 /usr/tavr/etc/preference/alice
+is 0 'alice: not enrolled' tavrctl otp status alice   # goes on where the reset was cut
+is 2 '*' ls /usr/tavr/etc/preference/alice/otp_secret
+is 0 'removed the second step of alice and ended its sessions' tavrctl otp reset Alice
+is 0 '{"sessions_ended":0,"success":true,"uid":1026,"user":"alice"}' tavrctl otp reset alice --json --yes
+is 3 '*no user carol' tavrctl otp reset carol
+
+# --- Disabled users ---
+is 0 'disabled user bob and ended its sessions' tavrctl user disable Bob
+is 0 $'*1029\tbob\tadministrator,disabled\t*' tavrctl user list
+is 0 '*"disabled":true*' tavrctl user disable bob --json
+is 0 'enabled user bob' tavrctl user enable bob
+is 0 '*"disabled":false*' tavrctl user enable bob --json
+is 3 '*no user carol' tavrctl user disable carol
+is 3 '*no user carol' tavrctl user enable carol
+
+# --- Sessions: those of real sign-ins are in tests/flow/console_test.mjs ---
+is 0 '' tavrctl session list
+is 0 '' tavrctl session list alice
+is 0 '{"sessions":\[*\],"success":true}' tavrctl session list --json
+is 3 '*no user carol' tavrctl session list carol
+is 0 'ended the sessions of alice: 0' tavrctl session end alice
+is 0 '{"sessions_ended":0,"success":true,"user":"alice"}' tavrctl session end alice --json
+for id in 0123456789abcdef 0123456789ABCDEF 0123 zz '*' "$(head -c 500 /dev/zero | tr '\0' a)"; do
+    is 3 'tavrctl: there is no such session' tavrctl session end --id "$id"
+done
+is 2 '*' tavrctl session end
+is 2 '*' tavrctl session end alice --id 0123456789abcdef
+
+# --- Audit ---
+stamp='20[0-9][0-9]-[0-9][0-9]-[0-9][0-9]T[0-9][0-9]:[0-9][0-9]:[0-9][0-9]Z'
+audited() { tavrctl audit --account "$1" | cut -f 2- | tail -n "$2"; }
+is 0 "$stamp"$'\taccount\tadded\tconsole\t-\talice\n*' tavrctl audit
+is 0 $'account\tdisabled\tconsole\t-\tbob\naccount\tenabled\tconsole\t-\tbob\naccount\tenabled\tconsole\t-\tbob' audited ' BOB ' 3
+is 0 $'reset\tdone\tconsole\t-\talice\nsession\tended\tconsole\tall\talice\nsession\tended\tconsole\tall\talice' audited alice 3
+is 0 $'account\tadded\tconsole\t-\t-rf\naccount\tremoved\tconsole\t-\t-rf' audited -rf 2
+is 0 $'*recovery-address\tchanged\tconsole\t-\tbob\n*' audited bob 99
+is 0 '*"account":"alice","address":"console","detail":"-","event":"account","id":1,"outcome":"added","time":"20*Z","uid":1026*"success":true}' \
+    tavrctl audit --json
+is 0 '' tavrctl audit --account nobody
+is 0 '' tavrctl audit --since 2100-01-01
+is 0 "$stamp"'*' tavrctl audit --since 1970-01-01T00:00:00Z
+is 0 "$stamp"'*' tavrctl audit --since 1h
+is 0 "$stamp"'*' tavrctl audit --since "$(date -u +%Y-%m-%d)"
+for time in '' yesterday 1 1y -1h 99999999999999999999h 2026-02-30 2026-13-01 2026-01-01T25:00 '2026-01-01 x' 20260101; do
+    [ -z "$time" ] || is 2 '*--since takes*' tavrctl audit "--since=$time"
+done
+! tavrctl audit --json | grep -q 'pass one\|home.example' || fail "a secret or an address in the audit"
+
+tavrctl audit --follow --account bob >/tmp/followed &
+follower=$!
+tavrctl audit --follow --json >/tmp/followed.json &
+json_follower=$!
+waits() {   # FILE PATTERN: until a line of the file matches
+    for _ in $(seq 100); do
+        if grep -q "$2" "$1"; then return; fi
+        sleep 0.1
+    done
+    fail "$2 did not come to $1: $(tail -n 3 "$1")"
+}
+waits /tmp/followed 'account.added'
+waits /tmp/followed.json '"event":"session"'
+before=$(wc -l </tmp/followed)
+is 0 'ended the sessions of bob: 0' tavrctl session end bob
+is 0 'ended the sessions of alice: 0' tavrctl session end alice
+waits /tmp/followed $'session\tended\tconsole\tall\tbob'
+waits /tmp/followed.json '^{"account":"bob".*"event":"session".*}$'
+[ "$(wc -l </tmp/followed)" = $((before + 1)) ] || fail "following bob shows more than bob: $(cat /tmp/followed)"
+kill "$follower" "$json_follower"
+wait "$follower" "$json_follower" 2>/dev/null
+is 1 '*cannot write to standard output*' timeout 20 bash -c 'tavrctl audit --follow >/dev/full'
+
+# --- Questions, on a terminal ---
+is 0 'added user eve with number 103*' tavrctl user add eve --password-stdin <<<x
+on_terminal() {   # ANSWER COMMAND
+    printf '%s\n' "$1" | script -qec "$2" /dev/null
+}
+is 1 '*Remove user eve*nothing was changed*' on_terminal n 'tavrctl user remove eve'
+is 1 '*nothing was changed*' on_terminal '' 'tavrctl otp reset eve'
+is 0 '*removed the second step of eve*' on_terminal y 'tavrctl otp reset eve'
+is 0 '*removed user eve*' on_terminal x 'tavrctl user remove eve --yes'
+
 # --- Use ---
 is 2 '*' tavrctl
 is 2 '*' tavrctl user
@@ -168,6 +251,11 @@ as() { setpriv --reuid "$1" --regid "$1" --clear-groups "${@:2}"; }
 is 0 $'1026\talice*' as 64217 tavrctl user list
 is 4 '*must be run by root' as 64217 tavrctl setup
 is 4 '*must be run by root or by tavr-web' as 1000 tavrctl user list
+for command in audit 'otp reset bob' 'session list' 'session end bob' 'session end --id 0123456789abcdef' 'user disable bob' 'user enable bob'; do
+    # shellcheck disable=SC2086   # words
+    is 4 'tavrctl: must be run by root' as 64217 tavrctl $command
+done
+is 0 $'*privilege\tfailed\tconsole\tnot-root\t-' tavrctl audit
 is 0 'Usage*' as 1000 bash -c 'tavrctl --help | grep Usage'
 while read -r file; do
     [[ $file == *.lock ]] || owned tavr-web:tavr-web 600 "$file"
