@@ -58,6 +58,14 @@ test("no folder is listed and nothing outside is served", async () => {
   }
 });
 
+test("a folder without a page is refused, not listed", async () => {
+  for (const path of ["/shared/", "/shared/messages/"]) {
+    const answer = await send(server.url, "GET", path);
+    assert.ok([403, 404].includes(answer.status), `${path} ${answer.status}`);
+    assert.doesNotMatch(answer.text, /\.js|enu/, path);
+  }
+});
+
 test("the interface is not reached by another spelling of its path", async () => {
   for (const path of ["/api", "/API/session", "/api/../api/session", "/./api/session", "/%61pi/session"]) {
     const answer = await send(server.url, "GET", path);
