@@ -22,6 +22,12 @@ namespace
 // holds a fault.
 std::optional<Account> TestPassword(const char* user, const char* password)
 {
+    if (!CanonicalName(user)) {
+        // Not for the library, which logs such a name as it stands. It costs the work of a wrong password
+        // too.
+        CheckPassword({}, password);
+        return std::nullopt;
+    }
     const Request& request = CurrentRequest();
     OTPWizardHandler handler;
     const bool accepted = handler.AuthUserAccount(user, password, false, true);
@@ -29,10 +35,7 @@ std::optional<Account> TestPassword(const char* user, const char* password)
         return FindAccount(*request.passwordOf);
     }
     if (!request.passwordCompared && request.fault == Fault::None) {
-        if (CanonicalName(user)) {
-            throw std::runtime_error("the password could not be compared");
-        }
-        CheckPassword({}, password); // what can be no name costs the work of a wrong password too
+        throw std::runtime_error("the password could not be compared");
     }
     return std::nullopt;
 }

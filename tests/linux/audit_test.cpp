@@ -275,7 +275,7 @@ std::string DocumentedPattern()
     std::ifstream manual(TAVR_SOURCE_DIR "/doc/audit.md");
     std::string found;
     for (std::string line; std::getline(manual, line);) {
-        if (line.starts_with("    audit: event=(")) {
+        if (line.starts_with("    ^[^[]*tavr-otp-web")) {
             found = line.substr(4);
         }
     }
@@ -322,12 +322,24 @@ TEST_F(AuditTrail, LetsNoNameBanSomebodyElse)
     for (const char* name : names) {
         SetUp();
         Audit(AuditEvent::PasswordRefused, name, "signin");
-        const std::string& line = Log()[0].text;
+        const std::string line = "Nov 21 06:00:00 nas tavr-otp-web[1]: " + Log()[0].text;
         EXPECT_EQ(std::string::npos, line.find('\n'));
         EXPECT_EQ(1, std::distance(std::sregex_iterator(line.begin(), line.end(), pattern), {})) << line;
         std::smatch match;
         ASSERT_TRUE(std::regex_search(line, match, pattern));
         EXPECT_EQ("203.0.113.7", match[3].str()) << line;
+    }
+}
+
+TEST_F(AuditTrail, FindsNothingInLinesThatQuoteAStranger)
+{
+    const std::regex pattern(DocumentedPattern(), std::regex::extended);
+    const std::string fake = "audit: event=password outcome=refused address=198.51.100.1 uid=-";
+    for (const std::string& line :
+         {"Nov 21 06:00:00 nas tavr-otp-web[1]: OTPWizardHandler.cpp:167 Failed to convert " + fake,
+          "Nov 21 06:00:00 nas tavr-otp-web[1]: said x tavr-otp-web[1]: " + fake,
+          "Nov 21 06:00:00 nas httpd[2]: GET /tavr-otp-web[1]: " + fake, fake}) {
+        EXPECT_FALSE(std::regex_search(line, pattern)) << line;
     }
 }
 
