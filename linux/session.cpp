@@ -159,13 +159,26 @@ const char* ProofText(bool secondStep, bool confirmedNow)
     return secondStep ? "code" : "password";
 }
 
-// A new row and the identifier that stands for it, durable when this returns.
+// Asked inside the transaction that opens a session: what the request knows of the account may be old by now.
+// Whoever enrols it ends its other sessions afterwards, so none that knows the password alone can stay.
+bool EnrolledSince(Database& db, const Account& account)
+{
+    Statement find =
+        db.Prepare("SELECT 1 FROM secret WHERE account = ?1 AND state IN ('confirmed', 'active')");
+    return find.Bind(1, account.uid).Step();
+}
+
+// A new row and the identifier that stands for it, durable when this returns. Empty for a live session
+// without second step whose account has one by now.
 std::string Open(const Account& account, SessionState state, bool secondStep, bool confirmedNow)
 {
     Database& db = SigninDatabase();
     const int64_t now = BootSeconds();
     const std::string identifier = NewIdentifier();
     Transaction transaction(db);
+    if (state == SessionState::Live && !secondStep && EnrolledSince(db, account)) {
+        return {};
+    }
     ClearOld(db, now);
     Statement insert =
         db.Prepare("INSERT INTO session (id, account, state, boot, opened, seen, second_step, confirmed)"
@@ -230,7 +243,7 @@ Grant OpenSession(const Account& account)
         NoteFault(Fault::StateUnavailable);
         return Grant::Fault;
     }
-    return Grant::Opened;
+    return request.newSid.empty() ? Grant::SecondStepMissing : Grant::Opened;
 }
 
 std::string OpenPending(const Account& account, SessionState state)

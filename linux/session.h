@@ -31,7 +31,9 @@ struct Session {
 
 // The rule, and the only place that opens sessions. Called by the platform's login after the password and by
 // the second step from a half sign-in. Opens a live session for `account` only if
-//   - the request's facts are about this account and it needs no second step (not enrolled, not demanded), or
+//   - the request's facts are about this account and it needs no second step (not enrolled, not demanded),
+//   and
+//     it has not been enrolled since, or
 //   - this very request has had the account's code accepted and the account settles as enrolled.
 bool SecondStepMissing(const Account& account); // by that rule, as far as this request knows
 enum class Grant { Opened, SecondStepMissing, Fault };

@@ -66,8 +66,12 @@ Answer HalfWay(const Call& call, const Account& account, SessionState state)
 
 Answer SignedIn(const Call& call, const Account& account)
 {
-    if (OpenSession(account) != Grant::Opened) {
-        return Unavailable(); // nothing is missing by the facts, so it was a fault
+    const Grant grant = OpenSession(account);
+    if (grant == Grant::SecondStepMissing) {
+        return HalfWay(call, account, SessionState::CodeRequired); // enrolled since the facts were learned
+    }
+    if (grant != Grant::Opened) {
+        return Unavailable();
     }
     const std::string& identifier = CurrentRequest().newSid;
     Answer answer = Success();

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <functional>
 
 using namespace tavr;
@@ -24,6 +26,7 @@ protected:
         ResetFake();
         SetClock(0, 0);
         SigninDatabase().Prepare("DELETE FROM session").Run();
+        SigninDatabase().Prepare("DELETE FROM secret").Run();
         StartRequest();
         mia = Fake().Add("mia", 1026, "right");
         leo = Fake().Add("leo", 1027, "right");
@@ -204,6 +207,31 @@ TEST_F(Sessions, RemembersAnAcceptedCodeAndAConfirmedEnrolment)
     EXPECT_NEAR(static_cast<double>(BootSeconds()), static_cast<double>(byWizard->confirmedBoot), 2);
 }
 
+TEST_F(Sessions, AreNotOpenedOnThePasswordAloneWhenTheAccountWasEnrolledSinceItWasLookedAt)
+{
+    const auto enter = [](const char* state) {
+        SigninDatabase().Prepare("DELETE FROM secret").Run();
+        SigninDatabase()
+            .Prepare("INSERT INTO secret (reference, account, sealed, state, made_boot, made)"
+                     " VALUES ('reference', 1026, x'00', ?1, '', 0)")
+            .Bind(1, state)
+            .Run();
+    };
+    for (const char* state : {"confirmed", "active"}) {
+        enter(state);
+        StartRequest();
+        CurrentRequest().facts = Request::Facts{1026, false, false};
+        EXPECT_EQ(Grant::SecondStepMissing, OpenSession(mia)) << state;
+        EXPECT_TRUE(CurrentRequest().newSid.empty()) << state;
+        EXPECT_EQ(0, Rows()) << state;
+        EXPECT_EQ(32U, OpenPending(mia, SessionState::CodeRequired).size()) << state;
+        SignIn(leo);
+        SigninDatabase().Prepare("DELETE FROM session").Run();
+    }
+    enter("waiting");
+    SignIn(mia);
+}
+
 TEST_F(Sessions, OpensNothingThatCannotBeStored)
 {
     sqlite3_exec(SigninDatabase().Handle(), "PRAGMA query_only=ON", nullptr, nullptr, nullptr);
@@ -319,6 +347,45 @@ TEST_F(Sessions, OldRowsGoWhenSessionsAreOpened)
     SetClock(0, kHour);
     SignIn(mia);
     EXPECT_EQ(1, Rows());
+}
+
+TEST_F(Sessions, PastOnesTakeNoRoomHoweverManyThereWere)
+{
+    constexpr int kInAnHour = 1000;
+    constexpr int kHours = 30;
+    sqlite3_exec(SigninDatabase().Handle(), "PRAGMA synchronous=OFF", nullptr, nullptr, nullptr);
+    int64_t most = 0;
+    for (int i = 0; i < kHours; ++i) {
+        SetClock(0, i * kHour);
+        for (int j = 0; j < kInAnHour; ++j) {
+            SignIn(mia);
+        }
+        most = std::max(most, Rows());
+    }
+    sqlite3_exec(SigninDatabase().Handle(), "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
+    EXPECT_LE(most, kInAnHour);
+    Statement size = SigninDatabase().Prepare("SELECT sum(pgsize) FROM dbstat WHERE name LIKE 'session%'");
+    ASSERT_TRUE(size.Step());
+    std::printf("%d sessions, at most %ld rows, %ld KiB\n", kInAnHour * kHours, static_cast<long>(most),
+                static_cast<long>(size.Int(0) / 1024));
+    EXPECT_LT(size.Int(0), 512 * 1024);
+}
+
+TEST_F(Sessions, AHeapOfOldRowsGoesInSmallPieces)
+{
+    SigninDatabase()
+        .Prepare("INSERT INTO session WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i "
+                 "< 20000)"
+                 " SELECT CAST(i AS BLOB), 1026, 'live', iif(i % 2, 'another', ?1), 0, 0, 0, 0 FROM n")
+        .Bind(1, BootId())
+        .Run();
+    SetClock(0, kHour);
+    SignIn(leo);
+    EXPECT_GT(Rows(), 19'000) << "one sign-in does not wait for all of them";
+    for (int i = 0; i < 110; ++i) {
+        SignIn(leo);
+    }
+    EXPECT_EQ(111, Rows());
 }
 
 TEST_F(Sessions, ALiveRowIsNeverClearedAway)
