@@ -2,7 +2,6 @@
 #include "cli/console.h"
 #include "linux/audit.h"
 #include "linux/enrolment.h"
-#include "linux/session.h"
 
 namespace tavr::console
 {
@@ -34,8 +33,7 @@ void ResetOtp(const std::string& typedName)
 {
     const Account account = ExistingAccount(typedName);
     Confirm("Remove the second step of " + account.name + "? The user has to enrol anew.");
-    MarkSwitchingOff(account.uid);
-    const int64_t sessions = EndSessionsOf(account.uid);
+    const int64_t sessions = MarkSwitchingOff(account.uid);
     const EnrolmentState state = Settle(account);
     Audit(AuditEvent::Reset, account);
     if (state.enrolment != Enrolment::No) {

@@ -7,6 +7,7 @@
 #include "linux/ids.h"
 #include "linux/names.h"
 #include "linux/paths.h"
+#include "linux/session.h"
 #include "linux/vault.h"
 
 #include <dirent.h>
@@ -139,6 +140,9 @@ EnrolmentState SettleLocked(const Account& account)
     if (IsSwitchingOff(account.uid)) {
         ClearPlace(preference);
         FinishSwitchingOff(account.uid);
+        if (CurrentRequest().codeOf == account.uid) {
+            CurrentRequest().codeOf.reset(); // of a secret that is no more: it proves nothing from here on
+        }
         return {Enrolment::No, Fault::None, 0};
     }
     const FoundFile found = ReadPlace(preference);
@@ -392,7 +396,7 @@ void ClearWaiting(Clear which)
     }
 }
 
-void MarkSwitchingOff(uint32_t account)
+int64_t MarkSwitchingOff(uint32_t account)
 {
     const EffectiveIds service = EffectiveIds::Service();
     RequireServiceIds(service);
@@ -400,7 +404,11 @@ void MarkSwitchingOff(uint32_t account)
     if (!lock.Held()) {
         throw DatabaseError(0, "the account's lock cannot be had");
     }
+    Transaction transaction(SigninDatabase());
     MarkAsSwitchingOff(account);
+    const int64_t ended = EndSessionsOf(account);
+    transaction.Commit();
+    return ended;
 }
 
 } // namespace tavr

@@ -72,8 +72,9 @@ void RetireWaiting(uint32_t account);
 enum class Clear { All, TooOld };
 void ClearWaiting(Clear which);
 
-// Switching off and reset: marks the account; the next Settle removes file and secrets, whoever asks it and
-// however often this was cut short. Throws DatabaseError.
-void MarkSwitchingOff(uint32_t account);
+// Switching off and reset: marks the account and ends its sessions and half sign-ins, both or neither; the
+// next Settle removes file and secrets, whoever asks it and however often this was cut short. Throws
+// DatabaseError.
+int64_t MarkSwitchingOff(uint32_t account); // how many ended
 
 } // namespace tavr

@@ -6,6 +6,7 @@
 #include "linux/ids.h"
 #include "linux/names.h"
 #include "linux/paths.h"
+#include "linux/session.h"
 #include "linux/vault.h"
 
 #include "tests/support/fresh_server.h"
@@ -207,6 +208,52 @@ TEST_F(Settling, SwitchingOffRemovesFileAndSecretsHoweverOftenItWasCut)
         EXPECT_EQ(Enrolment::No, Settle(alice).enrolment);
         MarkSwitchingOff(alice.uid);
         EXPECT_EQ(Enrolment::No, Settle(alice).enrolment);
+    });
+}
+
+TEST_F(Settling, SwitchingOffEndsTheSessionsWithTheMark)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        const Account bob = MakeAccount("bob");
+        MakeEnrolled(alice);
+        const std::string half = OpenPending(alice, SessionState::CodeRequired);
+        const std::string others = OpenPending(bob, SessionState::CodeRequired);
+        MarkSwitchingOff(alice.uid);
+        EXPECT_FALSE(FindSession(half));
+        EXPECT_TRUE(FindSession(others));
+    });
+}
+
+TEST_F(Settling, SwitchingOffIsNotMarkedWhenTheSessionsCannotBeEnded)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        MakeEnrolled(alice);
+        const std::string half = OpenPending(alice, SessionState::CodeRequired);
+        SigninDatabase()
+            .Prepare("CREATE TRIGGER kept BEFORE DELETE ON session BEGIN SELECT RAISE(FAIL, 'kept'); END")
+            .Run();
+        EXPECT_THROW(MarkSwitchingOff(alice.uid), DatabaseError);
+        EXPECT_EQ(Enrolment::Yes, Settle(alice).enrolment);
+        EXPECT_TRUE(FindSession(half));
+    });
+}
+
+TEST_F(Settling, ACodeOfASecretThatWasSwitchedOffProvesNothing)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        MakeEnrolled(alice);
+        StartRequest();
+        CurrentRequest().codeOf = alice.uid;
+        MarkSwitchingOff(alice.uid);
+        EXPECT_EQ(Enrolment::No, Settle(alice).enrolment);
+        EXPECT_FALSE(CurrentRequest().codeOf);
+        EXPECT_EQ(Grant::SecondStepMissing, OpenSession(alice)) << "until its facts are learned anew";
+        CurrentRequest().facts = Request::Facts{alice.uid, false, false};
+        EXPECT_EQ(Grant::Opened, OpenSession(alice));
+        EXPECT_FALSE(FindSession(CurrentRequest().newSid)->secondStep);
     });
 }
 
