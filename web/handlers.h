@@ -21,9 +21,11 @@ Answer SignOut(Call& call);
 
 // wizard.cpp
 Answer WizardQr(Call& call);
+Answer WizardRenew(Call& call);
 Answer WizardLabel(Call& call);
 Answer WizardConfirm(Call& call);
 Answer WizardMail(Call& call);
 Answer WizardStatus(Call& call);
+Answer WizardDisable(Call& call);
 
 } // namespace tavr::web

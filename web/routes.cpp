@@ -1,5 +1,4 @@
-#include "web/handlers.h"
-#include "web/route.h"
+#include "web/route_table.h"
 
 #include "linux/database.h"
 #include "linux/machine_key.h"
@@ -16,42 +15,6 @@ namespace tavr::web
 
 namespace
 {
-
-constexpr Member kUser = {"user", 256};
-constexpr Member kPassword = {"password", 1024};
-constexpr Member kCode = {"code", 64};
-constexpr Member kCodeIfEnrolled = {"code", 64, Form::Text, true};
-constexpr Member kAccountName = {"account_name", 64};
-constexpr Member kKey = {"key", 64, Form::Base32Key};
-constexpr Member kMail = {"mail", 254};
-
-constexpr Member kSignIn[] = {kUser, kPassword};
-constexpr Member kSignInCode[] = {kCode};
-constexpr Member kQr[] = {kPassword, kAccountName};
-constexpr Member kLabel[] = {kPassword, kKey, kAccountName};
-constexpr Member kConfirm[] = {kPassword, kCode};
-constexpr Member kSaveMail[] = {kPassword, kMail, kCodeIfEnrolled};
-
-constexpr unsigned kPending = kCodePending | kEnrolmentPending;
-constexpr unsigned kSetup = kSignedIn | kEnrolmentPending;
-constexpr bool kToken = true;
-constexpr bool kNoToken = false;
-constexpr const char* kNotSignedIn = nullptr;
-
-// Whatever does not stand here is refused.
-constexpr Route kRoutes[] = {
-    {"POST", "/api/signin", kNobody | kPending | kSignedIn, kNoToken, kNotSignedIn, kLargestBody, kSignIn,
-     SignIn},
-    {"POST", "/api/signin/code", kCodePending, kToken, "no_pending_signin", kLargestBody, kSignInCode,
-     SignInCode},
-    {"POST", "/api/signout", kPending | kSignedIn, kToken, kNotSignedIn, kLargestBody, {}, SignOut},
-    {"GET", "/api/session", kNobody | kPending | kSignedIn, kNoToken, kNotSignedIn, 0, {}, ShowSession},
-    {"POST", "/api/otp/qr", kSetup, kToken, kNotSignedIn, kLargestBody, kQr, WizardQr},
-    {"POST", "/api/otp/label", kSetup, kToken, kNotSignedIn, kLargestBody, kLabel, WizardLabel},
-    {"POST", "/api/otp/confirm", kSetup, kToken, kNotSignedIn, kLargestBody, kConfirm, WizardConfirm},
-    {"POST", "/api/otp/mail", kSetup, kToken, kNotSignedIn, kLargestBody, kSaveMail, WizardMail},
-    {"GET", "/api/otp/status", kSetup, kNoToken, kNotSignedIn, 0, {}, WizardStatus},
-};
 
 unsigned CallerOf(const Session& session)
 {

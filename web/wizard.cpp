@@ -8,6 +8,7 @@
 #include "linux/clock.h"
 #include "linux/paths.h"
 #include "linux/request.h"
+#include "linux/secret_file.h"
 #include "otp/OTPWizardHandler.h"
 #include "otp/OTPutils.h"
 
@@ -27,7 +28,8 @@ namespace
 {
 
 constexpr int64_t kMailWithoutCodeSeconds = 10 * 60; // after the confirmation, in the session that it opened
-constexpr size_t kPngLimit = 4096;                   // bytes of the picture that the library reads
+constexpr char kSampleKey[] = "AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA";
+constexpr size_t kPngLimit = 4096; // bytes of the picture that the library reads
 constexpr size_t kMailBuffer = 4096;
 
 // A step that has got past the password. A refusal ends it.
@@ -113,6 +115,18 @@ bool IsWholePng(const std::string& base64)
     return whole;
 }
 
+Answer OvertakenByAnotherPage() // which made a newer secret in between
+{
+    Answer busy = Refusal(503, "busy");
+    busy.headers.emplace_back("Retry-After", "1");
+    return busy;
+}
+
+struct WipedText {
+    std::string text;
+    ~WipedText() { sodium_memzero(text.data(), text.size()); }
+};
+
 // The answer to a step that draws a picture.
 Answer WithPicture(Json::Value response)
 {
@@ -121,6 +135,14 @@ Answer WithPicture(Json::Value response)
         return Refusal(400, "label_too_long");
     }
     return FromLibrary(std::move(response));
+}
+
+// `key` under a label, as the library answers it.
+Answer PictureOf(const std::string& key, const char* label)
+{
+    OTPWizardHandler handler;
+    handler.EditAccountName(key.c_str(), label);
+    return WithPicture(handler.GetResponse());
 }
 
 std::string WaitingReference(const Account& account)
@@ -144,16 +166,17 @@ std::optional<Answer> RefuseByVerifier(Json::Value& response)
     return RefuseCodeAnswer(*verdict);
 }
 
-// A new session has come in place of the one that asked, and of any that knew the password alone.
-void ChangeSessions(const Call& call, Answer& answer)
+// The session that this request opened goes out in place of the one that asked.
+void HandOutSession(const Call& call, Answer& answer)
 {
-    const std::string& sid = CurrentRequest().newSid;
-    if (sid.empty()) {
-        return;
-    }
-    EndOtherSessionsOf(call.session->account.uid, sid);
-    SetCookie(answer, call.request, "sid", sid);
+    SetCookie(answer, call.request, "sid", CurrentRequest().newSid);
     ClearCookie(answer, call.request, "pending");
+}
+
+// A secret whose code was accepted and that is still waiting has not replaced the former one.
+bool CameToItsPlace(const Account& account)
+{
+    return Settle(account).enrolment == Enrolment::Yes && !FindWaiting(account.uid);
 }
 
 bool MayConfirm(const Session& session)
@@ -242,11 +265,42 @@ Answer WizardQr(Call& call)
     }
     if (!enrolled && done && !ClaimWaiting(account.uid, call.session->id, response["key"].asString())) {
         Wipe(response);
-        Answer busy = Refusal(503, "busy"); // another page made a newer secret in between
-        busy.headers.emplace_back("Retry-After", "1");
-        return busy;
+        return OvertakenByAnotherPage();
     }
     return WithPicture(std::move(response));
+}
+
+// The library's page shows an enrolled account the secret that it has, so a new one is asked for here.
+Answer WizardRenew(Call& call)
+{
+    const char* const label = call.Text("account_name");
+    Step step;
+    Begin(step, call);
+    if (step.refusal) {
+        return std::move(*step.refusal);
+    }
+    if (std::optional<Answer> refusal = RefuseWithoutQrTool()) {
+        return std::move(*refusal);
+    }
+    // What else can be refused comes first: the code is good once.
+    if (Answer trial = PictureOf(kSampleKey, label); trial.body["success"] != true) {
+        return trial;
+    }
+    const Account& account = call.session->account;
+    if (std::optional<Answer> refusal = RefuseCode(account, call.Text("code"))) {
+        return std::move(*refusal);
+    }
+    std::string reference;
+    std::string path;
+    if (OTPUtils::CreateSecretKey(account.uid, reference, path) != 0) {
+        NoteFault(Fault::StateUnavailable);
+        return Unavailable();
+    }
+    const WipedText key{SecretText(account.uid, BareReference(reference))};
+    if (key.text.empty() || !ClaimWaiting(account.uid, call.session->id, key.text)) {
+        return OvertakenByAnotherPage();
+    }
+    return PictureOf(key.text, label);
 }
 
 Answer WizardLabel(Call& call)
@@ -258,8 +312,7 @@ Answer WizardLabel(Call& call)
     if (std::optional<Answer> refusal = RefuseWithoutQrTool()) {
         return std::move(*refusal);
     }
-    handler.EditAccountName(call.Text("key"), call.Text("account_name"));
-    return WithPicture(handler.GetResponse());
+    return PictureOf(call.Text("key"), call.Text("account_name"));
 }
 
 Answer WizardConfirm(Call& call)
@@ -290,13 +343,15 @@ Answer WizardConfirm(Call& call)
     if (std::optional<Answer> refusal = RefuseByVerifier(response)) {
         return std::move(*refusal);
     }
-    const bool accepted = CurrentRequest().codeOf == account.uid;
-    if (accepted && Settle(account).enrolment != Enrolment::Yes) {
+    if (CurrentRequest().codeOf == account.uid && !CameToItsPlace(account)) {
         NoteFault(Fault::SecretFile);
         return Unavailable();
     }
     Answer answer = FromLibrary(std::move(response));
-    ChangeSessions(call, answer);
+    if (const std::string& sid = CurrentRequest().newSid; !sid.empty()) {
+        EndOtherSessionsOf(account.uid, sid); // the one that asked, and any that knew the password alone
+        HandOutSession(call, answer);
+    }
     return answer;
 }
 
@@ -336,6 +391,45 @@ Answer WizardStatus(Call& call)
     }
     answer.body["mail_writable"] = account.kind != kKindLdap;
     answer.body["codes_left"] = state.codesLeft;
+    return answer;
+}
+
+Answer WizardDisable(Call& call)
+{
+    const Account& account = call.session->account;
+    OTPWizardHandler handler;
+    if (std::optional<Answer> refusal = RefusePassword(handler, call)) {
+        return std::move(*refusal);
+    }
+    // From here to the end, so that no confirmation comes in between.
+    const AccountLock lock(account.uid);
+    if (!lock.Held()) {
+        NoteFault(Fault::StateUnavailable);
+        return Unavailable();
+    }
+    const EnrolmentState before = LearnFacts(account);
+    if (before.enrolment == Enrolment::Fault) {
+        return Unavailable();
+    }
+    if (KnowsTooLittle(*call.session, before)) {
+        return Refusal(401, "not_signed_in");
+    }
+    if (CurrentRequest().facts->demanded) {
+        return Refusal(403, "otp_enforced");
+    }
+    if (std::optional<Answer> refusal = RefuseCode(account, call.Text("code"))) {
+        return std::move(*refusal);
+    }
+    MarkSwitchingOff(
+        account.uid); // its sessions have ended with this; the file goes when the account settles
+    if (LearnFacts(account).enrolment != Enrolment::No || OpenSession(account) != Grant::Opened) {
+        return Unavailable();
+    }
+    Audit(AuditEvent::SwitchedOff, account);
+    DropWaiting(account.uid);
+    Answer answer = Success();
+    answer.body["TavrToken"] = TokenOf(CurrentRequest().newSid);
+    HandOutSession(call, answer);
     return answer;
 }
 

@@ -5,6 +5,7 @@ import { spawnSync } from "node:child_process";
 import { chmodSync, existsSync, mkdirSync, readFileSync, readdirSync, renameSync, rmdirSync, rmSync, writeFileSync } from "node:fs";
 import { run, startServer } from "../support/server.mjs";
 import { signIn } from "./client.mjs";
+import { Wizard, enrol, signInWithCode } from "./wizard.mjs";
 
 const kNames = ["alice", "bob", "carol", "dora", "emil", "fred", "gina", "hugo", "ines", "jack", "kim", "lea", "max"];
 const kPreference = "/usr/tavr/etc/preference";
@@ -16,53 +17,6 @@ after(() => server?.stop());
 
 function assertRefused(answer, status, err, what = "") {
   assert.deepEqual([answer.status, answer.json], [status, { success: false, err }], what);
-}
-
-// A signed-in account in its wizard.
-class Wizard {
-  static async start(user) {
-    const wizard = new Wizard();
-    wizard.user = user;
-    wizard.client = await signIn(server, user);
-    return wizard;
-  }
-  get password() {
-    return server.passwords[this.user];
-  }
-  async qr(label = "label") {
-    const answer = await this.client.post("/api/otp/qr", { password: this.password, account_name: label });
-    this.key = answer.json.key ?? this.key;
-    return answer;
-  }
-  label(label, key = this.key) {
-    return this.client.post("/api/otp/label", { password: this.password, key, account_name: label });
-  }
-  confirm(code = server.code(this.key)) {
-    return this.client.post("/api/otp/confirm", { password: this.password, code });
-  }
-  mail(mail, code) {
-    return this.client.post("/api/otp/mail", { password: this.password, mail, ...(code ? { code } : {}) });
-  }
-  async status() {
-    return (await this.client.get("/api/otp/status")).json;
-  }
-}
-
-async function enrol(user) {
-  const wizard = await Wizard.start(user);
-  await wizard.qr();
-  const answer = await wizard.confirm();
-  assert.equal(answer.json.auth_ok, true, answer.text);
-  return wizard;
-}
-
-// From the password to the session, with the next code.
-async function signInWithCode(user, key) {
-  const client = await signIn(server, user);
-  server.advance(30);
-  const answer = await client.post("/api/signin/code", { code: server.code(key) });
-  assert.equal(answer.status, 200, answer.text);
-  return client;
 }
 
 function pngOf(answer) {
@@ -80,7 +34,7 @@ function readQr(answer) {
 }
 
 test("an account enrols, and from then on signs in with password and code", async () => {
-  const alice = await Wizard.start("alice");
+  const alice = await Wizard.start(server, "alice");
   assert.deepEqual(await alice.status(),
     { success: true, enrolled: false, enforced: false, mail_writable: true, codes_left: 0 });
 
@@ -145,7 +99,7 @@ test("an account enrols, and from then on signs in with password and code", asyn
 
 describe("a half sign-in", () => {
   test("lives 5 minutes, and is no session", async () => {
-    const { key } = await enrol("bob");
+    const { key } = await enrol(server, "bob");
     const bob = await signIn(server, "bob");
     const asSession = bob.copy();
     asSession.cookies = new Map([["sid", bob.cookies.get("pending")]]);
@@ -167,7 +121,7 @@ describe("a half sign-in", () => {
 
 describe("each step", () => {
   test("tests the password first", async () => {
-    const carol = await Wizard.start("carol");
+    const carol = await Wizard.start(server, "carol");
     await carol.qr();
     const code = server.code(carol.key);
     for (const [path, body] of [["qr", { account_name: "x" }], ["label", { account_name: "x", key: carol.key }],
@@ -182,7 +136,7 @@ describe("each step", () => {
   });
 
   test("keeps to the limits of its members", async () => {
-    const carol = await Wizard.start("carol");
+    const carol = await Wizard.start(server, "carol");
     await carol.qr();
     const at64 = await carol.label("x".repeat(64));
     assert.equal(at64.status, 200);
@@ -198,7 +152,7 @@ describe("each step", () => {
   });
 
   test("shows a whole picture or none, whatever the label", async () => {
-    const carol = await Wizard.start("carol");
+    const carol = await Wizard.start(server, "carol");
     await carol.qr();
     for (const label of ["", "%".repeat(64), "ä".repeat(32), "\u0001".repeat(64), "0123456789".repeat(6), "&?=\\ ".repeat(12)]) {
       for (const answer of [await carol.label(label), await carol.qr(label)]) {
@@ -212,7 +166,7 @@ describe("each step", () => {
   });
 
   test("takes the account from the session, not from the body", async () => {
-    const carol = await Wizard.start("carol");
+    const carol = await Wizard.start(server, "carol");
     const answer = await carol.client.post("/api/otp/mail",
       { password: server.passwords.carol, mail: "carol@home.example", user: "alice", uid: 1026 });
     assert.deepEqual(answer.json, { success: true, saved: true });
@@ -224,10 +178,10 @@ describe("each step", () => {
 
 describe("a confirmation", () => {
   test("needs a secret that this session made", async () => {
-    const first = await Wizard.start("dora");
+    const first = await Wizard.start(server, "dora");
     assertRefused(await first.confirm("123456"), 409, "no_setup");
     await first.qr();
-    const second = await Wizard.start("dora");
+    const second = await Wizard.start(server, "dora");
     assertRefused(await second.confirm(server.code(first.key)), 409, "no_setup");
     await second.qr();
     assert.notEqual(second.key, first.key);
@@ -238,7 +192,7 @@ describe("a confirmation", () => {
   });
 
   test("goes by the last picture: a reload or a second tab makes a new key", async () => {
-    const emil = await Wizard.start("emil");
+    const emil = await Wizard.start(server, "emil");
     await emil.qr();
     const old = emil.key;
     await emil.qr();
@@ -248,7 +202,7 @@ describe("a confirmation", () => {
   });
 
   test("comes too late after 30 minutes", async () => {
-    const fred = await Wizard.start("fred");
+    const fred = await Wizard.start(server, "fred");
     await fred.qr();
     for (let i = 0; i < 3; ++i) {
       server.advance(10 * 60);
@@ -260,26 +214,26 @@ describe("a confirmation", () => {
   });
 
   test("is over with the sign-out", async () => {
-    const gina = await Wizard.start("gina");
+    const gina = await Wizard.start(server, "gina");
     await gina.qr();
     const file = readdirSync("/tmp").filter((name) => name.startsWith("OTP_"));
     assert.notEqual(file.length, 0);
     await gina.client.post("/api/signout");
-    const again = await Wizard.start("gina");
+    const again = await Wizard.start(server, "gina");
     assertRefused(await again.confirm(server.code(gina.key)), 409, "no_setup");
     const uid = (await again.client.get("/api/session")).json.uid;
     assert.ok(!existsSync(`/tmp/OTP_${uid}`));
   });
 
   test("tells a used code from a wrong one", async () => {
-    const wizard = await enrol("gina");
+    const wizard = await enrol(server, "gina");
     const code = server.code(wizard.key);
     const half = await signIn(server, "gina");
     assertRefused(await half.post("/api/signin/code", { code }), 401, "otp_code_used");
   });
 
   test("in which a directory stands at the secret's place is a fault, and nothing is lost", async () => {
-    const hugo = await Wizard.start("hugo");
+    const hugo = await Wizard.start(server, "hugo");
     await hugo.qr();
     mkdirSync(`${kPreference}/hugo/otp_secret`);
     assertRefused(await hugo.confirm(), 503, "otp_unavailable");
@@ -289,20 +243,20 @@ describe("a confirmation", () => {
   });
 
   test("that cannot write into the preference directory is a fault, and mended once it can", async () => {
-    const ines = await Wizard.start("ines");
+    const ines = await Wizard.start(server, "ines");
     await ines.qr();
     chmodSync(`${kPreference}/ines`, 0o500);
     assertRefused(await ines.confirm(), 503, "otp_unavailable");
     chmodSync(`${kPreference}/ines`, 0o700);
     // The accepted code counts: the account is enrolled, and the next code signs in.
     assert.equal((await ines.status()).enrolled, true);
-    await signInWithCode("ines", ines.key);
+    await signInWithCode(server, "ines", ines.key);
   });
 });
 
 describe("the recovery address", () => {
   test("needs a code from an enrolled account, but for 10 minutes after the confirmation", async () => {
-    const wizard = await enrol("jack");
+    const wizard = await enrol(server, "jack");
     assert.deepEqual((await wizard.mail("jack@one.example")).json, { success: true, saved: true });
     server.advance(10 * 60);
     assertRefused(await wizard.mail("jack@two.example"), 400, "bad_request");
@@ -312,23 +266,24 @@ describe("the recovery address", () => {
     assertRefused(await wizard.mail("jack@three.example", code), 401, "otp_code_used");
     assert.equal((await wizard.status()).mail, "j***@two.example");
 
-    wizard.client = await signInWithCode("jack", wizard.key);
+    wizard.client = await signInWithCode(server, "jack", wizard.key);
     assertRefused(await wizard.mail("jack@four.example"), 400, "bad_request");
   });
 });
 
 describe("an enrolled account's key", () => {
   test("is shown in a session only that has seen a code", async () => {
-    const passwordOnly = await Wizard.start("kim");
-    await enrol("kim");
+    const passwordOnly = await Wizard.start(server, "kim");
+    await enrol(server, "kim");
     assertRefused(await passwordOnly.qr(), 401, "not_signed_in");
 
     // Even where the other session had outlived the enrolment.
     const wizard = new Wizard();
+    wizard.server = server;
     wizard.user = "kim";
     wizard.key = "";
     wizard.client = await (async () => {
-      const client = await Wizard.start("lea");
+      const client = await Wizard.start(server, "lea");
       return client.client;
     })();
     const uid = JSON.parse(run("tavrctl", ["user", "list", "--json"])).users.find((u) => u.name === "kim").uid;
@@ -345,7 +300,7 @@ describe("an enrolled account's key", () => {
 
 describe("where something is missing", () => {
   test("no qrencode is told before the step, and the log holds no key", async () => {
-    const max = await Wizard.start("max");
+    const max = await Wizard.start(server, "max");
     await max.qr();
     renameSync("/usr/bin/qrencode", "/usr/bin/qrencode.away");
     try {
@@ -361,20 +316,20 @@ describe("where something is missing", () => {
 
   test("no machine key is a fault and neither a wrong code nor not enrolled", async () => {
     const half = await signIn(server, "max");
-    const { key } = await enrol("lea");
+    const { key } = await enrol(server, "lea");
     renameSync("/etc/tavr/otp.key", "/etc/tavr/otp.key.away");
     try {
       assertRefused(await half.post("/api/signin/code", { code: "123456" }), 503, "otp_unavailable");
-      const nobody = await Wizard.start("carol").catch((error) => error);
+      const nobody = await Wizard.start(server, "carol").catch((error) => error);
       assert.ok(nobody instanceof Wizard || /503/.test(nobody.message));
     } finally {
       renameSync("/etc/tavr/otp.key.away", "/etc/tavr/otp.key");
     }
-    await signInWithCode("lea", key);
+    await signInWithCode(server, "lea", key);
   });
 
   test("a damaged secret file is a fault and opens nothing", async () => {
-    const { key } = await enrol("carol");
+    const { key } = await enrol(server, "carol");
     const file = `${kPreference}/carol/otp_secret`;
     const text = readFileSync(file, "utf8");
     for (const damaged of [`x${text.slice(1)}`, `${text}12345678\n`, "\n", "A".repeat(16) + "\n"]) {
@@ -383,7 +338,7 @@ describe("where something is missing", () => {
       assert.match(answer.message ?? "opened", /503 .*otp_unavailable/, damaged.slice(0, 20));
     }
     writeFileSync(file, text);
-    await signInWithCode("carol", key);
+    await signInWithCode(server, "carol", key);
   });
 
   test("a secret file that is gone or cut short is written anew, not taken for not enrolled", async () => {
