@@ -417,7 +417,7 @@ TEST_F(Verifier, SaysWhichFaultKeptItFromComparing)
 TEST_F(Verifier, GrantsNothingThatCannotBeStored)
 {
     AsWorker([] { Enrol(MakeAccount("alice")); });
-    LimitFolder(kStateDir, 256 * 1024);
+    LimitFolder(kStateDir, 1 << 20);
     AsWorker([] {
         const Account alice = *FindAccount("alice");
         SetWallClock(kNow);
