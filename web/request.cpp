@@ -166,9 +166,12 @@ bool OriginAllowed(const HttpRequest& request)
     if (request.origin.empty()) {
         return true;
     }
-    const size_t scheme = request.origin.find("://");
-    return scheme != std::string::npos && !request.host.empty() &&
-           EqualIgnoringCase(std::string_view(request.origin).substr(scheme + 3), request.host);
+    if (request.host.empty()) {
+        return false;
+    }
+    // Without TLS here it may still have ended before the web server.
+    return EqualIgnoringCase(request.origin, "https://" + request.host) ||
+           (!request.secure && EqualIgnoringCase(request.origin, "http://" + request.host));
 }
 
 bool IsJsonContentType(std::string_view contentType)

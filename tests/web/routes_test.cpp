@@ -1,0 +1,492 @@
+// Every route for every caller, and every way in which a change must not be asked for. One row for each
+// route: without it this file does not compile.
+#include "web/route_table.h"
+
+#include "linux/cipher.h"
+#include "linux/clock.h"
+#include "linux/enrolment.h"
+#include "linux/names.h"
+#include "linux/paths.h"
+#include "linux/vault.h"
+#include "tests/support/fresh_server.h"
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <algorithm>
+#include <array>
+#include <functional>
+#include <iterator>
+#include <string>
+#include <string_view>
+
+namespace tavr::web
+{
+
+namespace
+{
+
+using test::CodeOf;
+
+constexpr char kRightPassword[] = "the right pässword";
+constexpr char kSampleKey[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZ234567";
+constexpr int64_t kStep = 30;
+
+// --- What is expected
+// -------------------------------------------------------------------------------------------
+
+enum State : size_t {
+    Nobody,
+    PasswordOnly,      // enrolled: half sign-in, the code is missing
+    EnrolmentDemanded, // not enrolled: half sign-in
+    SignedIn,          // not enrolled
+    SignedInWithCode,
+    BeforeEnrolment, // signed in with the password alone, and the account has been enrolled since
+    Administrator,   // not enrolled
+    Expired,         // this and the following: signed in with a code, and a half sign-in beside it
+    SignedOut,
+    Removed,
+    Disabled,
+    kStates
+};
+
+constexpr const char* kStateNames[] = {"nobody",
+                                       "password only",
+                                       "enrolment demanded",
+                                       "signed in",
+                                       "signed in with a code",
+                                       "before enrolment",
+                                       "administrator",
+                                       "expired",
+                                       "signed out",
+                                       "removed",
+                                       "disabled"};
+static_assert(std::size(kStateNames) == kStates);
+
+constexpr const char* kOk = "200";
+constexpr const char* kWho = "401 not_signed_in";
+constexpr const char* kWrong = "401 bad_credentials";
+constexpr const char* kNoCode = "401 otp_auth_failed"; // no code is right where nothing is enrolled
+constexpr const char* kNoHalf = "403 no_pending_signin";
+constexpr const char* kNoSetup = "409 no_setup";
+
+struct Row {
+    const char* method;
+    const char* path;
+    bool token;
+    const char* expected[kStates]; // of a request that is right in every other way
+};
+
+// clang-format off
+constexpr Row kRows[] = {
+    //                                    nobody    pw only   demanded   signed in   with code   before    admin     expired   out       removed   disabled
+    {"POST", "/api/signin",       false, {kOk,      kOk,      kOk,       kOk,        kOk,        kOk,      kOk,      kOk,      kOk,      kWrong,   kWrong}},
+    {"POST", "/api/signin/code",  true,  {kNoHalf,  kOk,      kNoHalf,   kNoHalf,    kNoHalf,    kNoHalf,  kNoHalf,  kNoHalf,  kNoHalf,  kNoHalf,  kNoHalf}},
+    {"POST", "/api/signout",      true,  {kWho,     kOk,      kOk,       kOk,        kOk,        kOk,      kOk,      kWho,     kWho,     kWho,     kWho}},
+    {"GET",  "/api/session",      false, {kWho,     kWho,     kWho,      kOk,        kOk,        kOk,      kOk,      kWho,     kWho,     kWho,     kWho}},
+    {"POST", "/api/otp/qr",       true,  {kWho,     kWho,     kOk,       kOk,        kOk,        kWho,     kOk,      kWho,     kWho,     kWho,     kWho}},
+    {"POST", "/api/otp/renew",    true,  {kWho,     kWho,     kWho,      kNoCode,    kOk,        kWho,     kNoCode,  kWho,     kWho,     kWho,     kWho}},
+    {"POST", "/api/otp/label",    true,  {kWho,     kWho,     kOk,       kOk,        kOk,        kOk,      kOk,      kWho,     kWho,     kWho,     kWho}},
+    {"POST", "/api/otp/confirm",  true,  {kWho,     kWho,     kNoSetup,  kNoSetup,   kNoSetup,   kWho,     kNoSetup, kWho,     kWho,     kWho,     kWho}},
+    {"POST", "/api/otp/mail",     true,  {kWho,     kWho,     kOk,       kOk,        kOk,        kWho,     kOk,      kWho,     kWho,     kWho,     kWho}},
+    {"POST", "/api/otp/disable",  true,  {kWho,     kWho,     kWho,      kNoCode,    kOk,        kWho,     kNoCode,  kWho,     kWho,     kWho,     kWho}},
+    {"GET",  "/api/otp/status",   false, {kWho,     kWho,     kOk,       kOk,        kOk,        kOk,      kOk,      kWho,     kWho,     kWho,     kWho}},
+};
+// clang-format on
+
+constexpr bool HasItsRow(const Route& route)
+{
+    for (const Row& row : kRows) {
+        if (std::string_view(row.method) == route.method && std::string_view(row.path) == route.path) {
+            return true;
+        }
+    }
+    return false;
+}
+
+constexpr bool EveryRouteHasItsRow()
+{
+    for (const Route& route : kRoutes) {
+        if (!HasItsRow(route)) {
+            return false;
+        }
+    }
+    return std::size(kRoutes) == std::size(kRows);
+}
+
+constexpr bool EveryStateHasItsCell()
+{
+    for (const Row& row : kRows) {
+        for (const char* const cell : row.expected) {
+            if (cell == nullptr) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+static_assert(EveryRouteHasItsRow(), "every route needs a row in kRows, and every row a route");
+static_assert(EveryStateHasItsCell(), "every row needs a cell for each state");
+
+// --- Somebody who asks
+// -------------------------------------------------------------------------------------------
+
+// An account of its own in one of the states, and what its browser holds.
+struct Somebody {
+    Account account;
+    std::string key; // where enrolled
+    std::string sid; // identifiers; empty: no such cookie
+    std::string pending;
+    std::string token;
+};
+
+std::string Enrol(const Account& account)
+{
+    const SecretFileText references = MakeReferences();
+    SecretBytes secret;
+    DrawSecret(secret);
+    StoreWaiting(account.uid, references, secret);
+    const int64_t now = WallSeconds() / kStep;
+    EXPECT_TRUE(AcceptStep(SecretsOf(account.uid).front(), now - 2, now + 1));
+    test::WriteFile(SecretPath(account.name), RenderSecretFile(references));
+    EXPECT_EQ(Enrolment::Yes, Settle(account).enrolment);
+    return SecretText(account.uid, references.secret);
+}
+
+std::string CodeNow(const Somebody& somebody)
+{
+    return somebody.key.empty() ? "123456" : CodeOf(somebody.key, WallSeconds() / kStep);
+}
+
+std::string Open(const Account& account, bool withCode)
+{
+    StartRequest();
+    if (withCode) {
+        CurrentRequest().codeOf = account.uid;
+    } else {
+        CurrentRequest().facts = Request::Facts{account.uid, false, false};
+    }
+    EXPECT_EQ(Grant::Opened, OpenSession(account));
+    return CurrentRequest().newSid;
+}
+
+void OpenBoth(Somebody& somebody)
+{
+    somebody.key = Enrol(somebody.account);
+    somebody.sid = Open(somebody.account, true);
+    somebody.pending = OpenPending(somebody.account, SessionState::CodeRequired);
+}
+
+void Enter(Somebody& somebody, State state)
+{
+    const Account& account = somebody.account;
+    switch (state) {
+    case PasswordOnly:
+        somebody.key = Enrol(account);
+        somebody.pending = OpenPending(account, SessionState::CodeRequired);
+        break;
+    case EnrolmentDemanded:
+        somebody.pending = OpenPending(account, SessionState::EnrolmentRequired);
+        break;
+    case SignedIn:
+    case Administrator:
+        somebody.sid = Open(account, false);
+        break;
+    case SignedInWithCode:
+        somebody.key = Enrol(account);
+        somebody.sid = Open(account, true);
+        break;
+    case BeforeEnrolment:
+        somebody.sid = Open(account, false);
+        somebody.key = Enrol(account);
+        break;
+    case Expired:
+        OpenBoth(somebody);
+        test::AdvanceBootClock(60 * 60);
+        break;
+    case SignedOut:
+        OpenBoth(somebody);
+        EndSession(*FindSession(somebody.sid));
+        EndSession(*FindSession(somebody.pending));
+        break;
+    case Removed:
+        OpenBoth(somebody);
+        EXPECT_TRUE(RemoveAccount(account.uid).removed);
+        break;
+    case Disabled:
+        OpenBoth(somebody);
+        EXPECT_TRUE(SetDisabled(account.uid, true));
+        break;
+    case Nobody:
+    case kStates:
+        break;
+    }
+}
+
+Somebody SomebodyWhoIs(State state)
+{
+    static int number = 0;
+    test::AdvanceBootClock(0);
+    Somebody somebody;
+    somebody.account =
+        *AddAccount({"u" + std::to_string(++number), "", "", state == Administrator}, kRightPassword);
+    EXPECT_TRUE(MakePreferenceDirectory(somebody.account));
+    Enter(somebody, state);
+    const std::string& identifier = somebody.sid.empty() ? somebody.pending : somebody.sid;
+    somebody.token = identifier.empty() ? "" : TokenOf(identifier);
+    return somebody;
+}
+
+// --- What is asked
+// -----------------------------------------------------------------------------------------------
+
+std::string CookiesOf(const Somebody& somebody)
+{
+    return (somebody.sid.empty() ? "" : "sid=" + somebody.sid + "; ") +
+           (somebody.pending.empty() ? "" : "pending=" + somebody.pending);
+}
+
+HttpRequest RequestOf(const Row& row, const Somebody& somebody)
+{
+    HttpRequest http;
+    http.method = row.method;
+    http.path = row.path;
+    http.contentType = "application/json";
+    http.cookies = CookiesOf(somebody);
+    http.token = somebody.token;
+    http.host = "nas.example";
+    http.clientAddress = "192.0.2.1";
+    return http;
+}
+
+std::string FullBody(const Somebody& somebody)
+{
+    Json::Value body;
+    body["user"] = somebody.account.name;
+    body["password"] = kRightPassword;
+    body["code"] = CodeNow(somebody);
+    body["account_name"] = "a label";
+    body["key"] = kSampleKey;
+    body["mail"] = "somebody@home.example";
+    return body.toStyledString();
+}
+
+Answer Ask(HttpRequest http, const std::string& body)
+{
+    http.bodySize = body.size();
+    StartRequest();
+    CurrentRequest().sidCookie = ReadCookie(http, "sid");
+    CurrentRequest().pendingCookie = ReadCookie(http, "pending");
+    CurrentRequest().clientAddress = http.clientAddress;
+    return Serve(http, body);
+}
+
+std::string Said(const Answer& answer)
+{
+    const std::string err = answer.body.isMember("err") ? " " + answer.body["err"].asString() : "";
+    return std::to_string(answer.status) + err;
+}
+
+std::string HeaderOf(const Answer& answer, std::string_view name)
+{
+    const auto found = std::find_if(answer.headers.begin(), answer.headers.end(),
+                                    [&](const auto& header) { return header.first == name; });
+    return found == answer.headers.end() ? "" : found->second;
+}
+
+class Routes : public test::FreshServer
+{
+};
+
+// --- Every route, every state
+// -----------------------------------------------------------------------------------
+
+TEST_F(Routes, ServeEveryStateAsTheTableSays)
+{
+    AsWorker([] {
+        int cells = 0;
+        for (const Row& row : kRows) {
+            for (size_t state = 0; state < kStates; ++state, ++cells) {
+                const Somebody somebody = SomebodyWhoIs(static_cast<State>(state));
+                const Answer answer = Ask(RequestOf(row, somebody), FullBody(somebody));
+                EXPECT_EQ(row.expected[state], Said(answer)) << row.path << ", " << kStateNames[state];
+                EXPECT_EQ(answer.status == 200, answer.body["success"].asBool())
+                    << row.path << ", " << kStateNames[state];
+            }
+        }
+        std::printf("%d cells\n", cells);
+    });
+}
+
+TEST_F(Routes, GiveAnEndedSessionNothingWhicheverCookieItComesIn)
+{
+    AsWorker([] {
+        for (const Row& row : kRows) {
+            for (const State state : {Expired, SignedOut, Removed, Disabled}) {
+                Somebody somebody = SomebodyWhoIs(state);
+                std::swap(somebody.sid, somebody.pending);
+                somebody.token = TokenOf(somebody.sid);
+                const Answer answer = Ask(RequestOf(row, somebody), FullBody(somebody));
+                EXPECT_EQ(row.expected[state], Said(answer)) << row.path << ", " << kStateNames[state];
+            }
+        }
+    });
+}
+
+// --- Every change, every wrong way to ask for it
+// ----------------------------------------------------------------
+
+// Somebody whom the route serves.
+Somebody SomebodyFor(const Row& row)
+{
+    const bool half = row.expected[SignedInWithCode] == std::string_view(kNoHalf);
+    return SomebodyWhoIs(half ? PasswordOnly : SignedInWithCode);
+}
+
+int64_t Sessions()
+{
+    Statement count = SigninDatabase().Prepare("SELECT count(*) FROM session");
+    return count.Step() ? count.Int(0) : -1;
+}
+
+// For each route that changes something: `ask` gets a request that would be served, but for its body, which
+// is no object. What gets past everything else is answered with 400; nothing may have changed.
+void ForEachChange(const std::function<void(const Row&, const Somebody&, HttpRequest)>& ask)
+{
+    for (const Row& row : kRows) {
+        if (std::string_view(row.method) == "GET") {
+            continue;
+        }
+        const Somebody somebody = SomebodyFor(row);
+        const int64_t sessions = Sessions();
+        const HttpRequest http = RequestOf(row, somebody);
+        EXPECT_EQ("400 bad_request", Said(Ask(http, "[]"))) << row.path;
+        ask(row, somebody, http);
+        EXPECT_EQ(sessions, Sessions()) << row.path;
+        EXPECT_TRUE(FindSession(somebody.sid.empty() ? somebody.pending : somebody.sid)) << row.path;
+        EXPECT_EQ(Enrolment::Yes, Settle(somebody.account).enrolment) << row.path;
+    }
+}
+
+TEST_F(Routes, ChangeNothingWithoutTheSessionsOwnToken)
+{
+    AsWorker([] {
+        ForEachChange([](const Row& row, const Somebody& somebody, HttpRequest http) {
+            const Somebody other = SomebodyWhoIs(SignedInWithCode);
+            const std::string own = somebody.token;
+            const std::string expected = row.token ? "403 bad_token" : "400 bad_request";
+            for (const std::string& token :
+                 {std::string(), std::string("x"), other.token, own + "0", own.substr(1),
+                  std::string(own.size(), '0'), somebody.sid + somebody.pending, std::string(8192, 'a'),
+                  own + '\0'}) {
+                http.token = token;
+                EXPECT_EQ(expected, Said(Ask(http, "[]"))) << row.path << ' ' << token.substr(0, 80);
+            }
+            EndSession(*FindSession(other.sid));
+        });
+    });
+}
+
+TEST_F(Routes, ChangeNothingForAnotherSite)
+{
+    struct Sender {
+        const char* fetchSite;
+        const char* origin;
+        bool allowed;
+    };
+    static constexpr Sender kSenders[] = {
+        {"", "", true}, // programs mark nothing
+        {"same-origin", "", true},
+        {"none", "", true},
+        {"same-origin", "https://nas.example", true},
+        {"", "https://nas.example", true},
+        {"", "http://nas.example", true},
+        {"cross-site", "", false},
+        {"same-site", "", false},
+        {"cross-site", "https://nas.example", false},
+        {"same-site", "https://nas.example", false},
+        {"anything", "", false},
+        {"Same-Origin", "", false},
+        {"", "null", false},
+        {"", "nas.example", false},
+        {"", "https://nas.example.evil.example", false},
+        {"", "https://evil.example", false},
+        {"", "https://evilnas.example", false},
+        {"", "https://nas.example:8443", false},
+        {"", "https://nas.example@evil.example", false},
+        {"", "https://nas.example/", false},
+        {"", "ftp://nas.example", false},
+    };
+    AsWorker([] {
+        ForEachChange([](const Row& row, const Somebody&, HttpRequest http) {
+            for (const Sender& sender : kSenders) {
+                http.fetchSite = sender.fetchSite;
+                http.origin = sender.origin;
+                EXPECT_EQ(sender.allowed ? "400 bad_request" : "403 bad_origin", Said(Ask(http, "[]")))
+                    << row.path << " from " << sender.fetchSite << ' ' << sender.origin;
+            }
+            http.secure = true;
+            http.fetchSite.clear();
+            http.origin = "http://nas.example"; // not what was asked over TLS
+            EXPECT_EQ("403 bad_origin", Said(Ask(http, "[]"))) << row.path;
+        });
+    });
+}
+
+TEST_F(Routes, ChangeNothingByWhatIsNoJson)
+{
+    AsWorker([] {
+        ForEachChange([](const Row& row, const Somebody&, HttpRequest http) {
+            for (const char* type :
+                 {"", "text/plain", "application/x-www-form-urlencoded", "multipart/form-data", "text/json",
+                  "application/jsonx", "application", "application/json/x", "text/plain; application/json",
+                  "application/json, text/plain"}) {
+                http.contentType = type;
+                EXPECT_EQ("415 bad_content_type", Said(Ask(http, "[]"))) << row.path << ' ' << type;
+            }
+            for (const char* type : {"application/json; charset=utf-8", "APPLICATION/JSON"}) {
+                http.contentType = type;
+                EXPECT_EQ("400 bad_request", Said(Ask(http, "[]"))) << row.path << ' ' << type;
+            }
+        });
+    });
+}
+
+TEST_F(Routes, ChangeNothingByABodyThatIsNoObjectOrTooLarge)
+{
+    AsWorker([] {
+        ForEachChange([](const Row& row, const Somebody&, const HttpRequest& http) {
+            for (const char* body : {"", "null", "1", "\"x\"", "{", "{}{}", "{\"a\":}", "\xff"}) {
+                EXPECT_EQ("400 bad_request", Said(Ask(http, body))) << row.path << ' ' << body;
+            }
+            EXPECT_EQ("413 too_large", Said(Ask(http, std::string(64 * 1024 + 1, ' ')))) << row.path;
+        });
+    });
+}
+
+TEST_F(Routes, AnswerTheirOwnMethodAlone)
+{
+    AsWorker([] {
+        for (const Row& row : kRows) {
+            const Somebody somebody = SomebodyFor(row);
+            const int64_t sessions = Sessions();
+            for (const char* method : {"GET", "POST", "PUT", "DELETE", "PATCH", "HEAD", "OPTIONS", "TRACE",
+                                       "CONNECT", "post", "get", "POSTS", ""}) {
+                if (std::string_view(method) == row.method) {
+                    continue;
+                }
+                HttpRequest http = RequestOf(row, somebody);
+                http.method = method;
+                const Answer answer = Ask(http, FullBody(somebody));
+                EXPECT_EQ("405 method_not_allowed", Said(answer)) << method << ' ' << row.path;
+                EXPECT_EQ(row.method, HeaderOf(answer, "Allow")) << method << ' ' << row.path;
+            }
+            EXPECT_EQ(sessions, Sessions()) << row.path;
+        }
+    });
+}
+
+} // namespace
+
+} // namespace tavr::web
