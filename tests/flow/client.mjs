@@ -1,5 +1,6 @@
 // Clients of the HTTP interface for tests: one that keeps cookies and token as a browser and its page do, and one that
 // speaks FastCGI with the web program itself, so that a test can be the web server.
+import { execFileSync } from "node:child_process";
 import { request } from "node:http";
 import { connect } from "node:net";
 
@@ -28,6 +29,11 @@ function toAnswer(status, headers, bytes) {
   const isJson = headers["content-type"] === "application/json";
   return { status, headers, text, json: isJson && text !== "" ? JSON.parse(text) : undefined,
     setCookies: headers["set-cookie"] ?? [] };
+}
+
+// The program's own table of routes: [{ method, path }].
+export function routes() {
+  return JSON.parse(execFileSync(`${process.env.TEST_BUILD}/tests/web/list_routes`, { encoding: "utf8" }));
 }
 
 export class Client {

@@ -3,7 +3,7 @@ import assert from "node:assert/strict";
 import { after, before, describe, test } from "node:test";
 import { readFileSync, renameSync, writeFileSync } from "node:fs";
 import { run, startServer } from "../support/server.mjs";
-import { Client, fastCgi, send, signIn } from "./client.mjs";
+import { Client, fastCgi, routes, send, signIn } from "./client.mjs";
 
 const kSocket = "/run/tavr/otp-web.sock";
 const kJson = { "Content-Type": "application/json" };
@@ -37,9 +37,7 @@ describe("a request", () => {
   });
 
   test("with a wrong method is 405 and told the right one", async () => {
-    for (const [path, allow] of [["/api/signin", "POST"], ["/api/signin/code", "POST"], ["/api/signout", "POST"],
-      ["/api/otp/qr", "POST"], ["/api/otp/label", "POST"], ["/api/otp/confirm", "POST"], ["/api/otp/mail", "POST"],
-      ["/api/session", "GET"], ["/api/otp/status", "GET"]]) {
+    for (const { path, method: allow } of routes()) {
       for (const method of ["GET", "POST", "PUT", "DELETE", "PATCH", "OPTIONS"].filter((m) => m !== allow)) {
         const answer = await send(server.url, method, path, method === "GET" ? {} : { body: {} });
         assertRefused(answer, 405, "method_not_allowed", `${method} ${path}`);

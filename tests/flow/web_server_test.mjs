@@ -3,8 +3,8 @@ import assert from "node:assert/strict";
 import { after, before, test } from "node:test";
 import { readdirSync } from "node:fs";
 import { join, relative } from "node:path";
-import { startServer } from "../support/server.mjs";
-import { send } from "./client.mjs";
+import { run, startServer } from "../support/server.mjs";
+import { routes, send, signIn } from "./client.mjs";
 
 const kPages = "/usr/share/tavr-otp/pages";
 let server;
@@ -44,6 +44,56 @@ test("every page and file is served with its type and the strict headers", async
     const type = path === "/favicon.ico" ? "svg" : path.split(".")[1] ?? "html";
     assert.equal(answer.headers["content-type"], types[type], path);
   }
+});
+
+test("every answer of the interface carries the strict headers, whatever it says", async () => {
+  const alice = await signIn(server, "alice");
+  const json = { "Content-Type": "application/json" };
+  const statuses = new Set();
+  for (const { method, path } of [...routes(), { method: "POST", path: "/api/none" }]) {
+    const isChange = method === "POST";
+    const full = isChange ? { body: { user: "alice", password: "wrong", code: "1", account_name: "x", mail: "",
+      key: "A".repeat(32) } } : {};
+    const answers = [
+      await send(server.url, method, path, full),
+      await send(server.url, method, path, { ...full, headers: { ...json, Cookie: "sid=1; sid=2" } }),
+      await send(server.url, isChange ? "GET" : "POST", path, isChange ? {} : { body: {} }),
+      ...(isChange ? [
+        await send(server.url, method, path, { body: "x" }),
+        await send(server.url, method, path, { body: "x", headers: json }),
+        await send(server.url, method, path, { body: " ".repeat(65537), headers: json }),
+        await send(server.url, method, path, { ...full, headers: { ...json, Origin: "https://evil.example" } }),
+        await alice.copy().send(method, path, { ...full, headers: { "X-Tavr-Token": "x" } }),
+      ] : []),
+      await (path === "/api/signout" ? await signIn(server, "alice") : alice.copy()).send(method, path, full),
+    ];
+    for (const answer of answers) {
+      const what = `${method} ${path} ${answer.status}`;
+      statuses.add(answer.status);
+      assert.equal(answer.headers["content-type"], "application/json", what);
+      assert.equal(answer.headers["cache-control"], "no-store", what);
+      assert.equal(answer.headers["content-security-policy"], "default-src 'none'; frame-ancestors 'none'", what);
+      assert.equal(answer.headers["x-content-type-options"], "nosniff", what);
+      assert.equal(answer.headers["referrer-policy"], "no-referrer", what);
+      assert.equal(answer.headers["x-frame-options"], "DENY", what);
+      assert.equal(answer.headers.server, undefined, what);
+      assert.equal(typeof answer.json.success, "boolean", what);
+    }
+  }
+  assert.deepEqual([...statuses].sort(), [200, 400, 401, 403, 404, 405, 413, 415]);
+});
+
+test("a client's address is the one that the web server saw", async () => {
+  const other = "203.0.113.7";
+  const headers = { "X-Forwarded-For": other, Forwarded: `for=${other}`, "X-Real-IP": other, "X-Client-IP": other,
+    "True-Client-IP": other, "CF-Connecting-IP": other, "X-Forwarded": other, "X-Remote-Addr": other,
+    REMOTE_ADDR: other, "Remote-Addr": other, "Client-IP": other, Via: `1.1 ${other}` };
+  const refused = await send(server.url, "POST", "/api/signin", { body: { user: "alice", password: "wrong" }, headers });
+  assert.equal(refused.status, 401);
+  assert.ok(!server.log().includes(other));
+  const rows = run("tavrctl", ["audit", "--json"]);
+  assert.match(rows, /127\.0\.0\.1/);
+  assert.ok(!rows.includes(other));
 });
 
 test("no folder is listed and nothing outside is served", async () => {
