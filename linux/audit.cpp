@@ -25,7 +25,8 @@ constexpr int64_t kDaySeconds = 24 * 60 * 60;
 constexpr int64_t kDaysKept = 365;
 constexpr int64_t kClearedAtOnce = 500; // rows in one transaction
 constexpr int64_t kPageRows = 500;
-constexpr int kBatches = 10; // one after the other, so that others get in between
+constexpr int kBatches = 40;             // one after the other, so that others get in between
+constexpr int64_t kMostRows = 1'000'000; // whoever has a password can fail as often as he likes
 
 enum class Keep { LineAndRow, LineOnly };
 
@@ -239,6 +240,7 @@ void Audit(AuditEvent event, std::string_view typedName, const char* detail)
 }
 
 AuditedGrant::AuditedGrant(AuditEvent event, const Account& account, const char* detail)
+    : priority_(WordsOf(event).priority)
 {
     const Entry entry = EntryOf(event, account.name, account.uid, detail);
     StoreRow(entry);
@@ -247,7 +249,7 @@ AuditedGrant::AuditedGrant(AuditEvent event, const Account& account, const char*
 
 void AuditedGrant::Committed() const
 {
-    syslog(LOG_AUTHPRIV | LOG_INFO, "%s", line_.c_str());
+    syslog(LOG_AUTHPRIV | priority_, "%s", line_.c_str());
 }
 
 std::string AuditName(std::string_view name)
@@ -270,9 +272,11 @@ void ClearAudit()
     const int64_t days = NumberSetting("audit_days", kDaysKept, 1, 36500);
     Database& db = SigninDatabase();
     for (int i = 0; i < kBatches; ++i) {
-        db.Prepare("DELETE FROM audit WHERE id IN (SELECT id FROM audit WHERE time < ?1 LIMIT ?2)")
+        db.Prepare("DELETE FROM audit WHERE id IN (SELECT id FROM audit WHERE time < ?1 LIMIT ?2)"
+                   " OR id IN (SELECT id FROM audit WHERE id <= (SELECT max(id) FROM audit) - ?3 LIMIT ?2)")
             .Bind(1, WallSeconds() - days * kDaySeconds)
             .Bind(2, kClearedAtOnce)
+            .Bind(3, kMostRows)
             .Run();
         if (db.Changes() < kClearedAtOnce) {
             return;

@@ -57,6 +57,7 @@ public:
     void Committed() const; // writes the line
 
 private:
+    int priority_;
     std::string line_;
 };
 
@@ -84,7 +85,8 @@ struct AuditQuery {
 };
 void ForEachAuditRow(const AuditQuery& query, const std::function<void(const AuditRow&)>& each); // throws
 
-// Removes a bounded number of rows older than the setting audit_days. Throws DatabaseError.
+// Removes a bounded number of rows that are older than the setting audit_days, or not among the newest
+// million. Throws DatabaseError.
 void ClearAudit();
 
 } // namespace tavr

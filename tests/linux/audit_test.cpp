@@ -197,10 +197,14 @@ TEST_F(AuditTrail, GrantsWithItsRowOrNotAtAll)
     Transaction transaction(SigninDatabase());
     const AuditedGrant grant(AuditEvent::SignIn, Alice(), "code");
     EXPECT_TRUE(Log().empty());
+    const AuditedGrant other(AuditEvent::ScratchCodeSpent, Alice(), "-");
     transaction.Commit();
     grant.Committed();
-    ASSERT_EQ(1U, Rows().size());
-    ASSERT_EQ(1U, Log().size());
+    other.Committed();
+    ASSERT_EQ(2U, Rows().size());
+    ASSERT_EQ(2U, Log().size());
+    EXPECT_EQ(LOG_AUTHPRIV | LOG_INFO, Log()[0].priority);
+    EXPECT_EQ(LOG_AUTHPRIV | LOG_NOTICE, Log()[1].priority);
     EXPECT_EQ(
         R"(audit: event=signin outcome=granted address=203.0.113.7 uid=1026 detail=code account="alice")",
         Log()[0].text);
@@ -377,7 +381,7 @@ TEST_F(AuditTrail, LosesWhatIsTooOldInBatches)
 {
     {
         Transaction transaction(SigninDatabase());
-        for (int i = 0; i < 5'700; ++i) {
+        for (int i = 0; i < 20'700; ++i) {
             SigninDatabase()
                 .Prepare("INSERT INTO audit (time, event, outcome, address, detail, account)"
                          " VALUES (?1, 'x', 'x', '-', '-', 'x')")
@@ -395,6 +399,23 @@ TEST_F(AuditTrail, LosesWhatIsTooOldInBatches)
     ClearAudit();
     ASSERT_EQ(1U, Rows().size());
     EXPECT_EQ("alice", Rows()[0].account);
+}
+
+TEST_F(AuditTrail, KeepsTheNewestMillion)
+{
+    for (int i = 0; i < 3; ++i) {
+        Audit(AuditEvent::PasswordRefused, "bob");
+    }
+    const int64_t second = Rows()[1].id;
+    SigninDatabase()
+        .Prepare("INSERT INTO audit (id, time, event, outcome, address, detail, account)"
+                 " VALUES (?1, ?2, 'x', 'x', '-', '-', 'x')")
+        .Bind(1, second + 1'000'000)
+        .Bind(2, kNow)
+        .Run();
+    ClearAudit();
+    ASSERT_EQ(2U, Rows().size());
+    EXPECT_EQ(second + 1, Rows()[0].id);
 }
 
 } // namespace
