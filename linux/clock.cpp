@@ -20,10 +20,12 @@ int64_t Seconds(clockid_t clock)
 }
 
 #ifdef TAVR_SETTABLE_CLOCK
-// Builds for tests only. The file holds "WALL BOOT", the seconds to add to each clock.
+// Builds for tests only. The file holds "WALL BOOT", the seconds to add to each clock, and may name another
+// start of the machine after them.
 struct Offsets {
     long long wall = 0;
     long long boot = 0;
+    char bootId[37] = {};
 };
 
 Offsets ReadOffsets()
@@ -33,9 +35,10 @@ Offsets ReadOffsets()
     if (fd < 0) {
         return offsets;
     }
-    char text[64] = {};
+    char text[128] = {};
     if (read(fd, text, sizeof text - 1) > 0) {
-        std::sscanf(text, "%lld %lld", &offsets.wall, &offsets.boot); // NOLINT(cert-err34-c)
+        std::sscanf(text, "%lld %lld %36s", &offsets.wall, &offsets.boot,
+                    offsets.bootId); // NOLINT(cert-err34-c)
     }
     close(fd);
     return offsets;
@@ -44,6 +47,7 @@ Offsets ReadOffsets()
 struct Offsets {
     int64_t wall = 0;
     int64_t boot = 0;
+    char bootId[1] = {};
 };
 Offsets ReadOffsets()
 {
@@ -79,7 +83,9 @@ int64_t BootSeconds()
 const std::string& BootId()
 {
     static const std::string id = ReadBootId();
-    return id;
+    static std::string other;
+    other = ReadOffsets().bootId;
+    return other.empty() ? id : other;
 }
 
 } // namespace tavr

@@ -131,6 +131,20 @@ std::string MendedFile(const Preference& preference, const FoundFile& found, con
     return text;
 }
 
+// Spent codes are dead whether or not the file names them: one that cannot be written now is tidied by a
+// later question, and keeps nobody out.
+void DropSpentLines(const Preference& preference, const std::string& text, const StoredSecret& secret)
+{
+    if (text == TextOf(secret)) {
+        return;
+    }
+    try {
+        WritePlace(preference, TextOf(secret));
+    } catch (const VaultError& error) {
+        LogFault(error.fault, "spent codes stay in the secret file");
+    }
+}
+
 EnrolmentState SettleLocked(const Account& account)
 {
     const Preference preference = OpenPreference(account);
@@ -160,9 +174,7 @@ EnrolmentState SettleLocked(const Account& account)
     }
     const std::string text = MendedFile(preference, found, active, confirmed);
     if (Carries(text, active)) {
-        if (text != TextOf(*active)) {
-            WritePlace(preference, TextOf(*active));
-        }
+        DropSpentLines(preference, text, *active);
         return Enrolled(*active);
     }
     if (Carries(text, confirmed)) {

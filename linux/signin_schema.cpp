@@ -69,6 +69,30 @@ CREATE TABLE audit (
 ) STRICT;
 CREATE INDEX audit_by_time ON audit (time);
 )",
+    // What was tried, and the code that an administrator gave out.
+    R"(
+CREATE TABLE second_step (
+    account INTEGER PRIMARY KEY,
+    failures INTEGER NOT NULL,             -- in a row
+    boot TEXT NOT NULL,
+    at INTEGER NOT NULL,                   -- the last of them
+    told_step INTEGER NOT NULL DEFAULT -1  -- told in a hint about the phone's clock; not accepted any more
+) STRICT;
+CREATE TABLE password_try (
+    id INTEGER PRIMARY KEY AUTOINCREMENT,  -- never one that was given back
+    key BLOB NOT NULL,                     -- hash of the name, the address or the session
+    boot TEXT NOT NULL,
+    at INTEGER NOT NULL
+) STRICT;
+CREATE INDEX password_try_of_key ON password_try (key);
+CREATE INDEX password_try_by_age ON password_try (boot, at);
+CREATE TABLE temporary_code (
+    account INTEGER PRIMARY KEY,
+    sealed BLOB NOT NULL,                  -- bound to the account and to the two below
+    boot TEXT NOT NULL,                    -- good in this start of the machine alone
+    until INTEGER NOT NULL
+) STRICT;
+)",
 };
 
 } // namespace

@@ -23,6 +23,7 @@ static_assert(MachineKey::kBytes == crypto_aead_xchacha20poly1305_ietf_KEYBYTES)
 
 constexpr char kForSecret[] = "secret";
 constexpr char kForCode[] = "code";
+constexpr char kForTemporaryCode[] = "temporary-code";
 
 // Whose row it is and what for: what a sealed text is bound to. Both ends of it have a fixed form.
 struct RowName {
@@ -177,7 +178,7 @@ void InsertCode(const MachineKey& key, uint32_t account, const SecretFileText& r
 {
     const std::string& reference = references.codes[position];
     CodeDigits code;
-    std::snprintf(code.text, sizeof code.text, "%08u", randombytes_uniform(100'000'000));
+    DrawCode(code);
     SigninDatabase()
         .Prepare("INSERT INTO code (reference, secret, position, sealed) VALUES (?1, ?2, ?3, ?4)")
         .Bind(1, reference)
@@ -310,13 +311,12 @@ int64_t LastStep(const StoredSecret& secret, int64_t newestStep)
     return ofAccount > newestStep ? ofSecret : std::max(ofSecret, ofAccount);
 }
 
-bool AcceptStep(const StoredSecret& secret, int64_t step, int64_t newestStep)
+bool AcceptStep(Transaction& /*inside*/, const StoredSecret& secret, int64_t step, int64_t newestStep)
 {
-    Database& db = SigninDatabase();
-    Transaction transaction(db);
     if (step <= LastStep(secret, newestStep)) {
         return false;
     }
+    Database& db = SigninDatabase();
     if (secret.state == SecretState::Waiting) {
         DeleteSecret(secret.account, SecretState::Confirmed);
     }
@@ -330,15 +330,24 @@ bool AcceptStep(const StoredSecret& secret, int64_t step, int64_t newestStep)
         .Bind(5, StateText(secret.state))
         .Run();
     if (db.Changes() != 1) {
-        return false;
+        throw VaultError(Fault::SecretFile); // another state since it was read
     }
     db.Prepare("INSERT INTO account_mark (account, last_step) VALUES (?1, ?2)"
                " ON CONFLICT (account) DO UPDATE SET last_step = excluded.last_step")
         .Bind(1, int64_t{secret.account})
         .Bind(2, step)
         .Run();
-    transaction.Commit();
     return true;
+}
+
+bool SpendCode(Transaction& /*inside*/, const StoredSecret& secret, std::string_view reference)
+{
+    Database& db = SigninDatabase();
+    db.Prepare("UPDATE code SET spent = 1 WHERE reference = ?1 AND secret = ?2 AND spent = 0")
+        .Bind(1, reference)
+        .Bind(2, secret.reference)
+        .Run();
+    return db.Changes() == 1;
 }
 
 void MakeActive(const StoredSecret& secret)
@@ -393,6 +402,8 @@ void FinishSwitchingOff(uint32_t account)
     Database& db = SigninDatabase();
     Transaction transaction(db);
     db.Prepare("DELETE FROM secret WHERE account = ?1").Bind(1, int64_t{account}).Run();
+    db.Prepare("DELETE FROM temporary_code WHERE account = ?1").Bind(1, int64_t{account}).Run();
+    db.Prepare("DELETE FROM second_step WHERE account = ?1").Bind(1, int64_t{account}).Run();
     db.Prepare("UPDATE account_mark SET switching_off = 0 WHERE account = ?1")
         .Bind(1, int64_t{account})
         .Run();
@@ -407,6 +418,55 @@ std::vector<uint32_t> AccountsWithWaiting()
         accounts.push_back(static_cast<uint32_t>(ask.Int(0)));
     }
     return accounts;
+}
+
+// --- A code that an administrator gave out ---
+
+void DrawCode(CodeDigits& code)
+{
+    std::snprintf(code.text, sizeof code.text, "%08u", randombytes_uniform(100'000'000));
+}
+
+void StoreTemporaryCode(uint32_t account, const CodeDigits& code, int64_t seconds)
+{
+    const MachineKey key = MachineKey::Read();
+    const int64_t until = BootSeconds() + seconds;
+    const std::string bound = BootId() + ' ' + std::to_string(until);
+    Database& db = SigninDatabase();
+    Transaction transaction(db);
+    EnterKey(key);
+    db.Prepare("INSERT INTO temporary_code (account, sealed, boot, until) VALUES (?1, ?2, ?3, ?4)"
+               " ON CONFLICT (account) DO UPDATE SET sealed = ?2, boot = ?3, until = ?4")
+        .Bind(1, int64_t{account})
+        .BindBlob(2, Seal(key, {kForTemporaryCode, account, bound},
+                          reinterpret_cast<const unsigned char*>(code.text), kCodeDigits))
+        .Bind(3, BootId())
+        .Bind(4, until)
+        .Run();
+    transaction.Commit();
+}
+
+bool OpenTemporaryCode(uint32_t account, CodeDigits& code)
+{
+    Statement ask = SigninDatabase().Prepare(
+        "SELECT sealed, until FROM temporary_code WHERE account = ?1 AND boot = ?2 AND until > ?3");
+    ask.Bind(1, int64_t{account}).Bind(2, BootId()).Bind(3, BootSeconds());
+    if (!ask.Step()) {
+        return false;
+    }
+    const MachineKey key = MachineKey::Read();
+    CheckKey(key);
+    const std::string bound = BootId() + ' ' + std::to_string(ask.Int(1));
+    Open(key, {kForTemporaryCode, account, bound}, ask.Text(0), reinterpret_cast<unsigned char*>(code.text),
+         kCodeDigits);
+    return true;
+}
+
+bool SpendTemporaryCode(Transaction& /*inside*/, uint32_t account)
+{
+    Database& db = SigninDatabase();
+    db.Prepare("DELETE FROM temporary_code WHERE account = ?1").Bind(1, int64_t{account}).Run();
+    return db.Changes() == 1;
 }
 
 // --- Faults ---

@@ -82,16 +82,21 @@ bool OpenCode(uint32_t account, std::string_view reference, CodeDigits& code);
 // Throws what opening a row would: for asking before anything depends on it.
 void CheckVault();
 
-// --- Changing; each durable when it returns ---
+// --- Changing; durable when it returns, or when the caller's transaction is committed ---
 
 // The last time step of which this account's secret accepted a code; -1: none. Steps used with the account's
 // earlier secrets count too, but for those further ahead than `newestStep`: a clock that was wrong once
 // must not close a new secret.
 int64_t LastStep(const StoredSecret& secret, int64_t newestStep);
 
-// Stores `step` as accepted, if the secret still stands as `secret` has it and no step at or after it was
-// accepted meanwhile; else false. A waiting secret is confirmed by it and replaces one confirmed earlier.
-bool AcceptStep(const StoredSecret& secret, int64_t step, int64_t newestStep);
+// Stores `step` as accepted, in the caller's transaction, if no step at or after it was accepted; else false,
+// and nothing has changed. A waiting secret is confirmed by it and replaces one confirmed earlier. Throws
+// VaultError when the secret does not stand any more as `secret` has it.
+bool AcceptStep(Transaction& inside, const StoredSecret& secret, int64_t step, int64_t newestStep);
+
+// Spends one of the secret's codes, in the caller's transaction. False: it was spent, or the secret is not
+// there.
+bool SpendCode(Transaction& inside, const StoredSecret& secret, std::string_view reference);
 
 void MakeActive(const StoredSecret& secret); // the former active one is retired with its codes
 void RetireWaitingSecret(uint32_t account);
@@ -102,6 +107,15 @@ void MarkAsSwitchingOff(uint32_t account);
 void FinishSwitchingOff(uint32_t account); // retires every secret and takes the mark back
 
 std::vector<uint32_t> AccountsWithWaiting();
+
+// --- A code that an administrator gave out ---
+
+// Eight digits, one an account, good once within its time and until the machine starts anew. Takes the place
+// of one given out earlier; switching off takes it away.
+void DrawCode(CodeDigits& code);
+void StoreTemporaryCode(uint32_t account, const CodeDigits& code, int64_t seconds);
+bool OpenTemporaryCode(uint32_t account, CodeDigits& code);     // false: there is none
+bool SpendTemporaryCode(Transaction& inside, uint32_t account); // false: there was none
 
 // --- Faults ---
 

@@ -1,5 +1,6 @@
 #include "linux/verifier.h"
 
+#include "linux/attempts.h"
 #include "linux/audit.h"
 #include "linux/clock.h"
 #include "linux/enrolment.h"
@@ -7,6 +8,7 @@
 #include "linux/ids.h"
 #include "linux/names.h"
 #include "linux/paths.h"
+#include "linux/settings.h"
 #include "linux/vault.h"
 
 #include "platform/secrets.h"
@@ -26,6 +28,8 @@ namespace
 constexpr int64_t kStepSeconds = 30;
 constexpr int64_t kWindow = 1; // steps to either side of the present one
 constexpr size_t kTotpDigits = 6;
+constexpr int64_t kHintSteps = 10 * 60 / kStepSeconds; // how far off a phone's clock is looked for
+constexpr int kLongestTemporaryMinutes = 24 * 60;
 
 // --- Which secret a code is for ---
 
@@ -65,12 +69,19 @@ StoredSecret SecretAt(const Account& account, Place place)
     return *secret;
 }
 
-// --- The decision ---
+// --- Comparing; inside the transaction that counts the try ---
 
-bool IsTotpCode(std::string_view code)
+enum class Form { None, Totp, Single };
+
+Form FormOf(std::string_view code, Place place)
 {
-    return code.size() == kTotpDigits &&
-           std::all_of(code.begin(), code.end(), [](char c) { return c >= '0' && c <= '9'; });
+    if (!std::all_of(code.begin(), code.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+        return Form::None;
+    }
+    if (code.size() == kTotpDigits) {
+        return Form::Totp;
+    }
+    return code.size() == kCodeDigits && place == Place::Permanent ? Form::Single : Form::None;
 }
 
 bool IsCodeOfStep(const SecretBytes& secret, int64_t step, std::string_view code)
@@ -86,57 +97,184 @@ bool IsCodeOfStep(const SecretBytes& secret, int64_t step, std::string_view code
     return same;
 }
 
-CodeResult CompareTotp(const Account& account, std::string_view code, Place place)
+void OpenOrThrow(const StoredSecret& secret, SecretBytes& bytes)
 {
-    const StoredSecret secret = SecretAt(account, place);
-    SecretBytes bytes;
-    if (!OpenSecret(account.uid, secret.reference, bytes)) {
+    if (!OpenSecret(secret.account, secret.reference, bytes)) {
         throw VaultError(Fault::SecretFile); // retired since
     }
+}
+
+int64_t AcceptedAround()
+{
+    return Setting("otp_strict_window", "no") == "yes" ? 0 : kWindow;
+}
+
+CodeAnswer CompareTotp(Transaction& transaction, const StoredSecret& secret, std::string_view code)
+{
+    SecretBytes bytes;
+    OpenOrThrow(secret, bytes);
     const int64_t present = WallSeconds() / kStepSeconds;
     const int64_t newest = present + kWindow;
-    const int64_t last = LastStep(secret, newest);
-    CodeResult result = CodeResult::Wrong;
-    for (const int64_t step : {present, present - kWindow, newest}) {
+    const int64_t around = AcceptedAround();
+    const int64_t told = ToldStep(secret.account);
+    CodeAnswer answer{CodeResult::Wrong};
+    // The latest first: of steps whose codes are the same, no later one is left for another try.
+    for (int64_t step = present + around; step >= present - around; --step) {
         if (step < 0 || !IsCodeOfStep(bytes, step, code)) {
             continue;
         }
-        if (step > last && AcceptStep(secret, step, newest)) {
-            return CodeResult::Accepted;
+        if (step != told && AcceptStep(transaction, secret, step, newest)) {
+            return {CodeResult::Accepted, 0, Fault::None, CodeKind::Totp};
         }
-        result = CodeResult::Used;
+        answer.result = CodeResult::Used;
     }
-    return result;
+    return answer;
 }
 
-// Counts an attempt before anything is compared. Empty: it may be made.
-std::optional<CodeAnswer> ReserveAttempt(const Account& /*account*/)
+bool IsSame(const CodeDigits& right, std::string_view code)
 {
+    return sodium_memcmp(right.text, code.data(), kCodeDigits) == 0;
+}
+
+// Every code is looked at, so that the time tells nothing about its place.
+CodeAnswer CompareSingle(Transaction& transaction, const StoredSecret& secret, std::string_view code)
+{
+    const std::string* found = nullptr;
+    for (const CodeLine& line : secret.codes) {
+        CodeDigits right;
+        if (!line.spent && OpenCode(secret.account, line.reference, right) && IsSame(right, code)) {
+            found = &line.reference;
+        }
+    }
+    CodeDigits given;
+    const bool isGiven = OpenTemporaryCode(secret.account, given) && IsSame(given, code);
+    if (found != nullptr && SpendCode(transaction, secret, *found)) {
+        return {CodeResult::Accepted, 0, Fault::None, CodeKind::Emergency};
+    }
+    if (isGiven && SpendTemporaryCode(transaction, secret.account)) {
+        return {CodeResult::Accepted, 0, Fault::None, CodeKind::Temporary};
+    }
+    return {CodeResult::Wrong};
+}
+
+// --- The decision ---
+
+std::optional<CodeAnswer> RefusalOf(const SecondStep& counter)
+{
+    if (counter.closed) {
+        return CodeAnswer{CodeResult::Closed};
+    }
+    if (counter.waitSeconds > 0) {
+        return CodeAnswer{CodeResult::Throttled, counter.waitSeconds};
+    }
     return std::nullopt;
+}
+
+// One durable transaction: counted before the comparison, and the count and what came of it stored at once.
+// Until it is stored nobody has learned anything, and a try that ends before was none.
+CodeAnswer CountAndCompare(const Account& account, std::string_view code, Place place, Form form)
+{
+    const StoredSecret secret = SecretAt(account, place);
+    Transaction transaction(SigninDatabase());
+    const SecondStep counter = SecondStepOf(account.uid);
+    if (const auto refusal = RefusalOf(counter)) {
+        return *refusal;
+    }
+    CountFailure(transaction, account.uid);
+    const CodeAnswer answer = form == Form::Totp ? CompareTotp(transaction, secret, code)
+                                                 : CompareSingle(transaction, secret, code);
+    if (answer.result == CodeResult::Used) {
+        return answer; // with the transaction undone: not a guess
+    }
+    std::optional<AuditedGrant> spent;
+    if (answer.result == CodeResult::Accepted) {
+        ForgetFailures(transaction, account.uid);
+        if (answer.kind != CodeKind::Totp) {
+            spent.emplace(answer.kind == CodeKind::Emergency ? AuditEvent::ScratchCodeSpent
+                                                             : AuditEvent::TemporaryCodeSpent,
+                          account, "-");
+        }
+    }
+    transaction.Commit();
+    if (spent) {
+        spent->Committed();
+    }
+    if (answer.result == CodeResult::Wrong && counter.failures + 1 == kFailuresUntilClosed) {
+        Audit(AuditEvent::SecondStepClosed, account);
+    }
+    return answer;
+}
+
+// What ClockOffsetMinutes may be asked about.
+struct CountedWrong {
+    uint64_t request = 0;
+    uint32_t account = 0;
+    Place place = Place::Waiting;
+    std::string code;
+};
+
+CountedWrong& KeptWrong()
+{
+    static CountedWrong kept;
+    return kept;
 }
 
 // The one place where a code is found good. Under the account's lock, with the service's ids.
 CodeAnswer Decide(const Account& account, std::string_view code, Place place)
 {
-    if (!IsTotpCode(code)) {
-        return {CodeResult::Wrong, 0, Fault::None};
+    KeptWrong() = {};
+    const Form form = FormOf(code, place);
+    if (form == Form::None) {
+        return {CodeResult::Wrong};
     }
     CodeAnswer answer;
-    answer.fault = FaultIn([&] {
-        if (const auto refusal = ReserveAttempt(account)) {
-            answer = *refusal;
-        } else {
-            answer.result = CompareTotp(account, code, place);
-        }
-    });
-    if (answer.fault != Fault::None) {
-        NoteFault(answer.fault);
-        return {CodeResult::Fault, 0, answer.fault};
+    const Fault fault = FaultIn([&] { answer = CountAndCompare(account, code, place, form); });
+    if (fault != Fault::None) {
+        NoteFault(fault);
+        return {CodeResult::Fault, 0, fault};
     }
     if (answer.result == CodeResult::Accepted) {
         CurrentRequest().codeOf = account.uid;
     }
+    if (answer.result == CodeResult::Wrong && form == Form::Totp) {
+        KeptWrong() = {CurrentRequest().number, account.uid, place, std::string(code)};
+    }
     return answer;
+}
+
+// --- The hint about the phone's clock ---
+
+// How many steps ahead of the present one the code is, the nearest first; empty: of none near enough.
+std::optional<int64_t> StepsAhead(const SecretBytes& secret, int64_t present, std::string_view code)
+{
+    for (int64_t distance = 1; distance <= kHintSteps; ++distance) {
+        for (const int64_t ahead : {-distance, distance}) {
+            if (present + ahead >= 0 && IsCodeOfStep(secret, present + ahead, code)) {
+                return ahead;
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<int64_t> TellStepsAhead(const Account& account, const CountedWrong& wrong)
+{
+    const StoredSecret secret = SecretAt(account, wrong.place);
+    SecretBytes bytes;
+    OpenOrThrow(secret, bytes);
+    Transaction transaction(SigninDatabase());
+    const int64_t present = WallSeconds() / kStepSeconds;
+    const std::optional<int64_t> ahead = StepsAhead(bytes, present, wrong.code);
+    const bool isLater = ahead.has_value() && *ahead > 0;
+    if (!isLater || wrong.place == Place::Waiting) { // who sets up has seen the secret itself
+        return ahead;
+    }
+    if (ToldStep(account.uid) >= present - kWindow) {
+        return std::nullopt;
+    }
+    NoteToldStep(transaction, account.uid, present + *ahead);
+    transaction.Commit();
+    return ahead;
 }
 
 // Accepted ones show in what they were accepted for.
@@ -227,7 +365,7 @@ CodeAnswer AnswerLibrary(const LibraryQuestion& question)
     }
     const std::optional<Place> place = account.has_value() ? PlaceOf(*account, question.path) : std::nullopt;
     if (!place.has_value()) {
-        return {CodeResult::Wrong, 0, Fault::None};
+        return {CodeResult::Wrong};
     }
     if (*place == Place::Permanent) {
         return VerifyCode(*account, question.code);
@@ -254,9 +392,58 @@ CodeAnswer VerifyCode(const Account& account, std::string_view code)
         return FaultAnswer(state.fault);
     }
     if (state.enrolment == Enrolment::No) {
-        return Audited(account, {CodeResult::Wrong, 0, Fault::None}, "signin");
+        return Audited(account, {CodeResult::Wrong}, "signin");
     }
-    return Audited(account, Decide(account, code, Place::Permanent), "signin");
+    const CodeAnswer answer = Decide(account, code, Place::Permanent);
+    if (answer.kind == CodeKind::Emergency) {
+        Settle(account); // the file loses the spent code's line
+    }
+    return Audited(account, answer, "signin");
+}
+
+std::optional<CodeAnswer> RefusalBeforeCode(const Account& account)
+{
+    const EffectiveIds service = EffectiveIds::Service();
+    if (!service.Changed()) {
+        return FaultAnswer(Fault::StateUnavailable);
+    }
+    std::optional<CodeAnswer> refusal;
+    const Fault fault = FaultIn([&] { refusal = RefusalOf(SecondStepOf(account.uid)); });
+    if (fault != Fault::None) {
+        return FaultAnswer(fault);
+    }
+    return refusal.has_value() ? Audited(account, *refusal, "setup") : refusal;
+}
+
+std::optional<int> ClockOffsetMinutes(const Account& account)
+{
+    const CountedWrong wrong = KeptWrong();
+    KeptWrong() = {};
+    const EffectiveIds service = EffectiveIds::Service();
+    const AccountLock lock(account.uid);
+    if (wrong.request != CurrentRequest().number || wrong.account != account.uid || !service.Changed() ||
+        !lock.Held()) {
+        return std::nullopt;
+    }
+    std::optional<int64_t> ahead;
+    if (FaultIn([&] { ahead = TellStepsAhead(account, wrong); }) != Fault::None || !ahead.has_value()) {
+        return std::nullopt;
+    }
+    const int64_t away = *ahead < 0 ? -*ahead : *ahead;
+    const auto minutes = static_cast<int>((away * kStepSeconds + 30) / 60);
+    return *ahead < 0 ? -minutes : minutes;
+}
+
+std::string MintTemporaryCode(const Account& account, int minutes)
+{
+    const EffectiveIds service = EffectiveIds::Service();
+    if (!service.Changed()) {
+        throw VaultError(Fault::StateUnavailable);
+    }
+    CodeDigits code;
+    DrawCode(code);
+    StoreTemporaryCode(account.uid, code, int64_t{60} * std::clamp(minutes, 1, kLongestTemporaryMinutes));
+    return code.text;
 }
 
 const std::optional<CodeAnswer>& LastLibraryAnswer()

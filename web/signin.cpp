@@ -2,6 +2,7 @@
 #include "web/handlers.h"
 
 #include "linux/accounts.h"
+#include "linux/attempts.h"
 #include "linux/audit.h"
 #include "linux/names.h"
 #include "linux/request.h"
@@ -20,7 +21,7 @@ namespace
 
 // The account whose password it is. Empty when refused, and when that could not be told: the request then
 // holds a fault.
-std::optional<Account> TestPassword(const char* user, const char* password)
+std::optional<Account> ComparePassword(const char* user, const char* password)
 {
     if (!CanonicalName(user)) {
         // Not for the library, which logs such a name as it stands. It costs the work of a wrong password
@@ -38,6 +39,16 @@ std::optional<Account> TestPassword(const char* user, const char* password)
         throw std::runtime_error("the password could not be compared");
     }
     return std::nullopt;
+}
+
+// Counted before it is compared; a right one, and one that could not be compared, is given back.
+std::optional<Account> TestPassword(const PasswordTry& counted, const char* user, const char* password)
+{
+    std::optional<Account> account = ComparePassword(user, password);
+    if (account || CurrentRequest().fault != Fault::None) {
+        GiveBack(counted);
+    }
+    return account;
 }
 
 // A sign-in replaces whatever the cookies stood for.
@@ -87,7 +98,12 @@ Answer SignedIn(const Call& call, const Account& account)
 
 Answer SignIn(Call& call)
 {
-    const std::optional<Account> account = TestPassword(call.Text("user"), call.Text("password"));
+    const PasswordTry counted = CountPassword(call.Text("user"), call.request.clientAddress);
+    if (counted.waitSeconds > 0) {
+        Audit(AuditEvent::PasswordThrottled, call.Text("user"), "signin");
+        return Later(counted.waitSeconds);
+    }
+    const std::optional<Account> account = TestPassword(counted, call.Text("user"), call.Text("password"));
     if (CurrentRequest().fault != Fault::None) {
         return Unavailable();
     }
@@ -113,11 +129,10 @@ Answer SignIn(Call& call)
 
 Answer SignInCode(Call& call)
 {
-    const Account& account = call.session->account;
-    if (std::optional<Answer> refusal = RefuseCode(account, call.Text("code"))) {
+    if (std::optional<Answer> refusal = RefuseCode(*call.session, call.Text("code"))) {
         return std::move(*refusal);
     }
-    return SignedIn(call, account);
+    return SignedIn(call, call.session->account);
 }
 
 std::optional<Answer> RefuseCodeAnswer(const CodeAnswer& answer)
@@ -140,9 +155,24 @@ std::optional<Answer> RefuseCodeAnswer(const CodeAnswer& answer)
     return Unavailable();
 }
 
-std::optional<Answer> RefuseCode(const Account& account, const char* code)
+std::optional<Answer> RefuseCode(const Session& session, const char* code)
 {
-    return RefuseCodeAnswer(VerifyCode(account, code));
+    const CodeAnswer verdict = VerifyCode(session.account, code);
+    std::optional<Answer> refusal = RefuseCodeAnswer(verdict);
+    if (refusal && verdict.result == CodeResult::Wrong) {
+        AddClockHint(session, refusal->body);
+    }
+    return refusal;
+}
+
+void AddClockHint(const Session& session, Json::Value& body)
+{
+    if (session.state == SessionState::CodeRequired) {
+        return;
+    }
+    if (const std::optional<int> minutes = ClockOffsetMinutes(session.account)) {
+        body["clock_ahead_minutes"] = *minutes;
+    }
 }
 
 } // namespace tavr::web

@@ -3,6 +3,7 @@
 #include "web/facts.h"
 #include "web/handlers.h"
 
+#include "linux/attempts.h"
 #include "linux/audit.h"
 #include "linux/cipher.h"
 #include "linux/clock.h"
@@ -39,12 +40,22 @@ struct Step {
     std::optional<Answer> refusal;
 };
 
+// Passwords in a session have a counter of their own, which nobody outside can move.
 std::optional<Answer> RefusePassword(OTPWizardHandler& handler, const Call& call)
 {
     const Request& request = CurrentRequest();
     const Account& account = call.session->account;
+    const PasswordTry counted = CountRepeatedPassword(call.session->id);
+    if (counted.waitSeconds > 0) {
+        Audit(AuditEvent::PasswordThrottled, account, "session");
+        return Later(counted.waitSeconds);
+    }
     const bool accepted = handler.AuthUserAccount(account.name.c_str(), call.Text("password"), false, true);
-    if (accepted && request.passwordOf == account.uid) {
+    const bool right = accepted && request.passwordOf == account.uid;
+    if (right || request.fault != Fault::None) {
+        GiveBack(counted);
+    }
+    if (right) {
         return std::nullopt;
     }
     if (request.fault != Fault::None) {
@@ -233,7 +244,7 @@ std::optional<Answer> RefuseMailWithoutCode(const Call& call, const Step& step)
     if (!call.body.isMember("code")) {
         return Refusal(400, "bad_request");
     }
-    return RefuseCode(call.session->account, call.Text("code"));
+    return RefuseCode(*call.session, call.Text("code"));
 }
 
 } // namespace
@@ -287,7 +298,7 @@ Answer WizardRenew(Call& call)
         return trial;
     }
     const Account& account = call.session->account;
-    if (std::optional<Answer> refusal = RefuseCode(account, call.Text("code"))) {
+    if (std::optional<Answer> refusal = RefuseCode(*call.session, call.Text("code"))) {
         return std::move(*refusal);
     }
     std::string reference;
@@ -338,11 +349,15 @@ Answer WizardConfirm(Call& call)
     if (!MayConfirm(*call.session)) {
         return Refusal(409, "no_setup");
     }
+    if (const std::optional<CodeAnswer> verdict = RefusalBeforeCode(account)) {
+        return std::move(*RefuseCodeAnswer(*verdict));
+    }
     handler.AuthOTPcode(call.Text("code"), account.uid);
     Json::Value response = handler.GetResponse();
     if (std::optional<Answer> refusal = RefuseByVerifier(response)) {
         return std::move(*refusal);
     }
+    AddClockHint(*call.session, response);
     if (CurrentRequest().codeOf == account.uid && !CameToItsPlace(account)) {
         NoteFault(Fault::SecretFile);
         return Unavailable();
@@ -417,7 +432,7 @@ Answer WizardDisable(Call& call)
     if (CurrentRequest().facts->demanded) {
         return Refusal(403, "otp_enforced");
     }
-    if (std::optional<Answer> refusal = RefuseCode(account, call.Text("code"))) {
+    if (std::optional<Answer> refusal = RefuseCode(*call.session, call.Text("code"))) {
         return std::move(*refusal);
     }
     MarkSwitchingOff(

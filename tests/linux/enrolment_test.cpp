@@ -45,12 +45,20 @@ StoredSecret Stored(const Account& account, SecretState state)
     throw std::runtime_error("no such secret");
 }
 
+bool Accept(const StoredSecret& secret, int64_t step)
+{
+    Transaction transaction(SigninDatabase());
+    const bool accepted = AcceptStep(transaction, secret, step, 1000);
+    transaction.Commit();
+    return accepted;
+}
+
 // As after an accepted code, before the file was moved.
 SecretFileText MakeConfirmed(const Account& account)
 {
     const SecretFileText references = Make(account);
     const int64_t step = LastStep(Stored(account, SecretState::Waiting), 1000) + 1;
-    EXPECT_TRUE(AcceptStep(Stored(account, SecretState::Waiting), step, 1000));
+    EXPECT_TRUE(Accept(Stored(account, SecretState::Waiting), step));
     return references;
 }
 
@@ -268,10 +276,10 @@ TEST_F(Settling, AStepStaysUsedWhenTheSecretIsGone)
         Make(alice);
         const StoredSecret next = Stored(alice, SecretState::Waiting);
         EXPECT_EQ(used, LastStep(next, 1000));
-        EXPECT_FALSE(AcceptStep(next, used, 1000));
+        EXPECT_FALSE(Accept(next, used));
         EXPECT_EQ(-1, LastStep(next, used - 1))
             << "but a clock that once ran ahead does not close it for good";
-        EXPECT_TRUE(AcceptStep(next, used + 1, 1000));
+        EXPECT_TRUE(Accept(next, used + 1));
     });
 }
 

@@ -190,6 +190,15 @@ void SetWallClock(int64_t seconds)
     WriteClock(seconds - now.tv_sec, 0);
 }
 
+void SetClocks(int64_t wall, int64_t boot, const std::string& bootId)
+{
+    timespec realtime{};
+    timespec boottime{};
+    clock_gettime(CLOCK_REALTIME, &realtime);
+    clock_gettime(CLOCK_BOOTTIME, &boottime);
+    std::ofstream(kClockFile) << wall - realtime.tv_sec << ' ' << boot - boottime.tv_sec << ' ' << bootId;
+}
+
 void AlignToSecond()
 {
     timespec now{};

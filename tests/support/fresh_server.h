@@ -46,6 +46,9 @@ void SetWallClock(int64_t seconds); // WallSeconds() from now on, running
 void AlignToSecond();               // returns just after a second began
 void AdvanceBootClock(int64_t seconds);
 
+// WallSeconds() and BootSeconds() from now on, running, in a start of the machine that is called so.
+void SetClocks(int64_t wall, int64_t boot, const std::string& bootId);
+
 // The code of a time step, by liboath alone. Six digits.
 std::string CodeOf(const std::string& secretBase32, int64_t step);
 

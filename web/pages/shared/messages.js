@@ -40,6 +40,11 @@ export function text(key, values = {}) {
 
 // What went wrong, for an answer of api.js.
 export function errorText(answer) {
+  const ahead = answer.clock_ahead_minutes;
+  if (ahead) {
+    const key = ahead > 0 ? "common:clock_ahead" : "common:clock_behind";
+    return text(key, { minutes: text("common:minutes", { n: Math.abs(ahead) }) });
+  }
   if (answer.errno && !answer.err) {
     return text(`${answer.errno.section}:${answer.errno.key}`);
   }
