@@ -207,12 +207,17 @@ describe("sign-in", () => {
     const spent = () => server.workers().reduce((sum, pid) =>
       sum + Number(readFileSync(`/proc/${pid}/schedstat`, "utf8").split(" ")[0]), 0);
     const work = async (user) => {
-      server.advance(15 * 60);   // what was tried before does not count any more
-      const start = spent();
-      for (let i = 0; i < 10; ++i) {
-        assertRefused(await send(server.url, "POST", "/api/signin", { body: { user, password: "wrong" } }), 401, "bad_credentials");
+      let sum = 0;
+      for (let round = 0; round < 3; ++round) {
+        server.advance(15 * 60);   // what was tried before does not count any more
+        const start = spent();
+        for (let i = 0; i < 10; ++i) {
+          const answer = await send(server.url, "POST", "/api/signin", { body: { user, password: "wrong" } });
+          assertRefused(answer, 401, "bad_credentials");
+        }
+        sum += spent() - start;
       }
-      return spent() - start;
+      return sum;
     };
     const known = await work("alice");
     for (const user of ["nobody", "a/b", ""]) {
