@@ -148,7 +148,11 @@ std::string Enrol(const Account& account)
     DrawSecret(secret);
     StoreWaiting(account.uid, references, secret);
     const int64_t now = WallSeconds() / kStep;
-    EXPECT_TRUE(AcceptStep(SecretsOf(account.uid).front(), now - 2, now + 1));
+    {
+        Transaction transaction(SigninDatabase());
+        EXPECT_TRUE(AcceptStep(transaction, SecretsOf(account.uid).front(), now - 2, now + 1));
+        transaction.Commit();
+    }
     test::WriteFile(SecretPath(account.name), RenderSecretFile(references));
     EXPECT_EQ(Enrolment::Yes, Settle(account).enrolment);
     return SecretText(account.uid, references.secret);
