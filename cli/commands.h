@@ -35,6 +35,9 @@ void LeaveGroupCommand(const std::string& typedGroup, const std::string& typedUs
 // otp_commands.cpp
 void ShowOtpStatus(const std::string& typedName);
 void ResetOtp(const std::string& typedName);
+void OpenOtp(const std::string& typedName);
+inline constexpr int kMostMinutes = 24 * 60;
+void MakeOtpCode(const std::string& typedName, int minutes);
 
 // session_commands.cpp
 void ListSessionsCommand(const std::string& typedName); // empty: of all users

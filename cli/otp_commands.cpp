@@ -1,7 +1,9 @@
 #include "cli/commands.h"
 #include "cli/console.h"
+#include "linux/attempts.h"
 #include "linux/audit.h"
 #include "linux/enrolment.h"
+#include "linux/verifier.h"
 
 namespace tavr::console
 {
@@ -42,11 +44,50 @@ void ResetOtp(const std::string& typedName)
                           " is marked and its sessions have ended, but the secret is not removed yet: " +
                           FaultText(state.fault));
     }
+    OpenSecondStep(account); // whoever enrols anew begins anew
     Say("removed the second step of " + account.name + " and ended its sessions");
     Json::Value answer;
     answer["user"] = account.name;
     answer["uid"] = account.uid;
     answer["sessions_ended"] = Json::Int64{sessions};
+    Answer(std::move(answer));
+}
+
+void OpenOtp(const std::string& typedName)
+{
+    const Account account = ExistingAccount(typedName);
+    const bool opened = OpenSecondStep(account);
+    if (opened) {
+        Audit(AuditEvent::SecondStepOpened, account);
+    }
+    Say(opened ? "opened the second step of " + account.name
+               : "the second step of " + account.name + " was neither closed nor waiting");
+    Json::Value answer;
+    answer["user"] = account.name;
+    answer["opened"] = opened;
+    Answer(std::move(answer));
+}
+
+// The code is the answer: it goes to standard output and nowhere else.
+void MakeOtpCode(const std::string& typedName, int minutes)
+{
+    const Account account = ExistingAccount(typedName);
+    const EnrolmentState state = Settle(account);
+    if (state.enrolment == Enrolment::Fault) {
+        throw Failure(Exit::Failed, "otp_unavailable",
+                      "it cannot be told whether " + account.name +
+                          " is enrolled: " + FaultText(state.fault));
+    }
+    if (state.enrolment == Enrolment::No) {
+        throw Failure(Exit::NotAllowed, "not_enrolled", account.name + " is not enrolled and needs no code");
+    }
+    const std::string code = MintTemporaryCode(account, minutes);
+    Audit(AuditEvent::TemporaryCodeMade, account);
+    Say(code);
+    Json::Value answer;
+    answer["user"] = account.name;
+    answer["code"] = code;
+    answer["minutes"] = minutes;
     Answer(std::move(answer));
 }
 

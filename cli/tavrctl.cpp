@@ -76,6 +76,7 @@ struct Words {
     std::string mail;
     std::string description;
     std::string handle;
+    int minutes = 10;
     tavr::console::AuditChoice audit;
     bool rootOnly = false;
     bool yes = false;
@@ -222,6 +223,24 @@ void DefineOtpCommands(CLI::App& program, Words& words)
     reset->callback([&words] {
         words.rootOnly = true;
         words.command = [&words] { tavr::console::ResetOtp(words.name); };
+    });
+
+    CLI::App* open =
+        otp->add_subcommand("open", "open a second step that wrong codes have closed")->fallthrough();
+    AddName(open, words);
+    open->callback([&words] {
+        words.rootOnly = true;
+        words.command = [&words] { tavr::console::OpenOtp(words.name); };
+    });
+
+    CLI::App* code = otp->add_subcommand("code", "make a code that is good once, for a while")->fallthrough();
+    AddName(code, words);
+    code->add_option("--minutes", words.minutes, "how long it is good")
+        ->type_name("N")
+        ->check(CLI::Range(1, tavr::console::kMostMinutes));
+    code->callback([&words] {
+        words.rootOnly = true;
+        words.command = [&words] { tavr::console::MakeOtpCode(words.name, words.minutes); };
     });
 }
 

@@ -12,7 +12,7 @@ const kEnough = 24;   // requests, one after the other: every worker answers som
 
 let server;
 before(async () => {
-  const accounts = Object.fromEntries(["alice", "bob", "carol", "dave", "erin", "frank", "grace", "heidi"].map((n) => [n, []]));
+  const accounts = Object.fromEntries(["alice", "bob", "carol", "dave", "erin", "frank", "grace", "heidi", "ivan", "judy"].map((n) => [n, []]));
   server = await startServer({ accounts, workers: 2 });
 });
 after(() => server?.stop());
@@ -75,13 +75,14 @@ test("every step of a person's way is audited once, with the client's address", 
   }), ["password refused 127.0.0.1 session"]);
   assert.deepEqual(await audited("alice", () => client.post("/api/otp/confirm", { password, code: server.wrongCode(key) })),
     ["code refused 127.0.0.1 setup"]);
-  assert.deepEqual(await audited("alice", () => client.post("/api/otp/confirm", { password, code: server.code(key) })),
+  const used = server.code(key);
+  assert.deepEqual(await audited("alice", () => client.post("/api/otp/confirm", { password, code: used })),
     ["enrolment done 127.0.0.1 -", "signin granted 127.0.0.1 enrolment"]);
   assert.deepEqual(await audited("alice", () => client.post("/api/otp/mail", { password, mail: "alice@home.example" })),
     ["recovery-address changed 127.0.0.1 -"]);
 
   const next = await signIn(server, "alice");
-  assert.deepEqual(await audited("alice", () => next.post("/api/signin/code", { code: server.code(key) })),
+  assert.deepEqual(await audited("alice", () => next.post("/api/signin/code", { code: used })),
     ["code replayed 127.0.0.1 signin"]);
   server.advance(30);
   assert.deepEqual(await audited("alice", () => next.post("/api/signin/code", { code: server.wrongCode(key) })),
@@ -201,6 +202,50 @@ test("an administrator's reset takes the second step and the sessions away", asy
   assert.equal((await attempt("dave", server.passwords.dave)).json.state, "code_required");
 });
 
+test("a waiting second step is opened, and a code given out is good once", async () => {
+  const key = await enrol(await signIn(server, "ivan"), "ivan");
+  const half = await signIn(server, "ivan");
+  for (let i = 0; i < 5; ++i) {
+    assert.equal((await half.post("/api/signin/code", { code: server.wrongCode(key) })).status, 401);
+  }
+  assert.equal((await half.post("/api/signin/code", { code: server.code(key) })).status, 429);
+  assert.equal(tavrctl("otp", "open", "Ivan"), "opened the second step of ivan\n");
+  assert.equal((await half.post("/api/signin/code", { code: server.code(key) })).json.state, "signed_in");
+  server.advance(30);
+  assert.equal(JSON.parse(tavrctl("otp", "open", "ivan", "--json")).opened, false);
+
+  const former = tavrctl("otp", "code", "ivan").trim();
+  const code = tavrctl("otp", "code", "ivan", "--minutes", "5").trim();
+  assert.match(code, /^\d{8}$/);
+  const [first, second] = [await signIn(server, "ivan"), await signIn(server, "ivan")];
+  assert.equal((await first.post("/api/signin/code", { code: former })).status, 401);
+  assert.equal((await first.post("/api/signin/code", { code })).json.state, "signed_in");
+  assert.equal((await second.post("/api/signin/code", { code })).status, 401);
+  const late = tavrctl("otp", "code", "ivan", "--minutes", "1").trim();
+  server.advance(61);
+  assert.equal((await second.post("/api/signin/code", { code: late })).status, 401);
+  assert.deepEqual(rows("ivan").map(words).filter((w) => /^(second-step|temporary-code)/.test(w)),
+    ["second-step opened console -", "temporary-code made console -", "temporary-code made console -",
+      "temporary-code spent 127.0.0.1 -", "temporary-code made console -"]);
+  const text = JSON.stringify(rows("ivan")) + server.log();
+  assert.ok([former, code, late].every((one) => !text.includes(one)));
+});
+
+test("a second step is closed after 50 wrong codes in a row, which is audited once", async () => {
+  const key = await enrol(await signIn(server, "judy"), "judy");
+  for (let i = 0; i < 50; ++i) {
+    const half = await signIn(server, "judy");
+    assert.equal((await half.post("/api/signin/code", { code: server.wrongCode(key) })).status, 401, `${i}`);
+    server.advance(i < 4 ? 1 : 3601);
+  }
+  const half = await signIn(server, "judy");
+  assert.equal((await half.post("/api/signin/code", { code: server.code(key) })).json.err, "otp_closed");
+  assert.deepEqual(rows("judy").map(words).filter((w) => w.startsWith("second-step")), ["second-step closed 127.0.0.1 -"]);
+  assert.match(server.log(), /audit: event=code outcome=closed address=127\.0\.0\.1 .*account="judy"/);
+  tavrctl("otp", "open", "judy");
+  assert.equal((await half.post("/api/signin/code", { code: server.code(key) })).json.state, "signed_in");
+});
+
 test("sessions are listed with what they are, and ended one by one or all", async () => {
   const list = (...name) => JSON.parse(tavrctl("session", "list", ...name, "--json")).sessions;
   assert.deepEqual(list("erin"), []);
@@ -242,7 +287,10 @@ test("an account made anew under the same name inherits nothing", async () => {
   const key = await enrol(await signIn(server, "grace"), "grace");
   const live = await signInWithCode("grace", key);
   const half = await signIn(server, "grace");
-  await half.post("/api/signin/code", { code: server.wrongCode(key) });
+  for (let i = 0; i < 5; ++i) {
+    await half.post("/api/signin/code", { code: server.wrongCode(key) });
+  }
+  assert.equal((await half.post("/api/signin/code", { code: server.code(key) })).status, 429);
   const uid = (await live.get("/api/session")).json.uid;
   assert.ok(existsSync(`${kPreferences}/grace/otp_secret`));
 

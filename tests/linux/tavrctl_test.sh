@@ -161,6 +161,16 @@ is 0 'removed the second step of alice and ended its sessions' tavrctl otp reset
 is 0 '{"sessions_ended":0,"success":true,"uid":1026,"user":"alice"}' tavrctl otp reset alice --json --yes
 is 3 '*no user carol' tavrctl otp reset carol
 
+is 0 'the second step of alice was neither closed nor waiting' tavrctl otp open Alice
+is 0 '{"opened":false,"success":true,"user":"alice"}' tavrctl otp open alice --json
+is 3 '*no user carol' tavrctl otp open carol
+is 4 'tavrctl: alice is not enrolled and needs no code' tavrctl otp code alice
+is 4 '*"err":"not_enrolled"*' tavrctl otp code alice --minutes 5 --json
+is 3 '*no user carol' tavrctl otp code carol
+for minutes in 0 1441 -5 x ''; do
+    is 2 '*' tavrctl otp code alice "--minutes=$minutes"
+done
+
 # --- Disabled users ---
 is 0 'disabled user bob and ended its sessions' tavrctl user disable Bob
 is 0 $'*1029\tbob\tadministrator,disabled\t*' tavrctl user list
@@ -251,7 +261,7 @@ as() { setpriv --reuid "$1" --regid "$1" --clear-groups "${@:2}"; }
 is 0 $'1026\talice*' as 64217 tavrctl user list
 is 4 '*must be run by root' as 64217 tavrctl setup
 is 4 '*must be run by root or by tavr-web' as 1000 tavrctl user list
-for command in audit 'otp reset bob' 'session list' 'session end bob' 'session end --id 0123456789abcdef' 'user disable bob' 'user enable bob'; do
+for command in audit 'otp reset bob' 'otp open bob' 'otp code bob' 'session list' 'session end bob' 'session end --id 0123456789abcdef' 'user disable bob' 'user enable bob'; do
     # shellcheck disable=SC2086   # words
     is 4 'tavrctl: must be run by root' as 64217 tavrctl $command
 done
