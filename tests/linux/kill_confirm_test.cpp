@@ -1,6 +1,7 @@
 // A confirmation that is killed at any system call between the accepted code and its answer leaves the
 // account either not enrolled and able to try again, or enrolled and able to sign in: each with the app's
-// next code.
+// next code. One that confirms a renewal leaves an account that the next code of the old key or of the new
+// one opens, and no other, and never one that the password alone opens.
 //
 // Every process of the confirmation is killed at once, `mv` included, as by a power cut. The temporary and
 // the permanent place lie on two file systems here, so that the move is a copy.
@@ -11,8 +12,10 @@
 #include "linux/machine_key.h"
 #include "linux/names.h"
 #include "linux/request.h"
+#include "linux/secret_file.h"
 #include "linux/verifier.h"
 #include "otp/OTPWizardHandler.h"
+#include "otp/OTPutils.h"
 #include "tests/support/stepper.h"
 
 #include <gtest/gtest.h>
@@ -34,10 +37,12 @@ namespace fs = std::filesystem;
 constexpr char kName[] = "alice";
 constexpr char kPassword[] = "a password";
 constexpr int kServiceId = 64217;
+constexpr long kStrideOfRenewal = 5; // of many stops; KILL_STRIDE=1 takes every one
 
 // What a run may change, and where it is kept meanwhile.
 const char* const kPlaces[] = {"/var/lib/tavr", "/usr/tavr/etc", "/tmp"};
 constexpr char kKept[] = "/run/kept";
+constexpr char kClockFile[] = "/run/tavr-test-clock";
 
 void Shell(const std::string& command)
 {
@@ -54,7 +59,7 @@ void CopyPlaces(const std::string& from, const std::string& to)
 
 void SetClock(int seconds)
 {
-    std::ofstream("/run/tavr-test-clock") << seconds << ' ' << seconds << '\n';
+    std::ofstream(kClockFile) << seconds << ' ' << seconds << '\n';
 }
 
 // As a worker: real and effective ids the service's, saved ones root's.
@@ -126,6 +131,55 @@ int Confirm(const std::string& key)
     return end == tavr::Enrolment::Yes ? 0 : 1;
 }
 
+// --- Keys come back from a worker through a pipe ---
+
+constexpr size_t kKeySize = 32;
+
+std::string KeyFromWorker(const std::function<std::string()>& make)
+{
+    int ends[2];
+    if (pipe(ends) != 0) {
+        return {};
+    }
+    const int status = InWorker([&] {
+        const std::string key = make();
+        return write(ends[1], key.data(), key.size()) == kKeySize ? 0 : 1;
+    });
+    close(ends[1]);
+    char key[kKeySize + 1] = {};
+    const bool whole = status == 0 && read(ends[0], key, kKeySize) == kKeySize;
+    close(ends[0]);
+    return whole ? key : "";
+}
+
+// The page that shows the key. The tool takes the account's lock.
+std::string ShowPage()
+{
+    const auto account = tavr::FindAccount(kName);
+    if (!tavr::MakePreferenceDirectory(*account)) {
+        return {};
+    }
+    tavr::StartRequest();
+    tavr::NameAccountToCipher(*account);
+    OTPWizardHandler handler;
+    handler.AuthUserAccount(kName, kPassword, false, true);
+    handler.GetQRcodePage(kName, account->uid);
+    return handler.GetResponse()["key"].asString();
+}
+
+// A new secret beside the active one, as a renewal makes it.
+std::string MakeSecondKey()
+{
+    const auto account = tavr::FindAccount(kName);
+    tavr::StartRequest();
+    std::string reference;
+    std::string path;
+    if (OTPUtils::CreateSecretKey(account->uid, reference, path) != 0) {
+        return {};
+    }
+    return tavr::SecretText(account->uid, tavr::BareReference(reference));
+}
+
 // 0: as it has to be. What the person does next: signs in when enrolled, else tries again with the next code.
 int NextCodeWorks(const std::string& key)
 {
@@ -142,6 +196,31 @@ int NextCodeWorks(const std::string& key)
     return 5;
 }
 
+bool IsGood(const std::string& key)
+{
+    const auto account = tavr::FindAccount(kName);
+    tavr::StartRequest();
+    return tavr::VerifyCode(*account, CodeNow(key)).result == tavr::CodeResult::Accepted;
+}
+
+// 0: as it has to be: enrolled, with either key. With the old one the renewal can be confirmed again.
+int OneOfBothWorks(const std::string& former, const std::string& next)
+{
+    const auto account = tavr::FindAccount(kName);
+    tavr::StartRequest();
+    if (tavr::Settle(*account).enrolment != tavr::Enrolment::Yes) {
+        return 2;
+    }
+    if (IsGood(next)) {
+        return IsGood(former) ? 3 : 0;
+    }
+    if (!IsGood(former)) {
+        return 4;
+    }
+    SetClock(90);
+    return Confirm(next) == 0 && !IsGood(former) ? 0 : 5;
+}
+
 class KilledConfirmation : public testing::Test
 {
 protected:
@@ -151,62 +230,62 @@ protected:
         ASSERT_EQ(0, InChild([] { return tavr::CreateMachineKey() == tavr::MakeKey::Made ? 0 : 1; }));
         ASSERT_EQ(0, InWorker([] { return tavr::AddAccount({kName, "", "", false}, kPassword) ? 0 : 1; }));
         SetClock(0);
-        // The page that shows the key; its text comes back through a pipe. The tool takes the account's lock.
-        int ends[2];
-        ASSERT_EQ(0, pipe(ends));
-        ASSERT_EQ(0, InWorker([&] {
-                      const auto account = tavr::FindAccount(kName);
-                      if (!tavr::MakePreferenceDirectory(*account)) {
-                          return 1;
-                      }
-                      tavr::StartRequest();
-                      tavr::NameAccountToCipher(*account);
-                      OTPWizardHandler handler;
-                      handler.AuthUserAccount(kName, kPassword, false, true);
-                      handler.GetQRcodePage(kName, account->uid);
-                      const std::string key = handler.GetResponse()["key"].asString();
-                      return write(ends[1], key.data(), key.size()) == 32 ? 0 : 2;
-                  }));
-        char key[33] = {};
-        ASSERT_EQ(32, read(ends[0], key, 32));
-        key_ = key;
+        fs::permissions(kClockFile, fs::perms(0666)); // for workers
+        key_ = KeyFromWorker(ShowPage);
+        ASSERT_EQ(kKeySize, key_.size());
         CopyPlaces("", kKept);
     }
 
-    void ExpectNextCodeWorksAfterKillAt(long stop, long& stops)
+    // Confirms `key`, killed at a stop; half a minute later `check` has to give 0 in a worker. Gives the
+    // stops.
+    long KillAndCheck(long stop, const std::string& key, const std::function<int()>& check)
     {
         CopyPlaces(kKept, "");
-        SetClock(0);
-        const tavr::test::Steps steps = tavr::test::RunKilledAt(stop, [this] {
+        SetClock(confirmedAt_);
+        const tavr::test::Steps steps = tavr::test::RunKilledAt(stop, [&] {
             BecomeWorker();
-            return Confirm(key_);
+            return Confirm(key);
         });
-        stops = steps.stops;
-        if (!steps.killed) {
-            ASSERT_EQ(0, steps.exitStatus);
+        EXPECT_TRUE(steps.killed || steps.exitStatus == 0) << steps.exitStatus;
+        SetClock(confirmedAt_ + 30);
+        EXPECT_EQ(0, InWorker(check)) << "killed at stop " << stop;
+        return steps.stops;
+    }
+
+    // At every stop, or at every KILL_STRIDE-th.
+    void KillEverywhere(long stride, const std::string& key, const std::function<int()>& check)
+    {
+        const char* const text = std::getenv("KILL_STRIDE"); // NOLINT(concurrency-mt-unsafe)
+        stride = text != nullptr ? std::atol(text) : stride; // NOLINT(cert-err34-c)
+        const long all = KillAndCheck(-1, key, check);
+        ASSERT_GT(all, 200);
+        long killed = 0;
+        for (long stop = 0; stop < all && !HasFailure(); stop += stride) {
+            KillAndCheck(stop, key, check);
+            ++killed;
         }
-        SetClock(30);
-        ASSERT_EQ(0, InWorker([this] { return NextCodeWorks(key_); })) << "killed at stop " << stop;
+        RecordProperty("killed_runs", static_cast<int>(killed));
+        std::printf("%ld runs killed, at every %ld. of %ld stops\n", killed, stride, all);
     }
 
     std::string key_;
+    int confirmedAt_ = 0;
 };
 
 TEST_F(KilledConfirmation, LeavesAnAccountThatTheNextCodeOpens)
 {
-    const char* const strideText = std::getenv("KILL_STRIDE");             // NOLINT(concurrency-mt-unsafe)
-    const long stride = strideText != nullptr ? std::atol(strideText) : 1; // NOLINT(cert-err34-c)
-    long stops = 0;
-    ExpectNextCodeWorksAfterKillAt(-1, stops);
-    const long all = stops;
-    ASSERT_GT(all, 200);
-    long killed = 0;
-    for (long stop = 0; stop < all && !HasFatalFailure(); stop += stride) {
-        ExpectNextCodeWorksAfterKillAt(stop, stops);
-        ++killed;
-    }
-    RecordProperty("killed_runs", static_cast<int>(killed));
-    std::printf("%ld runs killed, at every %ld. of %ld stops\n", killed, stride, all);
+    KillEverywhere(1, key_, [this] { return NextCodeWorks(key_); });
+}
+
+TEST_F(KilledConfirmation, OfARenewalLeavesTheOldKeyOrTheNewOne)
+{
+    ASSERT_EQ(0, InWorker([this] { return Confirm(key_); }));
+    const std::string second = KeyFromWorker(MakeSecondKey);
+    ASSERT_EQ(kKeySize, second.size());
+    ASSERT_NE(key_, second);
+    CopyPlaces("", kKept);
+    confirmedAt_ = 30;
+    KillEverywhere(kStrideOfRenewal, second, [&] { return OneOfBothWorks(key_, second); });
 }
 
 } // namespace
