@@ -338,6 +338,41 @@ TEST_F(Routes, GiveAnEndedSessionNothingWhicheverCookieItComesIn)
     });
 }
 
+TEST_F(Routes, FindNobodyByACookieThatComesTwiceOrIsTooLong)
+{
+    AsWorker([] {
+        const Somebody planted = SomebodyWhoIs(SignedInWithCode);
+        for (const Row& row : kRows) {
+            for (const State state : {PasswordOnly, EnrolmentDemanded, SignedInWithCode}) {
+                const Somebody somebody = SomebodyWhoIs(state);
+                const std::string name = somebody.sid.empty() ? "pending" : "sid";
+                const std::string own = name + '=' + somebody.sid + somebody.pending;
+                for (const std::string& cookies : {own + "; " + own, own + "; " + name + '=' + planted.sid,
+                                                   name + '=' + planted.sid + ";" + own,
+                                                   own + "; " + name + "=", own + std::string(8192, 'a')}) {
+                    HttpRequest http = RequestOf(row, somebody);
+                    http.cookies = cookies;
+                    EXPECT_EQ(row.expected[Nobody], Said(Ask(http, FullBody(somebody))))
+                        << row.path << ' ' << cookies.substr(0, 200);
+                }
+            }
+        }
+    });
+}
+
+TEST_F(Routes, FindASessionBesideEightKibibytesOfOtherCookies)
+{
+    AsWorker([] {
+        for (const Row& row : kRows) {
+            const Somebody somebody = SomebodyWhoIs(SignedInWithCode);
+            HttpRequest http = RequestOf(row, somebody);
+            http.cookies =
+                "a=" + std::string(8192, 'b') + "; " + http.cookies + "; c=" + std::string(8192, 'd');
+            EXPECT_EQ(row.expected[SignedInWithCode], Said(Ask(http, FullBody(somebody)))) << row.path;
+        }
+    });
+}
+
 // --- Every change, every wrong way to ask for it
 // ----------------------------------------------------------------
 
