@@ -112,6 +112,7 @@ describe("renewing", () => {
           assert.equal((await dora.client.get("/api/session")).status, 200);
         }
       },
+      "by a restart": () => server.restartWeb(),
       "by a renewal elsewhere": async () => {
         const other = await Wizard.start(server, "dora");
         other.client = await signInWithCode(server, "dora", dora.key);

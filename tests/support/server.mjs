@@ -34,6 +34,7 @@ class Server {
   passwords = {};
   clockOffset = 0;
   #processes = [];
+  #workers = 0;
 
   async start(accounts, workers) {
     this.#spawn("busybox", ["syslogd", "-n", "-O", kLogFile]);
@@ -46,24 +47,25 @@ class Server {
     }
     const port = await freePort();
     this.url = `http://127.0.0.1:${port}`;
+    this.#workers = workers;
     this.web = this.#spawn("tavr-otp-web", ["--workers", String(workers)]);
     this.lighttpd = this.#spawn("lighttpd", ["-D", "-f", "/usr/share/tavr-otp/lighttpd.conf"],
       { ...process.env, TAVR_PORT: String(port) });
-    await this.#until(async () => {
-      const answer = await fetch(`${this.url}/api/session`).catch(() => null);
-      await answer?.body?.cancel();
-      return answer?.status === 401;
-    }, "the web program");
+    await this.#untilServed();
+  }
+
+  // Ends the web program and starts it anew, beside the same web server.
+  async restartWeb() {
+    this.#processes = this.#processes.filter((child) => child !== this.web);
+    await end(this.web);
+    this.web = this.#spawn("tavr-otp-web", ["--workers", String(this.#workers)]);
+    await this.#untilServed();
   }
 
   // Ends what was started last first, and waits for it.
   async stop() {
     for (const child of this.#processes.reverse()) {
-      if (child.exitCode === null && child.signalCode === null) {
-        const ended = new Promise((resolve) => child.once("exit", resolve));
-        child.kill("SIGTERM");
-        await ended;
-      }
+      await end(child);
     }
     this.#processes = [];
     rmSync(kClockFile, { force: true });
@@ -104,6 +106,14 @@ class Server {
     return child;
   }
 
+  #untilServed() {
+    return this.#until(async () => {
+      const answer = await fetch(`${this.url}/api/session`).catch(() => null);
+      await answer?.body?.cancel();
+      return answer?.status === 401;
+    }, "the web program");
+  }
+
   async #until(ready, what) {
     const end = Date.now() + kStartMs;
     while (!await ready()) {
@@ -113,6 +123,14 @@ class Server {
       }
       await sleep(20);
     }
+  }
+}
+
+async function end(child) {
+  if (child.exitCode === null && child.signalCode === null) {
+    const ended = new Promise((resolve) => child.once("exit", resolve));
+    child.kill("SIGTERM");
+    await ended;
   }
 }
 
