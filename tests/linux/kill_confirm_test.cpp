@@ -13,6 +13,7 @@
 #include "linux/names.h"
 #include "linux/request.h"
 #include "linux/secret_file.h"
+#include "linux/session.h"
 #include "linux/verifier.h"
 #include "otp/OTPWizardHandler.h"
 #include "otp/OTPutils.h"
@@ -37,7 +38,7 @@ namespace fs = std::filesystem;
 constexpr char kName[] = "alice";
 constexpr char kPassword[] = "a password";
 constexpr int kServiceId = 64217;
-constexpr long kStrideOfRenewal = 5; // of many stops; KILL_STRIDE=1 takes every one
+constexpr long kStride = 5; // after the first enrolment; KILL_STRIDE=1 takes every stop
 
 // What a run may change, and where it is kept meanwhile.
 const char* const kPlaces[] = {"/var/lib/tavr", "/usr/tavr/etc", "/tmp"};
@@ -221,11 +222,42 @@ int OneOfBothWorks(const std::string& former, const std::string& next)
     return Confirm(next) == 0 && !IsGood(former) ? 0 : 5;
 }
 
+int SwitchOff(const std::string& key)
+{
+    const auto account = tavr::FindAccount(kName);
+    tavr::StartRequest();
+    const std::string code = CodeNow(key);
+    tavr::test::MarkStart();
+    if (tavr::VerifyCode(*account, code).result != tavr::CodeResult::Accepted) {
+        return 1;
+    }
+    tavr::MarkSwitchingOff(account->uid);
+    return tavr::Settle(*account).enrolment == tavr::Enrolment::No ? 0 : 2;
+}
+
+// 0: enrolled as before, with its session and its next code; or not enrolled, and nothing is left.
+int WhollyOnOrOff(const std::string& key)
+{
+    const auto account = tavr::FindAccount(kName);
+    tavr::StartRequest();
+    const tavr::Enrolment enrolment = tavr::Settle(*account).enrolment;
+    if (enrolment == tavr::Enrolment::Fault) {
+        return 2;
+    }
+    const bool on = enrolment == tavr::Enrolment::Yes;
+    if (on != (tavr::EndSessionsOf(account->uid) == 1)) {
+        return 3;
+    }
+    const bool found = tavr::FindSecretFile(*account).found == tavr::Found::Text;
+    return found == on && IsGood(key) == on ? 0 : 4;
+}
+
 class KilledConfirmation : public testing::Test
 {
 protected:
     void SetUp() override
     {
+        Shell("rm -rf /etc/tavr/otp.key /tmp/OTP_* /usr/tavr/etc/preference/* /var/lib/tavr/*");
         Shell("install -d -o 64217 -g 64217 -m 0700 /var/lib/tavr /usr/tavr/etc /usr/tavr/etc/preference");
         ASSERT_EQ(0, InChild([] { return tavr::CreateMachineKey() == tavr::MakeKey::Made ? 0 : 1; }));
         ASSERT_EQ(0, InWorker([] { return tavr::AddAccount({kName, "", "", false}, kPassword) ? 0 : 1; }));
@@ -236,32 +268,31 @@ protected:
         CopyPlaces("", kKept);
     }
 
-    // Confirms `key`, killed at a stop; half a minute later `check` has to give 0 in a worker. Gives the
-    // stops.
-    long KillAndCheck(long stop, const std::string& key, const std::function<int()>& check)
+    // Half a minute after `work` was killed at a stop, `check` has to give 0 in a worker. Gives the stops.
+    long KillAndCheck(long stop, const std::function<int()>& work, const std::function<int()>& check)
     {
         CopyPlaces(kKept, "");
-        SetClock(confirmedAt_);
+        SetClock(workAt_);
         const tavr::test::Steps steps = tavr::test::RunKilledAt(stop, [&] {
             BecomeWorker();
-            return Confirm(key);
+            return work();
         });
         EXPECT_TRUE(steps.killed || steps.exitStatus == 0) << steps.exitStatus;
-        SetClock(confirmedAt_ + 30);
+        SetClock(workAt_ + 30);
         EXPECT_EQ(0, InWorker(check)) << "killed at stop " << stop;
         return steps.stops;
     }
 
     // At every stop, or at every KILL_STRIDE-th.
-    void KillEverywhere(long stride, const std::string& key, const std::function<int()>& check)
+    void KillEverywhere(long stride, const std::function<int()>& work, const std::function<int()>& check)
     {
         const char* const text = std::getenv("KILL_STRIDE"); // NOLINT(concurrency-mt-unsafe)
         stride = text != nullptr ? std::atol(text) : stride; // NOLINT(cert-err34-c)
-        const long all = KillAndCheck(-1, key, check);
-        ASSERT_GT(all, 200);
+        const long all = KillAndCheck(-1, work, check);
+        ASSERT_GT(all, 100);
         long killed = 0;
         for (long stop = 0; stop < all && !HasFailure(); stop += stride) {
-            KillAndCheck(stop, key, check);
+            KillAndCheck(stop, work, check);
             ++killed;
         }
         RecordProperty("killed_runs", static_cast<int>(killed));
@@ -269,12 +300,13 @@ protected:
     }
 
     std::string key_;
-    int confirmedAt_ = 0;
+    int workAt_ = 0;
 };
 
 TEST_F(KilledConfirmation, LeavesAnAccountThatTheNextCodeOpens)
 {
-    KillEverywhere(1, key_, [this] { return NextCodeWorks(key_); });
+    KillEverywhere(
+        1, [this] { return Confirm(key_); }, [this] { return NextCodeWorks(key_); });
 }
 
 TEST_F(KilledConfirmation, OfARenewalLeavesTheOldKeyOrTheNewOne)
@@ -284,8 +316,23 @@ TEST_F(KilledConfirmation, OfARenewalLeavesTheOldKeyOrTheNewOne)
     ASSERT_EQ(kKeySize, second.size());
     ASSERT_NE(key_, second);
     CopyPlaces("", kKept);
-    confirmedAt_ = 30;
-    KillEverywhere(kStrideOfRenewal, second, [&] { return OneOfBothWorks(key_, second); });
+    workAt_ = 30;
+    KillEverywhere(
+        kStride, [&] { return Confirm(second); }, [&] { return OneOfBothWorks(key_, second); });
+}
+
+TEST_F(KilledConfirmation, OrSwitchingOffLeavesAnAccountThatIsEnrolledOrNot)
+{
+    ASSERT_EQ(0, InWorker([this] { return Confirm(key_); }));
+    ASSERT_EQ(0, InWorker([] {
+                  tavr::EndSessionsOf(tavr::FindAccount(kName)->uid);
+                  tavr::OpenPending(*tavr::FindAccount(kName), tavr::SessionState::CodeRequired);
+                  return 0;
+              }));
+    CopyPlaces("", kKept);
+    workAt_ = 30;
+    KillEverywhere(
+        kStride, [this] { return SwitchOff(key_); }, [this] { return WhollyOnOrOff(key_); });
 }
 
 } // namespace
