@@ -29,7 +29,7 @@ function usedInPages() {
 }
 
 function sentByRoutes() {
-  const routes = filesIn(join(source, "web"), ".cpp").map(read).join("\n");
+  const routes = [".cpp", ".h"].flatMap((ends) => filesIn(join(source, "web"), ends)).map(read).join("\n");
   return [
     ...all(/Refusal\(\s*\d+,\s*"([a-z_]+)"/g, routes),
     ...all(/\["err"\] = "([a-z_]+)"/g, routes),
