@@ -4,7 +4,9 @@ import test, { after, before } from "node:test";
 
 import { newVisitor, readQr, startBrowser } from "../support/browser.mjs";
 import { startServer } from "../support/server.mjs";
-import { atOverview, atStep, errorAt, givePassword, shownKey, signIn, signOut, startSetup, typeCode } from "./steps.mjs";
+import {
+  atOverview, atStep, errorAt, givePassword, shownKey, signIn, signOut, startSetup, tabTo as walkTo, typeCode,
+} from "./steps.mjs";
 
 let server;
 let browser;
@@ -110,16 +112,7 @@ test("the same with the keyboard alone", async (t) => {
   const password = server.passwords.bob;
   const press = (key) => page.keyboard.press(key);
   const type = (text) => page.keyboard.type(text);
-  // Walks on until the focus is where a person wants it; a place that cannot be reached is a failure.
-  const tabTo = async (selector) => {
-    for (let i = 0; i < 30; ++i) {
-      if (await page.evaluate((wanted) => document.activeElement?.matches(wanted), selector)) {
-        return;
-      }
-      await press("Tab");
-    }
-    assert.fail(`the keyboard does not reach ${selector}`);
-  };
+  const tabTo = (selector) => walkTo(page, selector);
 
   await page.goto("/");
   await page.waitForSelector("#password-form:visible");

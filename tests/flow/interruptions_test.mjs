@@ -133,6 +133,7 @@ test("a session that ends in the middle leads back to the sign-in with words", a
   await page.click("[data-action=scanned]");
   await atStep(page, "code");
   server.advance(16 * 60);
+  await page.clock.setFixedTime(Date.now() + 16 * 60 * 1000);
   await typeCode(page, server.code(key));
   await page.waitForSelector("#password-form:visible");
   assert.equal(await page.textContent("#message"), "Your session has ended. Please sign in again.");
@@ -285,9 +286,9 @@ test("a fault before the QR code stands on the password step of a demanded enrol
 test("every refusal of the sign-in has its words in its place", async (t) => {
   const page = await visit(t);
   for (const [status, err, headers, place, words] of [
-    [429, "too_many_attempts", { "Retry-After": "90" }, "#password-error", "Too many attempts. Please wait 2 minutes and try again."],
-    [429, "too_many_attempts", { "Retry-After": "60" }, "#password-error", "Too many attempts. Please wait 1 minute and try again."],
-    [429, "too_many_attempts", { "Retry-After": "30" }, "#password-error", "Too many attempts. Please wait 30 seconds and try again."],
+    [429, "too_many_attempts", { "Retry-After": "90" }, "#password-error", "Too many attempts. You can try again in 1 minute 30 seconds."],
+    [429, "too_many_attempts", { "Retry-After": "60" }, "#password-error", "Too many attempts. You can try again in 1 minute."],
+    [429, "too_many_attempts", { "Retry-After": "30" }, "#password-error", "Too many attempts. You can try again in 30 seconds."],
     [503, "otp_unavailable", {}, "#message", "Two-step sign-in cannot be checked at the moment."],
     [503, "busy", { "Retry-After": "1" }, "#message", "The server is busy."],
     [500, "internal", {}, "#message", "Something went wrong on the server."],

@@ -1,14 +1,11 @@
 // Every step in light and dark, in a small window and a large one: a screenshot of each, nothing wider than the
 // window, and nothing that axe finds fault with.
 import assert from "node:assert/strict";
-import { join } from "node:path";
 import test, { after, before } from "node:test";
 
-import { accessibilityFindings, kScreenshots, newVisitor, startBrowser } from "../support/browser.mjs";
+import { kWindows, looker, newVisitor, startBrowser } from "../support/browser.mjs";
 import { startServer } from "../support/server.mjs";
 import { atOverview, atStep, errorAt, signIn, signOut, startSetup, typeCode } from "./steps.mjs";
-
-const kWindows = [360, 1280].flatMap((width) => ["light", "dark"].map((colorScheme) => ({ width, colorScheme })));
 
 let server;
 let browser;
@@ -24,29 +21,6 @@ after(async () => {
   await browser?.close();
   await server?.stop();
 });
-
-// Gives a function that looks at the page as it stands.
-function looker(page, name, findings) {
-  let count = 0;
-  return async (what) => {
-    count += 1;
-    await page.screenshot({
-      path: join(kScreenshots, `${name}-${String(count).padStart(2, "0")}-${what}.png`), fullPage: true, animations: "disabled",
-    });
-    findings.push(...(await accessibilityFindings(page)).map((finding) => `${what}: ${finding}`));
-    const { wide, headings, nameless } = await page.evaluate(() => ({
-      wide: document.documentElement.scrollWidth - window.innerWidth,
-      headings: document.querySelectorAll("h1").length,
-      nameless: [...document.querySelectorAll("h1, h2")].filter((h) => h.checkVisibility() && !h.textContent).length,
-    }));
-    if (wide > 0) {
-      findings.push(`${what}: ${wide} pixels wider than the window`);
-    }
-    if (headings !== 1 || nameless) {
-      findings.push(`${what}: ${headings} main headings, ${nameless} without text`);
-    }
-  };
-}
 
 for (const { width, colorScheme } of kWindows) {
   test(`every step at ${width} pixels, ${colorScheme}`, async (t) => {

@@ -72,3 +72,14 @@ export async function errorAt(page, id) {
   assert.equal(await page.evaluate(() => document.activeElement.id), id, "focus on the field");
   return page.textContent(`#${id}-error`);
 }
+
+// Walks on with the tabulator until the focus is where a person wants it; a place that cannot be reached is a failure.
+export async function tabTo(page, selector) {
+  for (let i = 0; i < 30; ++i) {
+    if (await page.evaluate((wanted) => document.activeElement?.matches(wanted), selector)) {
+      return;
+    }
+    await page.keyboard.press("Tab");
+  }
+  assert.fail(`the keyboard does not reach ${selector}`);
+}

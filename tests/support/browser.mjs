@@ -61,6 +61,33 @@ export async function accessibilityFindings(page) {
   return violations.flatMap(({ id, nodes }) => nodes.map((node) => `${id}: ${node.target} ${node.failureSummary}`));
 }
 
+// The windows and colours that every page is looked at in.
+export const kWindows = [360, 1280].flatMap((width) => ["light", "dark"].map((colorScheme) => ({ width, colorScheme })));
+
+// Gives a function that looks at the page as it stands: a screenshot of it, nothing wider than the window, nothing
+// that axe finds fault with.
+export function looker(page, name, findings) {
+  let count = 0;
+  return async (what) => {
+    count += 1;
+    await page.screenshot({
+      path: join(kScreenshots, `${name}-${String(count).padStart(2, "0")}-${what}.png`), fullPage: true, animations: "disabled",
+    });
+    findings.push(...(await accessibilityFindings(page)).map((finding) => `${what}: ${finding}`));
+    const { wide, headings, nameless } = await page.evaluate(() => ({
+      wide: document.documentElement.scrollWidth - window.innerWidth,
+      headings: document.querySelectorAll("h1").length,
+      nameless: [...document.querySelectorAll("h1, h2")].filter((h) => h.checkVisibility() && !h.textContent).length,
+    }));
+    if (wide > 0) {
+      findings.push(`${what}: ${wide} pixels wider than the window`);
+    }
+    if (headings !== 1 || nameless) {
+      findings.push(`${what}: ${headings} main headings, ${nameless} without text`);
+    }
+  };
+}
+
 // The text of the QR code in an element, as a camera would read it off the screen.
 export async function readQr(element) {
   const file = `/tmp/qr-${process.pid}.png`;

@@ -1,17 +1,24 @@
-// A user's own page: how two-step sign-in stands, the setup wizard, the recovery address, sign-out.
+// A user's own page: how two-step sign-in stands, the setup wizard, a new phone, the recovery address, switching off,
+// sign-out.
 import { get, post, rememberSignedIn, secondsSinceAnswer } from "/shared/api.js";
 import {
-  byId, hidePasswords, onSubmit, readCode, reloadWhenRestored, setTitle, showFieldError, showMessage,
+  byId, clearFieldError, hidePasswords, onSubmit, readCode, reloadWhenRestored, setTitle, showFieldError, showMessage,
   wirePasswordButtons,
 } from "/shared/dom.js";
 import { errorText, fillTexts, loadMessages, text } from "/shared/messages.js";
-import { openWizard, otherTabs, wizardInHistory } from "/shared/wizard.js";
+import { endWait, showRefusal } from "/shared/refusals.js";
+import { openWizard, otherTabs, reloadedNote, wizardInHistory } from "/shared/wizard.js";
 
-const kGone = new Set(["not_signed_in", "no_pending_signin", "other_session"]);
+const kEnded = new Set(["not_signed_in", "no_pending_signin"]);
+const kGone = new Set([...kEnded, "other_session"]);
+
+const kTitles = { setup: "wizard:title", renew: "settings:new_phone", show: "settings:show_again" };
+const kChanged = { setup: "settings:note_on", renew: "settings:note_renewed" };
 
 let user = "";
 let wizard = null;
 let endTimer = 0;
+let endsUnasked = 0;   // when the session would end by itself, had nothing put that off since it was asked for
 
 start().catch(() => { byId("not-loaded").hidden = false; });
 
@@ -22,12 +29,16 @@ async function start() {
   wirePasswordButtons(document);
   reloadWhenRestored();
   byId("sign-out").addEventListener("click", signOut);
-  byId("start").addEventListener("click", () => setUp({}));
-  byId("show-again").addEventListener("click", () => setUp({ showOnly: true }));
-  byId("change-mail").addEventListener("click", openMailForm);
-  byId("mail-cancel").addEventListener("click", closeMailForm);
+  byId("start").addEventListener("click", () => setUp("setup"));
+  byId("new-phone").addEventListener("click", () => setUp("renew"));
+  byId("show-again").addEventListener("click", () => setUp("show"));
+  byId("change-mail").addEventListener("click", () => openForm("mail"));
+  byId("mail-cancel").addEventListener("click", () => closeForm("mail"));
+  byId("switch-off").addEventListener("click", () => openForm("off"));
+  byId("off-cancel").addEventListener("click", () => closeForm("off"));
   byId("retry").addEventListener("click", () => location.reload());
   onSubmit(byId("mail-form"), submitMail);
+  onSubmit(byId("off-form"), submitOff);
   otherTabs.addEventListener("message", (event) => heardFromTab(event.data));
 
   if (!await checkSession()) {
@@ -35,8 +46,10 @@ async function start() {
   }
   byId("content").hidden = false;
   const status = await showStatus();
-  if (wizardInHistory() && status?.enrolled === false) {
-    await setUp({ note: text("wizard:note_reloaded") });
+  const purpose = wizardInHistory();
+  const goesOn = purpose === (status?.enrolled ? "renew" : "setup") && history.state.step !== "done";
+  if (status && goesOn) {
+    await setUp(purpose, reloadedNote(purpose));
   } else {
     history.replaceState(null, "");
   }
@@ -51,11 +64,12 @@ async function checkSession() {
     byId("user").textContent = text("settings:signed_in_as", { user });
     byId("who").hidden = false;
     rememberSignedIn(true);
+    endsUnasked = Date.now() + session.expires_in * 1000;
     watchForEnd(session.expires_in);
     return true;
   }
   if (session.status === 401) {
-    toSignin("ended");
+    toSignin("not_signed_in");
   } else {
     byId("content").hidden = false;
     byId("overview").hidden = false;
@@ -81,7 +95,12 @@ function watchForEnd(lifetime) {
 function toSignin(reason) {
   wizard?.forget();
   rememberSignedIn(false);
-  location.replace(`/#${reason === "not_signed_in" || reason === "no_pending_signin" ? "ended" : reason}`);
+  location.replace(`/#${kEnded.has(reason) ? howItEnded() : reason}`);
+}
+
+// A session that is gone before its time was ended by somebody.
+function howItEnded() {
+  return user && Date.now() < endsUnasked ? "ended_elsewhere" : "ended";
 }
 
 async function signOut() {
@@ -97,7 +116,7 @@ async function signOut() {
 function heardFromTab({ what, user: other }) {
   if (what === "signed-out") {
     toSignin("signed_out");
-  } else if (what === "enrolled" && other === user && !wizard) {
+  } else if ((what === "enrolled" || what === "switched-off") && other === user && !wizard) {
     showStatus();
   }
 }
@@ -110,7 +129,7 @@ async function showStatus() {
     toSignin(status.err);
     return null;
   }
-  byId("overview").hidden = false;
+  byId("overview").hidden = openedForm() !== null;
   byId("state").hidden = !status.success;
   byId("retry").hidden = status.success;
   if (!status.success) {
@@ -121,25 +140,31 @@ async function showStatus() {
   byId("state-badge").textContent = text(status.enrolled ? "settings:on" : "settings:off");
   byId("state-text").textContent = text(status.enrolled ? "settings:on_text" : "settings:off_text");
   byId("enforced").hidden = !status.enforced;
+  byId("enforced").textContent = text(status.enrolled ? "web:otp_enforced" : "settings:enforced");
   byId("facts").hidden = !status.enrolled;
   byId("codes-left").textContent = text("settings:codes_left", { n: status.codes_left ?? 0 });
   byId("mail-now").textContent = status.mail || text("settings:mail_none");
   byId("change-mail").hidden = status.mail_writable === false;
   byId("start").hidden = status.enrolled;
-  byId("show-again").hidden = !status.enrolled;
+  byId("actions").hidden = !status.enrolled;
+  byId("switch-off").hidden = status.enforced;
   return status;
 }
 
 // --- setup ---
 
-async function setUp({ showOnly = false, note = "" }) {
+async function setUp(purpose, note = "") {
   byId("overview").hidden = true;
   showMessage();
-  byId("heading").textContent = text(showOnly ? "settings:show_again" : "wizard:title");
-  wizard = await openWizard(byId("wizard"), { user, showOnly, note, onLeave: backToOverview, onGone: toSignin });
+  byId("heading").textContent = text(kTitles[purpose]);
+  wizard = await openWizard(byId("wizard"), {
+    user, purpose, note,
+    onLeave: (changed) => backToOverview(changed && text(kChanged[purpose])),
+    onGone: toSignin,
+  });
 }
 
-async function backToOverview(changed) {
+async function backToOverview(note) {
   wizard = null;
   const heading = byId("heading");
   heading.textContent = text("settings:title");
@@ -147,60 +172,97 @@ async function backToOverview(changed) {
   showMessage();
   await showStatus();
   heading.focus();
-  if (changed) {
-    showMessage(text("settings:note_on"), "note");
+  if (note) {
+    showMessage(note, "note");
     await checkSession();
   }
 }
 
-// --- recovery address ---
+// --- forms: recovery address, switching off ---
 
-function openMailForm() {
+const openedForm = () => document.querySelector("form[id$=-form]:not([hidden])");
+
+function openForm(name) {
   byId("overview").hidden = true;
   showMessage();
-  byId("mail-form").reset();
-  byId("mail-form").hidden = false;
-  byId("mail-heading").focus();
+  const form = byId(`${name}-form`);
+  form.reset();
+  for (const input of form.querySelectorAll("input")) {
+    clearFieldError(input);
+  }
+  form.hidden = false;
+  byId(`${name}-heading`).focus();
 }
 
-async function closeMailForm() {
-  byId("mail-form").reset();
+async function closeForm(name, note) {
+  const form = byId(`${name}-form`);
+  for (const input of form.querySelectorAll("input")) {
+    endWait(input);
+  }
+  form.reset();
   hidePasswords(document);
-  byId("mail-form").hidden = true;
-  showMessage();
-  await showStatus();
-  byId("heading").focus();
+  form.hidden = true;
+  await backToOverview(note);
+}
+
+// The password and the code of a form. Empty when one is missing, which then stands beside it.
+function readProof(name) {
+  const password = byId(`${name}-password`);
+  if (!password.value) {
+    showFieldError(password, text("common:password_missing"));
+    return null;
+  }
+  const code = readCode(byId(`${name}-code`));
+  return code && { password: password.value, code };
+}
+
+function formRefused(answer, name, other) {
+  if (kGone.has(answer.err)) {
+    toSignin(answer.err);
+  } else {
+    showRefusal(answer, { password: byId(`${name}-password`), code: byId(`${name}-code`), other });
+  }
 }
 
 async function submitMail() {
   const mail = byId("mail");
-  const password = byId("mail-password");
-  const code = byId("mail-code");
   if (!mail.checkValidity()) {
     showFieldError(mail, text("common:mail_form"));
     return;
   }
-  if (!password.value) {
-    showFieldError(password, text("common:password_missing"));
+  const proof = readProof("mail");
+  if (!proof) {
     return;
   }
-  const digits = readCode(code);
-  if (!digits) {
-    return;
-  }
-  const answer = await post("/api/otp/mail", { password: password.value, mail: mail.value.trim(), code: digits });
+  const answer = await post("/api/otp/mail", { ...proof, mail: mail.value.trim() });
   if (answer.success && !answer.errno && answer.saved !== false) {
-    await closeMailForm();
-    showMessage(text("settings:note_mail_saved"), "note");
+    await closeForm("mail", text("settings:note_mail_saved"));
   } else if (answer.success) {
     showFieldError(mail, answer.errno ? errorText(answer) : text("common:mail_not_saved"));
-  } else if (kGone.has(answer.err)) {
-    toSignin(answer.err);
-  } else if (answer.err === "bad_credentials") {
-    showFieldError(password, text("common:password_wrong"));
-  } else if (answer.status === 401 || answer.status === 429) {
-    showFieldError(code, errorText(answer));
   } else {
-    showMessage(errorText(answer));
+    formRefused(answer, "mail", mail);
   }
+}
+
+async function submitOff() {
+  const proof = readProof("off");
+  if (!proof) {
+    return;
+  }
+  const answer = await post("/api/otp/disable", proof);
+  if (answer.success || await wentOffAllTheSame(answer)) {
+    otherTabs.postMessage({ what: "switched-off", user });
+    await closeForm("off", text("settings:note_off"));
+  } else {
+    formRefused(answer, "off");
+  }
+}
+
+// When the answer was lost or a fault, only the server knows what became of it.
+async function wentOffAllTheSame(answer) {
+  if (answer.status > 0 && answer.status < 500) {
+    return false;
+  }
+  const status = await get("/api/otp/status");
+  return status.success && !status.enrolled;
 }

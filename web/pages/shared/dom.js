@@ -9,6 +9,9 @@ export function showFieldError(input, message) {
   place.textContent = message;
   place.hidden = false;
   input.setAttribute("aria-invalid", "true");
+  if (document.activeElement === input) {
+    announce(message);   // a field that is entered is read with its error, one that has the focus already is not
+  }
   input.focus();
   input.select();
 }
@@ -41,11 +44,16 @@ export function setTitle(title) {
   document.title = text("common:page_title", { title });
 }
 
-// Calls `handle` once for a submission: another one while it runs is dropped.
+// Calls `handle` once for a submission: another one while it runs is dropped. A form that has to wait (refusals.js)
+// says instead how long still.
 export function onSubmit(form, handle) {
   form.addEventListener("submit", async (event) => {
     event.preventDefault();
     if (form.dataset.busy) {
+      return;
+    }
+    if (form.dataset.waits) {
+      announce(byId(form.dataset.waits).lastElementChild.textContent);
       return;
     }
     showMessage();
@@ -54,7 +62,11 @@ export function onSubmit(form, handle) {
     }
     await whileBusy(form, form.querySelector("[type=submit]"), handle);
   });
-  form.addEventListener("input", (event) => clearFieldError(event.target));
+  form.addEventListener("input", (event) => {
+    if (!event.target.readOnly) {
+      clearFieldError(event.target);
+    }
+  });
 }
 
 export async function whileBusy(region, button, work) {
@@ -77,13 +89,23 @@ export function requireFilled(input, message) {
   return false;
 }
 
-// The code in `input` without the blanks that apps show between the groups; empty, and said so, when it is none.
+// The code in `input`, an app's or an emergency code, without the blanks that are shown between the groups; empty,
+// and said so, when it is none.
 export function readCode(input) {
+  return readDigits(input, /^([0-9]{6}|[0-9]{8})$/, "common:code_form");
+}
+
+// Likewise where only the app's will do.
+export function readAppCode(input) {
+  return readDigits(input, /^[0-9]{6}$/, "common:app_code_form");
+}
+
+function readDigits(input, form, formKey) {
   const code = input.value.replace(/\s/g, "");
-  if (/^([0-9]{6}|[0-9]{8})$/.test(code)) {
+  if (form.test(code)) {
     return code;
   }
-  showFieldError(input, text(code ? "common:code_form" : "common:code_missing"));
+  showFieldError(input, text(code ? formKey : "common:code_missing"));
   return "";
 }
 

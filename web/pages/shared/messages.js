@@ -38,7 +38,7 @@ export function text(key, values = {}) {
   return message.replace(/\{(\w+)\}/g, (whole, name) => values[name] ?? whole);
 }
 
-// What went wrong, for an answer of api.js.
+// What went wrong, for an answer of api.js. A code that would be right on another clock is told with the clock.
 export function errorText(answer) {
   const ahead = answer.clock_ahead_minutes;
   if (ahead) {
@@ -48,13 +48,13 @@ export function errorText(answer) {
   if (answer.errno && !answer.err) {
     return text(`${answer.errno.section}:${answer.errno.key}`);
   }
-  return text(`web:${answer.err ?? "internal"}`, { wait: waitText(answer.retryAfter) });
+  return text(`web:${answer.err ?? "internal"}`, { wait: durationText(Math.max(1, answer.retryAfter ?? 0)) });
 }
 
-function waitText(seconds) {
-  return seconds >= 60
-    ? text("common:minutes", { n: Math.ceil(seconds / 60) })
-    : text("common:seconds", { n: Math.max(seconds, 1) });
+// "1 minute 30 seconds"
+export function durationText(seconds) {
+  const parts = [[Math.floor(seconds / 60), "common:minutes"], [seconds % 60, "common:seconds"]];
+  return parts.filter(([n]) => n > 0).map(([n, key]) => text(key, { n })).join(" ");
 }
 
 // Fills data-text (content) and data-label (aria-label) below `root`.

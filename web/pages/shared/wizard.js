@@ -1,13 +1,14 @@
 // The setup wizard: password, QR code, first code, recovery address, done. Both pages use it, each with its own
 // frame around. The password lives in this object only, and goes with the wizard.
 //
-// The steps are entries of the browser's history, so that Back and Forward walk through them; an entry carries the
-// step's name and nothing else.
+// The steps are entries of the browser's history, so that Back and Forward walk through them; an entry carries what
+// the wizard is for and the step's name, and nothing else.
 import { get, post } from "./api.js";
 import {
-  announce, byId, clearFieldError, onSubmit, readCode, requireFilled, setTitle, showFieldError, showMessage, whileBusy,
-  wirePasswordButtons, hidePasswords,
+  announce, byId, clearFieldError, onSubmit, readAppCode, readCode, requireFilled, setTitle, showFieldError, showMessage,
+  whileBusy, wirePasswordButtons, hidePasswords,
 } from "./dom.js";
+import { endWait, showRefusal } from "./refusals.js";
 import {
   copyText, cutToBytes, groupKey, isWholePng, kLabelBytes, labelFor, qrPixels, utf8Length,
 } from "./wizard_parts.js";
@@ -20,17 +21,42 @@ const kHeadings = {
   mail: "wizard:mail_heading",
   done: "wizard:done_heading",
 };
+// What the wizard is opened for: a first setup, a new phone beside an old one that holds until then, or to show an
+// enrolled account's code again.
+const kPurposes = {
+  setup: {
+    steps: ["password", "scan", "code", "mail", "done"],
+    headings: kHeadings,
+    passwordHint: "wizard:password_hint",
+    codeHint: "wizard:code_hint",
+    reloaded: "wizard:note_reloaded",
+  },
+  renew: {
+    steps: ["password", "scan", "code", "done"],
+    headings: { ...kHeadings, password: "wizard:renew_heading", done: "wizard:renewed_heading" },
+    passwordHint: "wizard:password_hint_renew",
+    codeHint: "wizard:code_hint_renew",
+    reloaded: "wizard:note_reloaded_renew",
+  },
+  show: {
+    steps: [],
+    headings: { ...kHeadings, scan: "wizard:show_heading" },
+    passwordHint: "wizard:password_hint_show",
+  },
+};
 const kGone = new Set(["not_signed_in", "no_pending_signin", "other_session"]);
 const kShortLabelBytes = 16;   // fits into every picture, whatever script it is in
 
-// Whether the page was reloaded, or come back to, in the middle of a setup.
-export const wizardInHistory = () => Boolean(history.state?.wizard);
+// What a wizard was open for when the page was reloaded, or come back to, in the middle of it; else empty.
+export const wizardInHistory = () => history.state?.wizard ?? "";
+
+export const reloadedNote = (purpose) => text(kPurposes[purpose].reloaded);
 
 // Tells the other tabs of this browser what happened to an account's two-step sign-in.
 export const otherTabs = new BroadcastChannel("tavr-otp");
 
-// Opens the wizard in `host`. Options: `user`; `password`, when the page still holds it; `showOnly`, to show an
-// enrolled account's code again; `note`, to stand above the first step. The page hears once how it ended:
+// Opens the wizard in `host`. Options: `user`; `purpose`, of kPurposes; `password`, when the page still holds it;
+// `note`, to stand above the first step. The page hears once how it ended:
 // `onLeave(changed)` when the user left or finished, `onGone(err)` when the session is not there any more.
 export async function openWizard(host, options) {
   const markup = await (await fetch("/shared/wizard.html")).text();
@@ -42,11 +68,12 @@ export async function openWizard(host, options) {
 }
 
 class Wizard {
-  constructor(host, { user, password = "", showOnly = false, note = "", onLeave, onGone }) {
+  constructor(host, { user, purpose = "setup", password = "", note = "", onLeave, onGone }) {
     this.host = host;
     this.user = user;
     this.password = password;
-    this.showOnly = showOnly;
+    this.purpose = purpose;
+    this.differs = kPurposes[purpose];
     this.firstNote = note;
     this.onLeave = onLeave;
     this.onGone = onGone;
@@ -70,12 +97,7 @@ class Wizard {
     this.on("check", (button) => whileBusy(this.panel("code"), button, () => this.askHowItEnded()));
     this.on("skip", () => this.finishMail(text("wizard:done_no_mail")));
     this.on("finish", () => this.leave());
-    if (this.showOnly) {
-      this.host.querySelector(".steps").hidden = true;
-      byId("wizard-password-hint").textContent = text("wizard:password_hint_show");
-      this.host.querySelector("[data-action=scanned]").textContent = text("wizard:close");
-      this.host.querySelector("[data-panel=scan] [data-action=leave]").hidden = true;
-    }
+    this.dress();
     this.onPopState = (event) => this.walkedTo(event.state);
     this.onTabMessage = (event) => this.heardFromTab(event.data);
     this.onResize = () => this.sizeQr();
@@ -85,11 +107,31 @@ class Wizard {
     byId("wizard-qr").addEventListener("load", this.onResize);
   }
 
+  // The markup is that of a first setup.
+  dress() {
+    byId("wizard-password-hint").textContent = text(this.differs.passwordHint);
+    this.host.querySelector(".steps").hidden = this.differs.steps.length === 0;
+    for (const item of this.host.querySelectorAll(".steps [data-step]")) {
+      item.hidden = !this.differs.steps.includes(item.dataset.step);
+    }
+    if (this.purpose === "show") {
+      this.host.querySelector("[data-action=scanned]").textContent = text("wizard:close");
+      this.host.querySelector("[data-panel=scan] [data-action=leave]").hidden = true;
+    } else {
+      byId("wizard-code-hint").textContent = text(this.differs.codeHint);
+    }
+    if (this.purpose === "renew") {
+      byId("wizard-old-code-field").hidden = false;
+      byId("wizard-done-text").textContent = text("wizard:renewed_text");
+      byId("wizard-confirm").textContent = text("wizard:confirm_renew");
+    }
+  }
+
   async start() {
     this.host.hidden = false;
     this.host.querySelector("input[name=username]").value = this.user;
     byId("wizard-label").value = labelFor(this.user, location.hostname);
-    const inHistory = wizardInHistory();
+    const inHistory = Boolean(wizardInHistory());
     const answer = this.password && !inHistory ? await this.makeKey() : null;
     if (answer?.success) {
       this.go("scan", "push");
@@ -118,7 +160,7 @@ class Wizard {
   go(step, entry) {
     this.step = step;
     if (entry !== "keep") {
-      history[`${entry}State`]({ wizard: true, step }, "");
+      history[`${entry}State`]({ wizard: this.purpose, step }, "");
     }
     for (const panel of this.host.querySelectorAll("[data-panel]")) {
       panel.hidden = panel.dataset.panel !== step;
@@ -127,7 +169,7 @@ class Wizard {
     showMessage();
     this.note("");
     const heading = byId("wizard-heading");
-    heading.textContent = text(this.showOnly && step === "scan" ? "wizard:show_heading" : kHeadings[step]);
+    heading.textContent = text(this.differs.headings[step]);
     setTitle(heading.textContent);
     heading.focus();
     window.scrollTo(0, 0);
@@ -164,6 +206,9 @@ class Wizard {
   forget() {
     this.password = "";
     this.key = "";
+    for (const input of this.host.querySelectorAll("input")) {
+      endWait(input);
+    }
     window.removeEventListener("popstate", this.onPopState);
     window.removeEventListener("resize", this.onResize);
     otherTabs.removeEventListener("message", this.onTabMessage);
@@ -201,16 +246,17 @@ class Wizard {
   }
 
   heardFromTab({ what, user }) {
-    if (user !== this.user || this.showOnly) {
+    if (user !== this.user) {
       return;
     }
-    if (what === "secret-made" && !this.confirmed && this.key) {
+    if (what === "secret-made" && !this.confirmed && this.key && this.purpose !== "show") {
       this.askPassword("replace");
       this.note(text("wizard:note_other_tab"));
-    } else if (what === "enrolled" && !this.confirmed) {
+    } else if ((what === "enrolled" && !this.confirmed) || what === "switched-off") {
+      // What this wizard was opened for is settled, or the key that it shows is good no more.
       history.replaceState(null, "");
       this.forget();
-      this.onLeave(true);
+      this.onLeave(what === "enrolled" && this.purpose !== "show");
     }
   }
 
@@ -222,6 +268,7 @@ class Wizard {
     byId("wizard-qr").removeAttribute("src");
     byId("wizard-key").textContent = "";
     byId("wizard-password").value = "";
+    byId("wizard-old-code").value = "";
     byId("wizard-code").value = "";
     hidePasswords(this.host);
     this.go("password", entry);
@@ -233,22 +280,28 @@ class Wizard {
       showFieldError(input, text("common:password_missing"));
       return;
     }
+    const oldCode = this.purpose === "renew" ? readCode(byId("wizard-old-code")) : undefined;
+    if (oldCode === "") {
+      return;
+    }
     this.password = input.value;
-    const answer = await this.makeKey();
+    const answer = await this.makeKey(oldCode);
     if (!answer.success) {
       this.password = "";
-      this.refused(answer, input);
+      this.refused(answer, input, oldCode && byId("wizard-old-code"));
       return;
     }
     input.value = "";
+    byId("wizard-old-code").value = "";
     hidePasswords(this.host);
     this.go("scan", "push");
   }
 
   // --- QR code and key ---
 
-  async makeKey() {
-    const { answer, label } = await this.askKey(byId("wizard-label").value.trim());
+  // `oldCode`: the present phone's, for a new one.
+  async makeKey(oldCode) {
+    const { answer, label } = await this.askKey(byId("wizard-label").value.trim(), oldCode);
     if (!answer.success) {
       return answer;
     }
@@ -256,21 +309,24 @@ class Wizard {
     byId("wizard-key").replaceChildren(...groupKey(answer.key));
     byId("wizard-copied").textContent = "";
     this.draw(answer, label);
-    if (!this.showOnly) {
+    if (this.purpose !== "show") {
       otherTabs.postMessage({ what: "secret-made", user: this.user });
     }
     return answer;
   }
 
   // The name was proposed by the page, so one that does not fit is no mistake of the user's.
-  async askKey(label) {
-    const answer = await post("/api/otp/qr", { password: this.password, account_name: label });
+  async askKey(label, oldCode) {
+    const body = { password: this.password, account_name: label };
+    const answer = oldCode
+      ? await post("/api/otp/renew", { ...body, code: oldCode })
+      : await post("/api/otp/qr", body);
     const shorter = cutToBytes(label, kShortLabelBytes);
     if (answer.err !== "label_too_long" || label === shorter) {
       return { answer, label };
     }
     byId("wizard-label").value = shorter;
-    return this.askKey(shorter);
+    return this.askKey(shorter, oldCode);
   }
 
   draw(answer, label) {
@@ -324,7 +380,7 @@ class Wizard {
 
   // With a label that the picture does not carry yet the picture comes first, to be scanned as it now is.
   async leaveScan() {
-    if (this.showOnly) {
+    if (this.purpose === "show") {
       this.leave();
     } else if (byId("wizard-label").value.trim() !== this.drawnLabel) {
       const button = this.host.querySelector("[data-action=scanned]");
@@ -350,40 +406,53 @@ class Wizard {
 
   async submitCode() {
     const input = byId("wizard-code");
-    const code = readCode(input);
+    const code = readAppCode(input);
     if (!code) {
       return;
     }
     const answer = await post("/api/otp/confirm", { password: this.password, code });
     if (answer.success && answer.auth_ok) {
       await this.accepted(answer.mail);
+    } else if (this.purpose === "renew" && answer.err === "otp_code_used") {
+      // A half minute's codes are used up with the first of them, whichever phone it is of.
+      showFieldError(input, text("wizard:renew_next_code"));
     } else if (answer.success && answer.errno) {
       showFieldError(input, errorText(answer));
     } else if (answer.status === 200 || answer.status === 0 || answer.status >= 500) {
       await this.askHowItEnded();
     } else {
-      this.refused(answer, input);
+      this.refused(answer, undefined, input);
     }
   }
 
   // The answer to a confirmation was lost or a fault: only the server knows whether the code was accepted.
   async askHowItEnded() {
-    const status = await get("/api/otp/status");
+    const { answer, confirmed } = await this.askConfirmed();
     const checkButton = this.host.querySelector("[data-action=check]");
     checkButton.hidden = true;
     showMessage();
-    if (status.success && status.enrolled) {
+    if (confirmed) {
       await this.accepted(undefined);
       this.note(text("wizard:note_accepted_after_fault"));
-    } else if (status.success) {
-      showFieldError(byId("wizard-code"), text("wizard:not_confirmed"));
-    } else if (kGone.has(status.err)) {
-      this.gone("setup_unknown");
+    } else if (answer.success) {
+      showFieldError(byId("wizard-code"), text(this.purpose === "renew" ? "wizard:not_renewed" : "wizard:not_confirmed"));
+    } else if (kGone.has(answer.err)) {
+      this.gone(this.purpose === "renew" ? "renewal_unknown" : "setup_unknown");
     } else {
       checkButton.hidden = false;
       showMessage(text("wizard:outcome_unknown"));
       checkButton.focus();
     }
+  }
+
+  // With a new phone the account is enrolled either way. Whose code holds is told by the key that the server shows.
+  async askConfirmed() {
+    if (this.purpose === "renew") {
+      const { answer } = await this.askKey(this.drawnLabel);
+      return { answer, confirmed: answer.success && answer.key === this.key };
+    }
+    const answer = await get("/api/otp/status");
+    return { answer, confirmed: answer.success && answer.enrolled };
   }
 
   async accepted(mail) {
@@ -393,6 +462,10 @@ class Wizard {
     byId("wizard-key").textContent = "";
     byId("wizard-code").value = "";
     otherTabs.postMessage({ what: "enrolled", user: this.user });
+    if (this.purpose === "renew") {
+      this.finishMail("");
+      return;
+    }
     const status = await get("/api/otp/status");
     this.mailWritable = status.mail_writable !== false;
     byId("wizard-mail").value = mail ?? "";
@@ -442,7 +515,7 @@ class Wizard {
       codeField.hidden = false;
       showFieldError(byId("wizard-mail-code"), asked ? errorText(answer) : text("wizard:mail_needs_code"));
     } else {
-      this.refused(answer, input);
+      this.refused(answer, input, codeField.hidden ? undefined : byId("wizard-mail-code"));
     }
   }
 
@@ -454,7 +527,8 @@ class Wizard {
 
   // --- refusals that every step can meet ---
 
-  refused(answer, input) {
+  // `input` is what the step is about, `code` its field for a code; either may be missing.
+  refused(answer, input, code) {
     if (kGone.has(answer.err)) {
       this.gone(answer.err);
     } else if (answer.err === "bad_credentials" && this.confirmed) {
@@ -469,10 +543,10 @@ class Wizard {
       this.note(errorText(answer));
     } else if (answer.status === 200) {
       showMessage(answer.err ? errorText(answer) : text("wizard:step_failed"));
-    } else if (input && !input.closest("[hidden]") && answer.status < 500 && answer.status > 0) {
-      showFieldError(input, errorText(answer));
+    } else if (input?.id === "wizard-password") {
+      showRefusal(answer, { password: input, code });
     } else {
-      showMessage(errorText(answer));
+      showRefusal(answer, { other: input?.closest("[hidden]") ? undefined : input, code });
     }
   }
 }

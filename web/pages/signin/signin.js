@@ -5,13 +5,16 @@ import {
   wirePasswordButtons,
 } from "/shared/dom.js";
 import { errorText, fillTexts, loadMessages, text } from "/shared/messages.js";
-import { openWizard, wizardInHistory } from "/shared/wizard.js";
+import { endWait, showRefusal } from "/shared/refusals.js";
+import { openWizard, reloadedNote, wizardInHistory } from "/shared/wizard.js";
 
 const kSettings = "/settings";
 const kReasons = {   // why another page sent the user here, as its address says after "#"
   ended: "signin:note_ended",
   signed_out: "signin:note_signed_out",
+  ended_elsewhere: "signin:note_ended_elsewhere",
   setup_unknown: "signin:note_setup_unknown",
+  renewal_unknown: "signin:note_renewal_unknown",
   other_session: "web:other_session",
 };
 const kHalfSigninGone = new Set(["no_pending_signin", "not_signed_in"]);
@@ -26,6 +29,7 @@ async function start() {
   onSubmit(byId("password-form"), submitPassword);
   onSubmit(byId("code-form"), submitCode);
   byId("other-account").addEventListener("click", otherAccount);
+  byId("user").addEventListener("input", () => endWait(byId("password")));   // it was the other account's
   byId("content").hidden = false;
 
   const reason = kReasons[location.hash.slice(1)];
@@ -38,7 +42,7 @@ async function start() {
   } else if (session.state === "code_required") {
     askCode(session.user);
   } else if (session.state === "enrolment_required" && session.user) {
-    await enrol(session.user, "", text(wizardInHistory() ? "wizard:note_reloaded" : "signin:note_enrolment_demanded"));
+    await enrol(session.user, "", wizardInHistory() ? reloadedNote("setup") : text("signin:note_enrolment_demanded"));
   } else {
     if (session.status === 401) {
       rememberSignedIn(false);
@@ -50,6 +54,8 @@ async function start() {
 }
 
 function show(id, heading) {
+  endWait(byId("password"));
+  endWait(byId("code"));
   for (const part of ["password-form", "code-form", "wizard"]) {
     byId(part).hidden = part !== id;
   }
@@ -77,7 +83,7 @@ async function submitPassword() {
   const typed = password.value;
   const answer = await post("/api/signin", { user: user.value.trim(), password: typed });
   if (!answer.success) {
-    refused(answer, password);
+    showRefusal(answer, { password });
     return;
   }
   password.value = "";
@@ -112,16 +118,7 @@ async function submitCode() {
     askPassword();
     showMessage(errorText(answer));
   } else {
-    refused(answer, input);
-  }
-}
-
-// An answer to what was typed stands beside the field, all else above the form.
-function refused(answer, input) {
-  if (answer.status === 401 || answer.status === 429) {
-    showFieldError(input, errorText(answer));
-  } else {
-    showMessage(errorText(answer));
+    showRefusal(answer, { code: input });
   }
 }
 
