@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 
@@ -143,6 +144,29 @@ TEST(Passwords, AreAcceptedOnlyWhenRight)
                                                 "b 1"));
     EXPECT_TRUE(tavr::CheckPassword("checked", "another"));
     EXPECT_FALSE(tavr::SetPassword(4000000000U, "x"));
+}
+
+TEST(Passwords, OfADisabledAccountAreWrongAfterTheSameWork)
+{
+    const tavr::Account account = Add("kept-out", "right");
+    const auto processorTime = [](const char* password) {
+        timespec begin{};
+        timespec end{};
+        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &begin);
+        EXPECT_FALSE(tavr::CheckPassword("kept-out", password));
+        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &end);
+        return static_cast<double>(end.tv_sec - begin.tv_sec) * 1e3 +
+               static_cast<double>(end.tv_nsec - begin.tv_nsec) / 1e6;
+    };
+    const double wrong = processorTime("wrong");
+    EXPECT_TRUE(tavr::SetDisabled(account.uid, true));
+    EXPECT_TRUE(tavr::FindAccount("kept-out")->disabled);
+    EXPECT_GT(processorTime("right"), wrong / 4) << "not hashed";
+    EXPECT_TRUE(tavr::SetPassword(account.uid, "another"));
+    EXPECT_FALSE(tavr::CheckPassword("kept-out", "another"));
+    EXPECT_TRUE(tavr::SetDisabled(account.uid, false));
+    EXPECT_TRUE(tavr::CheckPassword("kept-out", "another"));
+    EXPECT_FALSE(tavr::SetDisabled(4000000000U, true));
 }
 
 TEST(Passwords, OfTheGreatestLengthCountToTheLastByte)
