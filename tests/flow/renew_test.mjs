@@ -6,7 +6,7 @@ import { run, startServer } from "../support/server.mjs";
 import { signIn } from "./client.mjs";
 import { Wizard, enrol, signInWithCode } from "./wizard.mjs";
 
-const kNames = ["alice", "bob", "carol", "dora", "emil", "fred", "gina", "hugo", "ines", "jack", "kim", "lea"];
+const kNames = ["alice", "bob", "carol", "dora", "emil", "fred", "gina", "hugo", "ines", "jack", "kim", "lea", "mia"];
 const kFile = (user) => `/usr/tavr/etc/preference/${user}/otp_secret`;
 let server;
 before(async () => {
@@ -233,6 +233,24 @@ describe("switching off", () => {
     assert.equal((await client.get("/api/otp/status")).json.enrolled, false);
     assert.ok(!existsSync(kFile("jack")));
   });
+});
+
+test("wrong codes are counted for renewing, switching off and the address alike, and a right one then waits", async () => {
+  const mia = await enrolled("mia");
+  const wrong = server.wrongCode(mia.key);
+  for (const guess of [() => mia.renew(wrong), () => mia.disable(wrong), () => mia.renew(wrong), () => mia.disable(wrong),
+    () => mia.renew(wrong)]) {
+    const answer = await guess();
+    assert.deepEqual([answer.status, answer.json.err], [401, "otp_auth_failed"]);
+  }
+  for (const ask of [() => mia.renew(), () => mia.disable()]) {
+    const answer = await ask();
+    assertRefused(answer, 429, "too_many_attempts");
+    assert.match(answer.headers["retry-after"], /^[1-9][0-9]*$/);
+  }
+  assert.equal((await mia.status()).enrolled, true);
+  server.advance(60);
+  assert.equal((await mia.disable()).status, 200);
 });
 
 describe("sessions end at their next request, on every worker,", () => {
