@@ -8,6 +8,7 @@
 #include "linux/ids.h"
 #include "linux/names.h"
 #include "linux/paths.h"
+#include "linux/settings.h"
 #include "linux/vault.h"
 
 #include "platform/core.h"
@@ -349,6 +350,122 @@ TEST_F(Verifier, ACodeConfirmsTheSecretAndReplacesOneConfirmedEarlier)
         ASSERT_EQ(1u, secrets.size());
         EXPECT_EQ(SecretState::Confirmed, secrets[0].state);
         EXPECT_EQ(second, SecretText(alice.uid, secrets[0].reference));
+    });
+}
+
+// --- Settings, emergency codes, an administrator's code, the phone's clock ---
+
+std::string EmergencyCode(const Account& account, size_t position)
+{
+    CodeDigits code;
+    EXPECT_TRUE(OpenCode(account.uid, SecretsOf(account.uid).at(0).codes.at(position).reference, code));
+    return code.text;
+}
+
+TEST_F(Verifier, TheStrictWindowIsThePresentStepAlone)
+{
+    ASSERT_EQ(0, std::system("ln -sfn /etc/tavr/tavrinfo.conf /etc/tavrinfo.conf"));
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        const std::string secret = Enrol(alice);
+        SetWallClock(kNow + 300);
+        ASSERT_TRUE(WriteSetting("otp_strict_window", "yes"));
+        EXPECT_EQ(CodeResult::Wrong, Verify(alice, CodeOf(secret, kStep + 9)));
+        EXPECT_EQ(CodeResult::Wrong, Verify(alice, CodeOf(secret, kStep + 11)));
+        EXPECT_EQ(CodeResult::Accepted, Verify(alice, CodeOf(secret, kStep + 10)));
+        ASSERT_TRUE(WriteSetting("otp_strict_window", "no"));
+        EXPECT_EQ(CodeResult::Used, Verify(alice, CodeOf(secret, kStep + 9)));
+        EXPECT_EQ(CodeResult::Accepted, Verify(alice, CodeOf(secret, kStep + 11)));
+    });
+}
+
+TEST_F(Verifier, AnEmergencyCodeIsGoodOnceAndLeavesTheFile)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        const Account bob = MakeAccount("bob");
+        const std::string secret = Enrol(alice);
+        Enrol(bob);
+        const std::string reference = SecretsOf(alice.uid).at(0).codes.at(4).reference;
+        const std::string code = EmergencyCode(alice, 4);
+        std::string file = ReadFile(SecretPath("alice"));
+        EXPECT_EQ(CodeResult::Wrong, Verify(bob, code)) << "somebody else's";
+        EXPECT_EQ(CodeResult::Accepted, Verify(alice, code));
+        file.erase(file.find(reference), kReferenceSize + 1);
+        EXPECT_EQ(file, ReadFile(SecretPath("alice"))) << "one line less and nothing else";
+        EXPECT_EQ(9, Settle(alice).codesLeft);
+        EXPECT_EQ(CodeResult::Wrong, Verify(alice, code));
+        CodeDigits digits;
+        EXPECT_FALSE(OpenCode(alice.uid, reference, digits)) << "the cipher declines it";
+        EXPECT_EQ(CodeResult::Accepted, Verify(alice, CodeOf(secret, kStep))) << "the app's codes go on";
+    });
+}
+
+TEST_F(Verifier, EightDigitsAreNoCodeForASecretThatWaits)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        SetWallClock(kNow);
+        MakeWaiting(alice);
+        EXPECT_EQ(CodeResult::Wrong, Confirm(alice, EmergencyCode(alice, 0)));
+        EXPECT_EQ(0, SecondStepOf(alice.uid).failures);
+    });
+}
+
+TEST_F(Verifier, ATemporaryCodeIsGoodOnceWithinItsTimeAndStart)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        const Account bob = MakeAccount("bob");
+        Enrol(alice);
+        Enrol(bob);
+        const std::string first = MintTemporaryCode(alice, 5);
+        const std::string second = MintTemporaryCode(alice, 5);
+        EXPECT_EQ(CodeResult::Wrong, Verify(alice, first)) << "replaced";
+        EXPECT_EQ(CodeResult::Wrong, Verify(bob, second));
+        EXPECT_EQ(CodeResult::Accepted, Verify(alice, second));
+        EXPECT_EQ(CodeResult::Wrong, Verify(alice, second));
+        EXPECT_EQ(10, Settle(alice).codesLeft);
+
+        SetClocks(kNow, 100'000, "first");
+        const std::string late = MintTemporaryCode(alice, 5);
+        SetClocks(kNow, 100'301, "first");
+        EXPECT_EQ(CodeResult::Wrong, Verify(alice, late));
+        const std::string other = MintTemporaryCode(alice, 5);
+        SetClocks(kNow, 10, "second");
+        EXPECT_EQ(CodeResult::Wrong, Verify(alice, other)) << "another start of the machine";
+        const std::string good = MintTemporaryCode(alice, 5);
+        SetClocks(kNow + 86400, 300, "second");
+        EXPECT_EQ(CodeResult::Accepted, Verify(alice, good)) << "the wall clock moves nothing";
+        EXPECT_EQ(std::string::npos, ReadFile(kSigninDatabase).find(good));
+    });
+}
+
+TEST_F(Verifier, TellsHowFarThePhonesClockIsOffAndBurnsWhatItTold)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        const std::string secret = Enrol(alice);
+        EXPECT_EQ(CodeResult::Wrong, Verify(alice, CodeOf(secret, kStep - 6)));
+        EXPECT_EQ(-3, ClockOffsetMinutes(alice));
+        EXPECT_FALSE(ClockOffsetMinutes(alice).has_value()) << "once a request";
+        EXPECT_EQ(CodeResult::Wrong, Verify(alice, CodeOf(secret, kStep + 6)));
+        EXPECT_EQ(3, ClockOffsetMinutes(alice));
+        EXPECT_EQ(CodeResult::Wrong, Verify(alice, CodeOf(secret, kStep + 8)));
+        EXPECT_FALSE(ClockOffsetMinutes(alice).has_value()) << "one at a time";
+        EXPECT_EQ(CodeResult::Wrong, Verify(alice, CodeOf(secret, kStep + 21)));
+        EXPECT_FALSE(ClockOffsetMinutes(alice).has_value()) << "too far";
+        EXPECT_EQ(4, SecondStepOf(alice.uid).failures) << "each of them was counted";
+        SetWallClock(kNow + 6 * 30);
+        EXPECT_EQ(CodeResult::Used, Verify(alice, CodeOf(secret, kStep + 6))) << "told, so not good any more";
+        EXPECT_EQ(CodeResult::Accepted, Verify(alice, CodeOf(secret, kStep + 7)));
+        EXPECT_FALSE(ClockOffsetMinutes(alice).has_value()) << "nothing was wrong";
+
+        const std::string waiting = MakeWaiting(alice);
+        EXPECT_EQ(CodeResult::Wrong, Confirm(alice, CodeOf(waiting, kStep + 26)));
+        EXPECT_EQ(10, ClockOffsetMinutes(alice));
+        StartRequest();
+        EXPECT_FALSE(ClockOffsetMinutes(alice).has_value()) << "another request";
     });
 }
 
