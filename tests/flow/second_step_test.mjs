@@ -3,7 +3,7 @@ import assert from "node:assert/strict";
 import test, { after, before } from "node:test";
 
 import { kWindows, looker, newVisitor, readQr, startBrowser } from "../support/browser.mjs";
-import { startServer } from "../support/server.mjs";
+import { run, startServer } from "../support/server.mjs";
 import { Client } from "./client.mjs";
 import { atOverview, atStep, errorAt, shownKey, signIn, signOut, tabTo, typeCode } from "./steps.mjs";
 
@@ -14,7 +14,7 @@ let server;
 let browser;
 
 before(async () => {
-  const names = ["words", "wait", "emergency", "clock", "phone", "fault", "reload", "tabs", "off", "enforced",
+  const names = ["words", "wait", "many", "emergency", "clock", "ahead", "phone", "fault", "reload", "tabs", "off", "enforced",
     "elsewhere", "keyboard", "looks"];
   server = await startServer({ accounts: Object.fromEntries(names.map((name) => [name, []])) });
   browser = await startBrowser();
@@ -193,6 +193,37 @@ test("a wait is counted down for the eye, told once to a screen reader, and ends
   assert.equal(sent, 2);
 });
 
+test("the server's own waits, its closing, and a code that the administrator gives out", async (t) => {
+  const { page, key } = await atSecondStep(t, "many");
+  const half = new Client(server.url);
+  const signInAgain = () => half.post("/api/signin", { user: "many", password: server.passwords.many });
+  const guess = () => half.post("/api/signin/code", { code: server.wrongCode(key) });
+  await signInAgain();
+  for (let i = 0; i < 5; ++i) {
+    assert.equal((await guess()).json.err, "otp_auth_failed");
+  }
+  await enter(page, "#code", server.wrongCode(key));
+  await errorAt(page, "code");
+  assert.match(await page.textContent("#code-error > [aria-hidden]"), /^Too many wrong codes\. You can try again in (30|29) seconds\.$/);
+
+  for (let i = 5; i < 50; ++i) {
+    server.advance(3600);
+    await signInAgain();
+    assert.equal((await guess()).json.err, "otp_auth_failed", `guess ${i}`);
+  }
+  server.advance(3600);
+  await page.goto("/");
+  await signIn(page, "many", server.passwords.many);
+  await page.waitForSelector("#code-form:visible");
+  await enter(page, "#code", server.code(key));
+  assert.equal(await message(page), kClosed);
+
+  run("tavrctl", ["otp", "open", "many"]);
+  const given = run("tavrctl", ["otp", "code", "many"]).match(/\b[0-9]{4} ?[0-9]{4}\b/)[0].replace(" ", "");
+  await enter(page, "#code", `${given.slice(0, 4)} ${given.slice(4)}`);
+  await atOverview(page, { on: true });
+});
+
 test("a wait of one account's password does not hold another's", async (t) => {
   const page = await visit(t);
   await refuse(page, "/api/signin", 429, { err: "too_many_attempts" }, { "Retry-After": "3600" });
@@ -319,6 +350,24 @@ test("in the wizard the clock of the phone is named when it is wrong", async (t)
       .startsWith(`That code is not right: the clock of your phone seems to be ${words}.`), words);
     await page.unroute("**/api/otp/confirm");
   }
+});
+
+test("the server names the clock in a setup, and not at the sign-in", async (t) => {
+  const { page, key } = await atSecondStep(t, "ahead");
+  const ahead = (secret) => {
+    const then = Math.floor(Date.now() / 1000) + server.clockOffset + 180;
+    return run("oathtool", ["--totp", "--base32", `--now=@${then}`, "-"], `${secret}\n`).trim();
+  };
+  await enter(page, "#code", ahead(key));
+  assert.match(await errorAt(page, "code"), /^That code is not right\. Please type the code that your app shows now/);
+  server.advance(30);
+  await enter(page, "#code", server.code(key));
+  await atOverview(page, { on: true });
+  server.advance(30);
+  const next = await startRenewal(page, server.passwords.ahead, server.code(key));
+  await page.click("[data-action=scanned]");
+  await typeCode(page, ahead(next));
+  assert.match(await errorAt(page, "wizard-code"), /^That code is not right: the clock of your phone seems to be 3 minutes ahead\./);
 });
 
 // --- switching off ---
