@@ -4,6 +4,8 @@
 #include "linux/clock.h"
 #include "linux/enrolment.h"
 #include "linux/names.h"
+#include "linux/request.h"
+#include "linux/session.h"
 #include "linux/vault.h"
 #include "linux/verifier.h"
 
@@ -118,5 +120,18 @@ int main(int /*argc*/, char** argv)
         "accepted code, signing in (with settling)", 1.3, kRounds, renew,
         [&] { Require(VerifyCode(subject.account, code).result == CodeResult::Accepted, "VerifyCode"); },
         [&] { FloorOf(subject, place, code, floorDatabase); });
+
+    // What has to be durable: the accepted step with its counter, and the session.
+    Compare(
+        "step two, from half sign-in to session", 1.3, kRounds, renew,
+        [&] {
+            StartRequest();
+            Require(VerifyCode(subject.account, code).result == CodeResult::Accepted, "VerifyCode");
+            Require(OpenSession(subject.account) == Grant::Opened, "OpenSession");
+        },
+        [&] {
+            FloorOf(subject, place, code, floorDatabase);
+            floorDatabase.Prepare("UPDATE floor SET step = step + 1").Run();
+        });
     return 0;
 }
