@@ -229,9 +229,9 @@ TEST_F(SecretTool, FailsWithoutDatabaseKeyOrRoom)
 TEST_F(SecretTool, PrintsNothingWhenTheDiskIsFull)
 {
     AsWorker([] { EXPECT_EQ(0, RunTool(kPath).status); });
-    LimitFolder(kStateDir, 128 * 1024);
+    LimitFolder(kStateDir, 1024 * 1024);
     AsWorker([] {
-        WriteFile(std::string(kStateDir) + "/filler", std::string(1 << 20, 'x'));
+        WriteFile(std::string(kStateDir) + "/filler", std::string(4 << 20, 'x'));
         const std::string before = ReadFile(kPath);
         const Ran ran = RunTool("/tmp/OTP_1027");
         EXPECT_EQ(1, ran.status);
