@@ -37,8 +37,8 @@ Offsets ReadOffsets()
     }
     char text[128] = {};
     if (read(fd, text, sizeof text - 1) > 0) {
-        std::sscanf(text, "%lld %lld %36s", &offsets.wall, &offsets.boot,
-                    offsets.bootId); // NOLINT(cert-err34-c)
+        // NOLINTNEXTLINE(cert-err34-c): tests write whole numbers
+        std::sscanf(text, "%lld %lld %36s", &offsets.wall, &offsets.boot, offsets.bootId);
     }
     close(fd);
     return offsets;
