@@ -1,8 +1,10 @@
-// A file descriptor with an owner.
+// A file descriptor with an owner, and reading and writing through one.
 #pragma once
 
 #include <unistd.h>
 
+#include <string>
+#include <string_view>
 #include <utility>
 
 namespace tavr
@@ -33,5 +35,13 @@ public:
 private:
     int fd_ = -1;
 };
+
+// Appends what is left to read, `limit` bytes at most, to `text`. False: there is more, or it cannot be read.
+bool ReadAll(const Descriptor& file, size_t limit, std::string& text);
+
+bool WriteAll(const Descriptor& file, std::string_view text); // false: errno says why
+
+// Whether it is a regular file of root's, linked once, that others neither write nor read.
+bool IsGuarded(const Descriptor& file);
 
 } // namespace tavr

@@ -49,6 +49,11 @@ Ids ServiceIds()
 
 } // namespace
 
+gid_t ServiceGroup()
+{
+    return ServiceIds().gid;
+}
+
 EffectiveIds EffectiveIds::Root()
 {
     return EffectiveIds(0, 0);

@@ -34,4 +34,7 @@ private:
     bool changed_;
 };
 
+// The service's group; that of no one (-1) where the system does not know the service's account.
+gid_t ServiceGroup();
+
 } // namespace tavr

@@ -5,7 +5,6 @@
 
 #include <fcntl.h>
 #include <sodium.h>
-#include <sys/stat.h>
 #include <syslog.h>
 
 #include <cerrno>
@@ -26,6 +25,15 @@ constexpr char kContext[crypto_kdf_CONTEXTBYTES + 1] = "tavrotpv";
 constexpr uint64_t kSealingKey = 1;
 constexpr uint64_t kFingerprint = 2;
 
+constexpr size_t kNonceSize = crypto_aead_xchacha20poly1305_ietf_NPUBBYTES;
+static_assert(MachineKey::kBytes == crypto_aead_xchacha20poly1305_ietf_KEYBYTES);
+static_assert(MachineKey::kSealSize == kNonceSize + crypto_aead_xchacha20poly1305_ietf_ABYTES);
+
+const unsigned char* Data(std::string_view text)
+{
+    return reinterpret_cast<const unsigned char*>(text.data());
+}
+
 // Wiped on every way out, both.
 struct KeyBytes {
     MachineKey::Bytes bytes{};
@@ -41,12 +49,6 @@ struct KeyText {
     KeyText& operator=(const KeyText&) = delete;
     ~KeyText() { sodium_memzero(bytes, sizeof bytes); }
 };
-
-bool IsGuarded(const struct stat& file)
-{
-    return S_ISREG(file.st_mode) && file.st_uid == 0 && file.st_nlink == 1 &&
-           (file.st_mode & (S_IWGRP | S_IRWXO)) == 0;
-}
 
 bool ParseKey(const KeyText& text, MachineKey::Bytes& key)
 {
@@ -68,11 +70,9 @@ MachineKey MachineKey::Read()
         syslog(LOG_AUTH | LOG_ERR, "cannot open %s: %m", kMachineKeyFile);
         throw VaultError(errno == ENOENT ? Fault::KeyMissing : Fault::KeyWrong);
     }
-    struct stat what {
-    };
     KeyText text;
     KeyBytes key;
-    if (fstat(file.Get(), &what) != 0 || !IsGuarded(what) ||
+    if (!IsGuarded(file) ||
         read(file.Get(), text.bytes, sizeof text.bytes) != static_cast<ssize_t>(kTextSize) ||
         !ParseKey(text, key.bytes) || sodium_init() < 0) {
         syslog(LOG_AUTH | LOG_ERR, "%s is no machine key, or its owner or mode is wrong", kMachineKeyFile);
@@ -91,6 +91,42 @@ MachineKey::MachineKey(const Bytes& key) : fingerprint_(kBytes / 2, 0)
 MachineKey::~MachineKey()
 {
     sodium_memzero(sealing_.data(), sealing_.size());
+}
+
+std::string MachineKey::Seal(std::string_view bound, std::string_view plain) const
+{
+    std::string sealed(plain.size() + kSealSize, 0);
+    auto* bytes = reinterpret_cast<unsigned char*>(sealed.data());
+    randombytes_buf(bytes, kNonceSize);
+    crypto_aead_xchacha20poly1305_ietf_encrypt(bytes + kNonceSize, nullptr, Data(plain), plain.size(),
+                                               Data(bound), bound.size(), nullptr, bytes, sealing_.data());
+    return sealed;
+}
+
+bool MachineKey::Unseal(std::string_view bound, std::string_view sealed, std::span<unsigned char> plain) const
+{
+    return sealed.size() == plain.size() + kSealSize &&
+           crypto_aead_xchacha20poly1305_ietf_decrypt(
+               plain.data(), nullptr, nullptr, Data(sealed) + kNonceSize, sealed.size() - kNonceSize,
+               Data(bound), bound.size(), Data(sealed), sealing_.data()) == 0;
+}
+
+std::optional<std::string> MachineKey::UnsealText(std::string_view bound, std::string_view sealed) const
+{
+    if (sealed.size() < kSealSize) {
+        return std::nullopt;
+    }
+    std::string plain(sealed.size() - kSealSize, 0);
+    const bool opened = Unseal(bound, sealed, {reinterpret_cast<unsigned char*>(plain.data()), plain.size()});
+    return opened ? std::optional(std::move(plain)) : std::nullopt;
+}
+
+std::string MachineKey::Mark(std::string_view text) const
+{
+    std::string mark(crypto_generichash_BYTES_MIN, 0);
+    crypto_generichash(reinterpret_cast<unsigned char*>(mark.data()), mark.size(), Data(text), text.size(),
+                       sealing_.data(), sealing_.size());
+    return mark;
 }
 
 } // namespace tavr

@@ -1,5 +1,6 @@
-// The machine key: 32 random bytes in kMachineKeyFile that seal the vault's rows (vault.h). Read with the
-// service's ids whenever it is needed and wiped after use, so that a new one counts at once.
+// The machine key: 32 random bytes in kMachineKeyFile that seal the vault's rows (vault.h), waiting mails and
+// passwords of mail accounts. Read with the service's ids whenever it is needed and wiped after use, so that
+// a new one counts at once.
 //
 // The file is one line of text: kMachineKeyHead, 64 lower-case hexadecimal digits, a line feed.
 #pragma once
@@ -7,8 +8,11 @@
 #include "linux/request.h"
 
 #include <array>
+#include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace tavr
 {
@@ -37,7 +41,17 @@ public:
     static constexpr size_t kBytes = 32;
     using Bytes = std::array<unsigned char, kBytes>;
 
-    [[nodiscard]] const Bytes& Sealing() const { return sealing_; }
+    // Sealed texts (XChaCha20-Poly1305) open only with what they are bound to, a text that says whose they
+    // are and what for; it begins with the name of its kind, so that no two kinds open as one another.
+    static constexpr size_t kSealSize = 40; // bytes that sealing adds
+    [[nodiscard]] std::string Seal(std::string_view bound, std::string_view plain) const;
+    [[nodiscard]] bool Unseal(std::string_view bound, std::string_view sealed,
+                              std::span<unsigned char> plain) const; // false: not this key's, or changed
+    [[nodiscard]] std::optional<std::string> UnsealText(std::string_view bound,
+                                                        std::string_view sealed) const;
+
+    // 16 bytes by which a text can be found again, and which tell nothing of it without the key.
+    [[nodiscard]] std::string Mark(std::string_view text) const;
 
     // Tells one key from another and nothing else about it. Stored in the vault.
     [[nodiscard]] const std::string& Fingerprint() const { return fingerprint_; }

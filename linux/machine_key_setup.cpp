@@ -31,12 +31,6 @@ bool VaultHoldsRows()
     return HoldsSealedRows();
 }
 
-gid_t ServiceGroup()
-{
-    const EffectiveIds service = EffectiveIds::Service();
-    return getegid();
-}
-
 bool WriteKey(int fd)
 {
     std::array<unsigned char, MachineKey::kBytes> key;

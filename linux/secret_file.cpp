@@ -20,18 +20,6 @@ bool IsReferenceCharacter(char c)
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
 }
 
-bool WriteAll(int fd, std::string_view text)
-{
-    while (!text.empty()) {
-        const ssize_t written = write(fd, text.data(), text.size());
-        if (written < 0 && errno != EINTR) {
-            return false;
-        }
-        text.remove_prefix(written < 0 ? 0 : static_cast<size_t>(written));
-    }
-    return true;
-}
-
 } // namespace
 
 // --- References ---
@@ -142,18 +130,10 @@ FoundFile ReadOwnFile(const Descriptor& directory, const std::string& name)
         what.st_nlink != 1 || what.st_size > static_cast<off_t>(kSecretFileLimit)) {
         return {};
     }
-    std::string text(kSecretFileLimit + 1, 0);
-    size_t size = 0;
-    for (ssize_t got = 1; got > 0 && size < text.size(); size += static_cast<size_t>(got)) {
-        got = read(file.Get(), text.data() + size, text.size() - size);
-        if (got < 0) {
-            return {};
-        }
-    }
-    if (size > kSecretFileLimit) {
+    std::string text;
+    if (!ReadAll(file, kSecretFileLimit, text)) {
         return {};
     }
-    text.resize(size);
     return {Found::Text, text};
 }
 
@@ -180,7 +160,7 @@ bool NewFile::Write(std::string_view text)
         return false;
     }
     exists_ = true;
-    return fchmod(file.Get(), S_IRUSR | S_IWUSR) == 0 && WriteAll(file.Get(), text) && fsync(file.Get()) == 0;
+    return fchmod(file.Get(), S_IRUSR | S_IWUSR) == 0 && WriteAll(file, text) && fsync(file.Get()) == 0;
 }
 
 bool NewFile::PutInPlace(AtPlace atPlace)

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 namespace tavr
 {
@@ -16,10 +15,6 @@ namespace
 {
 
 constexpr char kReferenceAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
-
-constexpr size_t kNonceSize = crypto_aead_xchacha20poly1305_ietf_NPUBBYTES;
-constexpr size_t kTagSize = crypto_aead_xchacha20poly1305_ietf_ABYTES;
-static_assert(MachineKey::kBytes == crypto_aead_xchacha20poly1305_ietf_KEYBYTES);
 
 constexpr char kForSecret[] = "secret";
 constexpr char kForCode[] = "code";
@@ -38,16 +33,6 @@ struct RowName {
     }
 };
 
-unsigned char* Bytes(std::string& text)
-{
-    return reinterpret_cast<unsigned char*>(text.data());
-}
-
-const unsigned char* Bytes(const std::string& text)
-{
-    return reinterpret_cast<const unsigned char*>(text.data());
-}
-
 std::string MakeReference(char marker)
 {
     unsigned char random[kReferenceSize];
@@ -59,24 +44,14 @@ std::string MakeReference(char marker)
     return reference;
 }
 
-std::string Seal(const MachineKey& key, const RowName& row, const unsigned char* plain, size_t size)
+std::string Seal(const MachineKey& key, const RowName& row, const void* plain, size_t size)
 {
-    std::string sealed(kNonceSize + size + kTagSize, 0);
-    randombytes_buf(sealed.data(), kNonceSize);
-    const std::string bound = row.Text();
-    crypto_aead_xchacha20poly1305_ietf_encrypt(Bytes(sealed) + kNonceSize, nullptr, plain, size, Bytes(bound),
-                                               bound.size(), nullptr, Bytes(sealed), key.Sealing().data());
-    return sealed;
+    return key.Seal(row.Text(), {static_cast<const char*>(plain), size});
 }
 
-void Open(const MachineKey& key, const RowName& row, const std::string& sealed, unsigned char* plain,
-          size_t size)
+void Open(const MachineKey& key, const RowName& row, const std::string& sealed, void* plain, size_t size)
 {
-    const std::string bound = row.Text();
-    if (sealed.size() != kNonceSize + size + kTagSize ||
-        crypto_aead_xchacha20poly1305_ietf_decrypt(plain, nullptr, nullptr, Bytes(sealed) + kNonceSize,
-                                                   size + kTagSize, Bytes(bound), bound.size(), Bytes(sealed),
-                                                   key.Sealing().data()) != 0) {
+    if (!key.Unseal(row.Text(), sealed, {static_cast<unsigned char*>(plain), size})) {
         throw VaultError(Fault::VaultDamaged);
     }
 }
@@ -184,8 +159,7 @@ void InsertCode(const MachineKey& key, uint32_t account, const SecretFileText& r
         .Bind(1, reference)
         .Bind(2, references.secret)
         .Bind(3, static_cast<int64_t>(position))
-        .BindBlob(4, Seal(key, {kForCode, account, reference},
-                          reinterpret_cast<const unsigned char*>(code.text), kCodeDigits))
+        .BindBlob(4, Seal(key, {kForCode, account, reference}, code.text, kCodeDigits))
         .Run();
 }
 
@@ -285,8 +259,7 @@ bool OpenCode(uint32_t account, std::string_view reference, CodeDigits& code)
     }
     const MachineKey key = MachineKey::Read();
     CheckKey(key);
-    Open(key, {kForCode, account, reference}, ask.Text(0), reinterpret_cast<unsigned char*>(code.text),
-         kCodeDigits);
+    Open(key, {kForCode, account, reference}, ask.Text(0), code.text, kCodeDigits);
     return true;
 }
 
@@ -438,8 +411,7 @@ void StoreTemporaryCode(uint32_t account, const CodeDigits& code, int64_t second
     db.Prepare("INSERT INTO temporary_code (account, sealed, boot, until) VALUES (?1, ?2, ?3, ?4)"
                " ON CONFLICT (account) DO UPDATE SET sealed = ?2, boot = ?3, until = ?4")
         .Bind(1, int64_t{account})
-        .BindBlob(2, Seal(key, {kForTemporaryCode, account, bound},
-                          reinterpret_cast<const unsigned char*>(code.text), kCodeDigits))
+        .BindBlob(2, Seal(key, {kForTemporaryCode, account, bound}, code.text, kCodeDigits))
         .Bind(3, BootId())
         .Bind(4, until)
         .Run();
@@ -457,8 +429,7 @@ bool OpenTemporaryCode(uint32_t account, CodeDigits& code)
     const MachineKey key = MachineKey::Read();
     CheckKey(key);
     const std::string bound = BootId() + ' ' + std::to_string(ask.Int(1));
-    Open(key, {kForTemporaryCode, account, bound}, ask.Text(0), reinterpret_cast<unsigned char*>(code.text),
-         kCodeDigits);
+    Open(key, {kForTemporaryCode, account, bound}, ask.Text(0), code.text, kCodeDigits);
     return true;
 }
 

@@ -1,0 +1,48 @@
+#include "linux/descriptor.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+
+namespace tavr
+{
+
+bool ReadAll(const Descriptor& file, size_t limit, std::string& text)
+{
+    char block[4096];
+    ssize_t got = 0;
+    size_t size = 0;
+    while ((got = read(file.Get(), block, sizeof block)) > 0) {
+        size += static_cast<size_t>(got);
+        if (size > limit) {
+            return false;
+        }
+        text.append(block, static_cast<size_t>(got));
+    }
+    return got == 0;
+}
+
+bool WriteAll(const Descriptor& file, std::string_view text)
+{
+    while (!text.empty()) {
+        const ssize_t put = write(file.Get(), text.data(), text.size());
+        if (put < 0 && errno == EINTR) {
+            continue;
+        }
+        if (put <= 0) {
+            return false;
+        }
+        text.remove_prefix(static_cast<size_t>(put));
+    }
+    return true;
+}
+
+bool IsGuarded(const Descriptor& file)
+{
+    struct stat what {
+    };
+    return fstat(file.Get(), &what) == 0 && S_ISREG(what.st_mode) && what.st_uid == 0 && what.st_nlink == 1 &&
+           (what.st_mode & (S_IWGRP | S_IRWXO)) == 0;
+}
+
+} // namespace tavr
