@@ -9,6 +9,7 @@ inline constexpr char kServiceUser[] = "tavr-web"; // whom the workers run as
 inline constexpr char kSettingsFile[] = "/etc/tavrinfo.conf";  // a link into kConfigDir
 inline constexpr char kConfigDir[] = "/etc/tavr";              // root 0755
 inline constexpr char kMachineKeyFile[] = "/etc/tavr/otp.key"; // root:tavr-web 0440
+inline constexpr char kSecretsFile[] = "/etc/tavr/secrets";    // root:tavr-web 0440
 inline constexpr char kMachineIdFile[] = "/etc/machine-id";
 
 inline constexpr char kDataDir[] = "/usr/tavr/etc";                  // tavr-web 0755
@@ -18,12 +19,17 @@ inline constexpr char kPolicyFile[] = "/usr/tavr/etc/tavr_otp_enforce_custom_set
 inline constexpr char kStateDir[] = "/var/lib/tavr";                     // tavr-web 0700
 inline constexpr char kAccountsDatabase[] = "/var/lib/tavr/accounts.db"; // users, groups
 inline constexpr char kSigninDatabase[] = "/var/lib/tavr/signin.db";     // vault, sessions
+inline constexpr char kMailDatabase[] = "/var/lib/tavr/mail.db";         // mails that wait to be sent
 inline constexpr char kAccountLockFile[] = "/var/lib/tavr/account.lock"; // one byte an account
+inline constexpr char kMailLockFile[] = "/var/lib/tavr/mail.lock";       // held by who sends
 
 inline constexpr char kWaitingDir[] = "/tmp";        // the web service's own; the library names it
 inline constexpr char kWaitingFilePrefix[] = "OTP_"; // then the account's number
 
 inline constexpr char kRunDir[] = "/run/tavr"; // root 0755
+
+inline constexpr char kMailTemplateDir[] = "/usr/share/tavr-otp/mail"; // <language>/<tag>, as installed
+inline constexpr char kOwnMailTemplateDir[] = "/etc/tavr/mail";        // likewise, the administrator's
 
 inline constexpr char kSecretFileName[] = "otp_secret"; // in an account's preference directory
 inline constexpr char kSecretToolPath[] = "/usr/bin/google-authenticator";

@@ -22,11 +22,18 @@ namespace tavr
 namespace
 {
 
-constexpr off_t kMaxSize = 1 << 20;
+constexpr size_t kMaxSize = 1 << 20;
 constexpr int kReadTries = 5;
-constexpr char kFileName[] = "tavrinfo.conf"; // in kConfigDir
-constexpr char kNewName[] = "tavrinfo.conf.new";
-constexpr char kLockName[] = "settings.lock";
+constexpr char kLockName[] = "settings.lock"; // in kConfigDir
+
+// A file of settings in kConfigDir, and whose it is: root's, and where it is secret the service's group too.
+struct Place {
+    const char* name;
+    const char* newName;
+    mode_t mode;
+};
+constexpr Place kOpenPlace{"tavrinfo.conf", "tavrinfo.conf.new", 0644};
+constexpr Place kSecretPlace{"secrets", "secrets.new", 0440};
 
 // What tells one state of a file from another.
 struct Stamp {
@@ -45,34 +52,6 @@ Stamp StampOf(const struct stat& entry)
             entry.st_ctim.tv_sec * kNano + entry.st_ctim.tv_nsec};
 }
 
-bool ReadAll(int fd, std::string& text)
-{
-    char block[4096];
-    ssize_t got = 0;
-    while ((got = read(fd, block, sizeof block)) > 0) {
-        text.append(block, static_cast<size_t>(got));
-        if (text.size() > static_cast<size_t>(kMaxSize)) {
-            return false;
-        }
-    }
-    return got == 0;
-}
-
-bool WriteAll(int fd, std::string_view text)
-{
-    while (!text.empty()) {
-        const ssize_t put = write(fd, text.data(), text.size());
-        if (put < 0 && errno == EINTR) {
-            continue;
-        }
-        if (put <= 0) {
-            return false;
-        }
-        text.remove_prefix(static_cast<size_t>(put));
-    }
-    return true;
-}
-
 // O_NONBLOCK: a FIFO at the place must not stop the process.
 FileRead ReadStamped(const char* path, std::string& text, Stamp& stamp)
 {
@@ -86,7 +65,7 @@ FileRead ReadStamped(const char* path, std::string& text, Stamp& stamp)
         struct stat after {
         };
         std::string read;
-        if (fstat(file.Get(), &before) != 0 || !S_ISREG(before.st_mode) || !ReadAll(file.Get(), read) ||
+        if (fstat(file.Get(), &before) != 0 || !S_ISREG(before.st_mode) || !ReadAll(file, kMaxSize, read) ||
             fstat(file.Get(), &after) != 0) {
             return FileRead::Failed;
         }
@@ -185,22 +164,63 @@ bool IsKey(std::string_view key)
 bool IsValue(std::string_view value)
 {
     return std::none_of(value.begin(), value.end(),
-                        [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 0x7f || c == '"'; });
+                        [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 0x7f; });
+}
+
+// For everybody to read, or for the service's group alone.
+bool GiveOwner(const Descriptor& file, mode_t mode)
+{
+    const gid_t group = (mode & S_IROTH) != 0 ? 0 : ServiceGroup();
+    return fchown(file.Get(), 0, group) == 0 && fchmod(file.Get(), mode) == 0;
 }
 
 // Replaces the file inside `folder` by one with this text.
-bool ReplaceFile(int folder, std::string_view text)
+bool ReplaceFile(int folder, const Place& place, std::string_view text)
 {
-    unlinkat(folder, kNewName, 0); // of a writer that was killed
-    Descriptor file(openat(folder, kNewName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-    const bool written = file && fchmod(file.Get(), 0644) == 0 && WriteAll(file.Get(), text) &&
+    unlinkat(folder, place.newName, 0); // of a writer that was killed
+    Descriptor file(
+        openat(folder, place.newName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    const bool written = file && GiveOwner(file, place.mode) && WriteAll(file, text) &&
                          fsync(file.Get()) == 0 && close(file.Release()) == 0 &&
-                         renameat(folder, kNewName, folder, kFileName) == 0;
+                         renameat(folder, place.newName, folder, place.name) == 0;
     if (!written) {
-        unlinkat(folder, kNewName, 0);
+        unlinkat(folder, place.newName, 0);
         return false;
     }
     return fsync(folder) == 0;
+}
+
+bool Write(const Place& place, std::span<const SettingValue> values)
+{
+    const EffectiveIds root = EffectiveIds::Root();
+    if (!root.Changed()) {
+        Fail(Error::NotAllowed);
+        return false;
+    }
+    const Descriptor folder(open(kConfigDir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder) {
+        Fail(Error::OpenFailed);
+        return false;
+    }
+    const Descriptor lock(openat(folder.Get(), kLockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!lock || flock(lock.Get(), LOCK_EX) != 0) {
+        Fail(Error::OpenFailed);
+        return false;
+    }
+    std::string text;
+    Stamp stamp;
+    if (ReadStamped((std::string(kConfigDir) + "/" + place.name).c_str(), text, stamp) == FileRead::Failed) {
+        Fail(Error::ReadFailed);
+        return false;
+    }
+    for (const auto& [key, value] : values) {
+        text = ReplaceKey(text, key, value);
+    }
+    if (!ReplaceFile(folder.Get(), place, text)) {
+        Fail(Error::WriteFailed);
+        return false;
+    }
+    return true;
 }
 
 } // namespace
@@ -230,38 +250,46 @@ int64_t NumberSetting(std::string_view key, int64_t fallback, int64_t least, int
     return fallback;
 }
 
+bool WriteSettings(std::span<const SettingValue> values)
+{
+    const bool valid = std::all_of(values.begin(), values.end(), [](const SettingValue& one) {
+        return IsKey(one.key) && IsValue(one.value) && one.value.find('"') == std::string_view::npos;
+    });
+    if (!valid) {
+        Fail(Error::BadParameter);
+        return false;
+    }
+    return Write(kOpenPlace, values);
+}
+
 bool WriteSetting(std::string_view key, std::string_view value)
+{
+    const SettingValue one[] = {{key, value}};
+    return WriteSettings(one);
+}
+
+std::optional<std::string> SecretSetting(std::string_view key)
+{
+    const Descriptor file(open(kSecretsFile, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (!file && errno == ENOENT) {
+        return std::nullopt;
+    }
+    std::string text;
+    if (!file || !IsGuarded(file) || !ReadAll(file, kMaxSize, text)) {
+        syslog(LOG_AUTH | LOG_ERR, "%s cannot be read, or its owner or mode is wrong", kSecretsFile);
+        return std::nullopt;
+    }
+    return FindKey(text, key);
+}
+
+bool WriteSecretSetting(std::string_view key, std::string_view value)
 {
     if (!IsKey(key) || !IsValue(value)) {
         Fail(Error::BadParameter);
         return false;
     }
-    const EffectiveIds root = EffectiveIds::Root();
-    if (!root.Changed()) {
-        Fail(Error::NotAllowed);
-        return false;
-    }
-    const Descriptor folder(open(kConfigDir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!folder) {
-        Fail(Error::OpenFailed);
-        return false;
-    }
-    const Descriptor lock(openat(folder.Get(), kLockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!lock || flock(lock.Get(), LOCK_EX) != 0) {
-        Fail(Error::OpenFailed);
-        return false;
-    }
-    std::string text;
-    Stamp stamp;
-    if (ReadStamped((std::string(kConfigDir) + "/" + kFileName).c_str(), text, stamp) == FileRead::Failed) {
-        Fail(Error::ReadFailed);
-        return false;
-    }
-    if (!ReplaceFile(folder.Get(), ReplaceKey(text, key, value))) {
-        Fail(Error::WriteFailed);
-        return false;
-    }
-    return true;
+    const SettingValue one[] = {{key, value}};
+    return Write(kSecretPlace, one);
 }
 
 std::optional<std::string> FindKey(std::string_view text, std::string_view key)

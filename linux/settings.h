@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -18,10 +19,21 @@ std::string Setting(std::string_view key, std::string_view fallback);
 int64_t NumberSetting(std::string_view key, int64_t fallback, int64_t least,
                       int64_t most); // outside: fallback, logged once
 
-// Sets a key by a new file, synced and renamed into place inside /etc/tavr; lines that it does not know stay.
+// Sets keys by a new file, synced and renamed into place inside /etc/tavr; lines that it does not know stay.
 // Raises the ids for it. False: nothing has changed, and the platform error record says why. A key is
 // lower-case letters, digits and "_"; a value has no control character and no double quote.
+struct SettingValue {
+    std::string_view key;
+    std::string_view value;
+};
+bool WriteSettings(std::span<const SettingValue> values); // all of them at once
 bool WriteSetting(std::string_view key, std::string_view value);
+
+// Passwords of services stand apart, in kSecretsFile (root:tavr-web 0440), in lines of the same form. Read
+// anew each time. Empty: no such key, or the file is not root's own and guarded, which is logged. A value may
+// hold double quotes.
+std::optional<std::string> SecretSetting(std::string_view key);
+bool WriteSecretSetting(std::string_view key, std::string_view value); // as WriteSetting
 
 // The value of `key` in a text of such lines.
 std::optional<std::string> FindKey(std::string_view text, std::string_view key);
