@@ -179,6 +179,15 @@ int64_t Database::LastInsertId() const
     return sqlite3_last_insert_rowid(db_.get());
 }
 
+bool Database::CutLog(int longestWaitMilliseconds)
+{
+    sqlite3_busy_timeout(db_.get(), longestWaitMilliseconds);
+    const int code =
+        sqlite3_wal_checkpoint_v2(db_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    sqlite3_busy_timeout(db_.get(), kBusyMilliseconds);
+    return code == SQLITE_OK;
+}
+
 Transaction::Transaction(Database& db) : db_(db)
 {
     db_.Prepare("BEGIN IMMEDIATE").Run();

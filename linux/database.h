@@ -67,6 +67,11 @@ public:
 
     [[nodiscard]] int64_t Changes() const; // rows that the last statement changed
     [[nodiscard]] int64_t LastInsertId() const;
+
+    // Writes the write-ahead log back into the database and cuts it to nothing. False: somebody is in the
+    // way.
+    bool CutLog(int longestWaitMilliseconds);
+
     sqlite3* Handle() { return db_.get(); }
 
 private:
