@@ -1,9 +1,13 @@
-// What every area of the library stands on: the one form of a log line, the two ways of raising the
-// effective ids for a stretch, and the two facts that several areas read off a name or an id. Not installed.
+// What every area of the library stands on: the one form of a log line, owners of what the system and the
+// platform hand out, the two ways of raising the effective ids for a stretch, and the two facts that several
+// areas read off a name or an id. Not installed.
 //
 // Both ways of raising rights change the effective ids of the whole process and leave the real and the saved
 // ones alone. Neither throws, and both give the ids back on every way out of their scope.
 #pragma once
+
+#include "platform/core.h"
+#include "platform/users.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -33,10 +37,29 @@ constexpr int kAuthDebug = LOG_AUTH | LOG_DEBUG;
 constexpr std::size_t kErrorTextSize = 1024;
 constexpr std::size_t kPathSize = 4096;
 
+// The platform's last error, read when the line is about to be written.
+struct PlatformError {
+    unsigned int code = static_cast<unsigned int>(KLIBCErrGet());
+    const char* file = KLIBCErrorGetFile();
+    int line = KLIBCErrorGetLine();
+};
+
+// --- owners ---
+
 struct FreeMalloc {
     void operator()(void* memory) const noexcept { std::free(memory); }
 };
 using MallocText = std::unique_ptr<char, FreeMalloc>;
+
+struct CloseFile {
+    void operator()(FILE* file) const noexcept { std::fclose(file); }
+};
+using File = std::unique_ptr<FILE, CloseFile>;
+
+struct FreeUser {
+    void operator()(TAVRUser* user) const noexcept { TAVRUserFree(user); }
+};
+using UserRecord = std::unique_ptr<TAVRUser, FreeUser>;
 
 // --- effective ids of a named account ---
 

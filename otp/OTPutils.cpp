@@ -40,21 +40,11 @@ struct ClosePipe {
 };
 using Pipe = std::unique_ptr<FILE, ClosePipe>;
 
-struct CloseFile {
-    void operator()(FILE* file) const noexcept { std::fclose(file); }
-};
-using File = std::unique_ptr<FILE, CloseFile>;
-
-struct FreeUser {
-    void operator()(TAVRUser* user) const noexcept { TAVRUserFree(user); }
-};
-using UserRecord = std::unique_ptr<TAVRUser, FreeUser>;
-
 // Empty when the record cannot be read; the platform error record says why.
-UserRecord FindUser(const char* name)
+otp::UserRecord FindUser(const char* name)
 {
     TAVRUser* user = nullptr;
-    return TAVRUserGet(name, &user) < 0 ? UserRecord() : UserRecord(user);
+    return TAVRUserGet(name, &user) < 0 ? otp::UserRecord() : otp::UserRecord(user);
 }
 
 // The platform wants it back even when it could not be made.
@@ -95,13 +85,6 @@ struct LdapLookup {
             TAVRUserFree(record);
         }
     }
-};
-
-// The platform's last error, read when the line is about to be written.
-struct PlatformError {
-    unsigned int code = static_cast<unsigned int>(KLIBCErrGet());
-    const char* file = KLIBCErrorGetFile();
-    int line = KLIBCErrorGetLine();
 };
 
 // --- QR code ---
@@ -163,7 +146,7 @@ std::string SettingsPath(const char* user)
 {
     char dir[otp::kPathSize] = {};
     if (TAVRUserPreferenceDirGet(user, dir, sizeof dir, 0) < 0) {
-        const PlatformError error;
+        const otp::PlatformError error;
         OTP_LOG(LOG_ERR, kSourceFile, __LINE__, "Get preference dir failed. [%s] [0x%04X %s:%d]", user,
                 error.code, error.file, error.line);
         return {};
@@ -174,7 +157,7 @@ std::string SettingsPath(const char* user)
 // Empty when the file cannot be read to its end.
 std::string ReadWhole(const std::string& path)
 {
-    const File file(std::fopen(path.c_str(), "r"));
+    const otp::File file(std::fopen(path.c_str(), "r"));
     if (!file) {
         return {};
     }
@@ -215,7 +198,7 @@ std::string CompactText(const Json::Value& settings)
 // In place: the file keeps its owner and mode. False, and logged, when nothing could be written.
 bool StoreText(const std::string& path, const std::string& text)
 {
-    const File file(std::fopen(path.c_str(), "w"));
+    const otp::File file(std::fopen(path.c_str(), "w"));
     if (!file) {
         OTP_LOG(LOG_ERR, kSourceFile, __LINE__, "Failed to open %s", path.c_str());
         return false;
@@ -234,13 +217,13 @@ const char* FindLdapMail(const char* user, LdapLookup& lookup)
 {
     lookup.options = TAVRLDAPSearchOptionAlloc();
     if (lookup.options == nullptr) {
-        const PlatformError error;
+        const otp::PlatformError error;
         OTP_LOG(LOG_ERR, kSourceFile, __LINE__, "TAVRLDAPSearchOptionAlloc() failed [0x%04X %s:%d]",
                 error.code, error.file, error.line);
         return nullptr;
     }
     if (TAVRLDAPSearchOptionGet(lookup.options, 0) < 0) {
-        const PlatformError error;
+        const otp::PlatformError error;
         OTP_LOG(LOG_ERR, kSourceFile, __LINE__, "Failed to get ldapsearch options [0x%04X %s:%d]", error.code,
                 error.file, error.line);
         return nullptr;
@@ -316,7 +299,7 @@ int GetUserSecretKey(const char* user, std::string& secret, std::string& path)
     if (access(secretPath, F_OK) != 0) {
         return 0;
     }
-    const File file(std::fopen(secretPath, "r"));
+    const otp::File file(std::fopen(secretPath, "r"));
     if (!file) {
         OTP_LOG(LOG_ERR, kSourceFile, __LINE__, "Failed to open file %s", secretPath);
         return -1;
@@ -435,9 +418,9 @@ bool GetNormalUserMail(const char* user, char* dst, size_t n)
         OTP_LOG(LOG_ERR, kSourceFile, __LINE__, "Bad parameter");
         return false;
     }
-    const UserRecord record = FindUser(user);
+    const otp::UserRecord record = FindUser(user);
     if (!record) {
-        const PlatformError error;
+        const otp::PlatformError error;
         OTP_LOG(LOG_ERR, kSourceFile, __LINE__, "Failed to get user: %s [0x%04X %s:%d]", user, error.code,
                 error.file, error.line);
         return false;
@@ -521,7 +504,7 @@ bool SetNormalUserMail(const char* user, const char* mail)
         OTP_LOG(LOG_ERR, kSourceFile, __LINE__, "Bad parameter");
         return false;
     }
-    const UserRecord record = FindUser(user);
+    const otp::UserRecord record = FindUser(user);
     if (!record) {
         OTP_LOG(LOG_ERR, kSourceFile, __LINE__, "Failed to get user info");
         return false;
@@ -529,7 +512,7 @@ bool SetNormalUserMail(const char* user, const char* mail)
     const std::string copy = mail; // outlives the update, and goes before the record
     record->mail = copy.c_str();
     if (TAVRConfdUserUpdate(user, record.get(), 0) < 0) {
-        const PlatformError error;
+        const otp::PlatformError error;
         OTP_LOG(LOG_ERR, kSourceFile, __LINE__, "Failed to TAVRUserSetOne [0x%04X %s:%d]", error.code,
                 error.file, error.line);
         return false;
