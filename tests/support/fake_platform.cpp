@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include <gtest/gtest.h>
 #include <pwd.h>
@@ -75,6 +76,11 @@ char* MallocCopy(const std::string& text)
 const char* TextOrNull(const std::optional<std::string>& text)
 {
     return text ? text->c_str() : nullptr;
+}
+
+bool IsZeroFilled(const char* buffer, int size)
+{
+    return std::all_of(buffer, buffer + size, [](char byte) { return byte == '\0'; });
 }
 
 // A record with texts of its own.
@@ -293,6 +299,7 @@ int KLIBCFileExist(const char* path)
 
 int KLIBCFileGetKeyValue(const char* path, const char* key, char* value, int size, int flags)
 {
+    EXPECT_TRUE(IsZeroFilled(value, size));
     const auto scripted = Called("KLIBCFileGetKeyValue", path, key, std::string("value"), size, flags);
     const auto found = Fake().keyValues.find(key);
     if (scripted || found == Fake().keyValues.end()) {
@@ -305,6 +312,26 @@ int KLIBCFileGetKeyValue(const char* path, const char* key, char* value, int siz
 struct KLIBCSzHash {
     std::map<std::string, std::string> entries;
 };
+
+// Every call that may move the table does, so that an old address is noticed.
+static void Move(KLIBCSzHash** hash)
+{
+    auto* moved = new KLIBCSzHash(**hash);
+    Fake().Opened(moved, "hash");
+    Fake().Closed(*hash, "hash");
+    delete std::exchange(*hash, moved);
+}
+
+// The texts of a table, which is somewhere else afterwards.
+static std::string ShownMoved(KLIBCSzHash** hash)
+{
+    Move(hash);
+    std::string values = "{";
+    for (const auto& [key, value] : (*hash)->entries) {
+        values += (values.size() > 1 ? ", " : "") + key + "=" + value;
+    }
+    return values + "}";
+}
 
 KLIBCSzHash* KLIBCSzHashAlloc(int size)
 {
@@ -321,13 +348,8 @@ int KLIBCSzHashSetValue(KLIBCSzHash** hash, const char* key, const char* value)
     if (const auto scripted = Called("KLIBCSzHashSetValue", key, value)) {
         return *scripted;
     }
-    // Moves every time, so that an old address is noticed.
-    auto* moved = new KLIBCSzHash(**hash);
-    moved->entries[key] = value;
-    Fake().Closed(*hash, "hash");
-    delete *hash;
-    *hash = moved;
-    Fake().Opened(moved, "hash");
+    Move(hash);
+    (*hash)->entries[key] = value;
     return 0;
 }
 
@@ -349,6 +371,7 @@ int TAVRHAIsSafemode(void)
 
 int TAVRGetSecretPathByUser(const char* user, char* path, int size)
 {
+    EXPECT_TRUE(IsZeroFilled(path, size));
     if (const auto scripted = Called("TAVRGetSecretPathByUser", user, std::string("path"), size)) {
         return *scripted;
     }
@@ -411,7 +434,7 @@ void TavrCgiFree(TavrCgi* cgi)
 int TavrCgiLogin(TavrCgi* cgi, char* sid, int size, TavrLogin* login)
 {
     EXPECT_EQ(Fake().contexts.back(), cgi);
-    EXPECT_EQ(std::string(1024, '\0'), std::string(sid, 1024)) << "the buffer is zero-filled";
+    EXPECT_TRUE(IsZeroFilled(sid, 1024));
     const auto scripted = Called("TavrCgiLogin", std::string("cgi"), std::string("sid"), size, login->user,
                                  login->password, login->client, login->flags);
     Put(Fake().sid, sid, static_cast<std::size_t>(size));
@@ -445,7 +468,7 @@ const char* TavrCgiGetOption(TavrCgi* /*cgi*/, int option, const char* fallback)
 
 int WebUtils::ParseInputUserName(const char* input, char* out, unsigned long size)
 {
-    EXPECT_EQ(std::string(size, '\0'), std::string(out, size)) << "the buffer is zero-filled";
+    EXPECT_TRUE(IsZeroFilled(out, static_cast<int>(size)));
     if (const auto scripted = Called("ParseInputUserName", input, std::string("out"), size)) {
         return *scripted;
     }
@@ -460,11 +483,11 @@ int TAVRUserGet(const char* name, TAVRUser** record)
 {
     const auto scripted = Called("TAVRUserGet", name);
     const auto found = Fake().users.find(name);
-    if (scripted || found == Fake().users.end()) {
+    if (scripted.value_or(0) < 0 || found == Fake().users.end()) {
         return scripted.value_or(-1);
     }
     *record = NewUser(name, found->second);
-    return 0;
+    return scripted.value_or(0);
 }
 
 void TAVRUserFree(TAVRUser* record)
@@ -476,6 +499,7 @@ void TAVRUserFree(TAVRUser* record)
 
 int TAVRUserLoginNameConvert(const char* name, char* out, int size)
 {
+    EXPECT_TRUE(IsZeroFilled(out, size));
     const auto scripted = Called("TAVRUserLoginNameConvert", name, std::string("out"), size);
     const auto found = Fake().loginNames.find(name);
     if (scripted || found == Fake().loginNames.end()) {
@@ -487,6 +511,7 @@ int TAVRUserLoginNameConvert(const char* name, char* out, int size)
 
 int TAVRUserPreferenceDirGet(const char* name, char* dir, int size, int flags)
 {
+    EXPECT_TRUE(IsZeroFilled(dir, size));
     if (const auto scripted = Called("TAVRUserPreferenceDirGet", name, std::string("dir"), size, flags)) {
         return *scripted;
     }
@@ -789,12 +814,10 @@ const char* TavrConf::Info(const char* key, const char* fallback)
 int TAVRMailReadByTagAndConvertRealEx(const char* lang, const char* tag, char* subject, int size,
                                       char** content, KLIBCSzHash** hash, int flags)
 {
-    std::string values;
-    for (const auto& [key, value] : (*hash)->entries) {
-        values += key + "=" + value + " ";
-    }
+    EXPECT_TRUE(IsZeroFilled(subject, size));
+    EXPECT_EQ(nullptr, *content);
     if (const auto scripted =
-            Called("TAVRMailReadByTagAndConvertRealEx", lang, tag, size, values.c_str(), flags)) {
+            Called("TAVRMailReadByTagAndConvertRealEx", lang, tag, size, ShownMoved(hash), flags)) {
         return *scripted;
     }
     Put(Fake().mailSubject, subject, static_cast<std::size_t>(size));
@@ -804,6 +827,8 @@ int TAVRMailReadByTagAndConvertRealEx(const char* lang, const char* tag, char* s
 
 int TAVRMailGet(TAVRMail* mail)
 {
+    EXPECT_TRUE(IsZeroFilled(mail->server, sizeof mail->server));
+    EXPECT_EQ(nullptr, mail->rest);
     if (const auto scripted = Called("TAVRMailGet")) {
         return *scripted;
     }
@@ -825,11 +850,7 @@ void TAVRMailFree(TAVRMail* mail)
 
 int TAVRMailSendMessageWithoutBlock(const char* tag, KLIBCSzHash** hash, const char* address, int flags)
 {
-    std::string values;
-    for (const auto& [key, value] : (*hash)->entries) {
-        values += key + "=" + value + " ";
-    }
-    return Called("TAVRMailSendMessageWithoutBlock", tag, values.c_str(), address, flags).value_or(0);
+    return Called("TAVRMailSendMessageWithoutBlock", tag, ShownMoved(hash), address, flags).value_or(0);
 }
 
 // --- platform/db.h ---
@@ -851,12 +872,13 @@ TAVRDB* TAVRDBConnect(const char* host, const char* user, const char* password, 
 
 int TAVRDBExecute(TAVRDB* /*db*/, const char* sql, TAVRDBResult** result)
 {
-    if (const auto scripted = Called("TAVRDBExecute", sql)) {
-        return *scripted;
+    const auto scripted = Called("TAVRDBExecute", sql);
+    if (scripted.value_or(0) == -1 && !Fake().resultOfFailedQuery) {
+        return -1;
     }
     *result = new TAVRDBResult;
     Fake().Opened(*result, "query result");
-    return 0;
+    return scripted.value_or(0);
 }
 
 int64_t TAVRDBNumRows(TAVRDBResult* /*result*/)

@@ -94,6 +94,7 @@ public:
     std::string mailServer;
     std::deque<std::string> webApiAnswers;
     std::vector<std::map<std::string, std::string>> databaseRows;
+    bool resultOfFailedQuery = false; // a query that fails hands a result out all the same
 
     struct ErrorRecord {
         int code = 0;
