@@ -119,7 +119,7 @@ Database::Database(const char* path, std::span<const char* const> migrations)
     }
     sqlite3_extended_result_codes(db, 1);
     sqlite3_busy_timeout(db, kBusyMilliseconds);
-    Execute("PRAGMA journal_mode=WAL");
+    SwitchToLog();
     Execute("PRAGMA synchronous=FULL");
     Execute("PRAGMA foreign_keys=ON");
     Execute("PRAGMA trusted_schema=OFF");
@@ -132,6 +132,22 @@ void Database::Execute(const char* sql)
 {
     if (sqlite3_exec(db_.get(), sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
         Throw(db_.get());
+    }
+}
+
+// Waits by itself: SQLite's own waiting does not cover two that switch a new file at the same time.
+void Database::SwitchToLog()
+{
+    constexpr int kStepMilliseconds = 5;
+    for (int waited = 0;; waited += kStepMilliseconds) {
+        const int code = sqlite3_exec(db_.get(), "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
+        if (code == SQLITE_OK) {
+            return;
+        }
+        if ((code & 0xff) != SQLITE_BUSY || waited >= kBusyMilliseconds) {
+            Throw(db_.get());
+        }
+        sqlite3_sleep(kStepMilliseconds);
     }
 }
 

@@ -82,6 +82,7 @@ private:
         void operator()(sqlite3_stmt* statement) const noexcept { sqlite3_finalize(statement); }
     };
     void Execute(const char* sql);
+    void SwitchToLog();
     void Migrate(std::span<const char* const> migrations);
 
     std::unique_ptr<sqlite3, Close> db_;

@@ -4,6 +4,7 @@
 #include "linux/descriptor.h"
 #include "linux/mail_settings.h"
 #include "linux/paths.h"
+#include "platform/webapi.h"
 
 #include <fcntl.h>
 #include <sodium.h>
@@ -263,6 +264,16 @@ bool StoreResult(Database& db, const QueueResult& result)
     return true;
 }
 
+// Not to be waited for: one that is lost costs a minute at most.
+void WakeSender()
+{
+    constexpr char kWake[] = R"({"params":{"api":"TAVR.Notification.Mail","method":"wake","version":1}})";
+    tavrdaemon::DomainSockConnection connection(kWebApiSocket);
+    if (connection.Connect()) {
+        connection.Send(kWake);
+    }
+}
+
 void DropOldest(Database& db)
 {
     db.Prepare("DELETE FROM mail WHERE id IN (SELECT id FROM mail WHERE state <> 'waiting'"
@@ -301,6 +312,7 @@ void QueueMail(const std::string& to, const std::string& subject, const std::str
         .BindBlob(3, key.Seal(BoundTo("content", id), subject + '\0' + html))
         .Run();
     transaction.Commit();
+    WakeSender();
 }
 
 std::vector<QueuedMail> DueMails(size_t most)
@@ -396,7 +408,11 @@ bool RetryMail(int64_t id)
 {
     Database& db = MailDatabase();
     db.Prepare("UPDATE mail SET due = 0 WHERE id = ?1 AND state = 'waiting'").Bind(1, id).Run();
-    return db.Changes() == 1;
+    const bool waits = db.Changes() == 1;
+    if (waits) {
+        WakeSender();
+    }
+    return waits;
 }
 
 bool DropMail(int64_t id)

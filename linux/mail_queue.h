@@ -28,9 +28,10 @@ inline constexpr int64_t kFirstMailWaitSeconds = 60; // doubled after each furth
 inline constexpr int64_t kLongestMailWaitSeconds = 60 * 60;
 inline constexpr int64_t kMailGivenUpSeconds = 24 * 60 * 60; // of waiting
 
-// Durable when it returns. `to` is one address (IsMailAddress), `html` the whole body; neither subject nor
-// body holds a NUL. Throws DatabaseError, also when the queue is full or the mail too large, and VaultError.
-// Nothing is queued then.
+// Durable when it returns; then whoever sends is told by the web API's call TAVR.Notification.Mail `wake`,
+// whose answer nobody waits for. `to` is one address (IsMailAddress), `html` the whole body; neither subject
+// nor body holds a NUL. Throws DatabaseError, also when the queue is full or the mail too large, and
+// VaultError. Nothing is queued then.
 void QueueMail(const std::string& to, const std::string& subject, const std::string& html);
 
 // --- For the one that sends. All throw DatabaseError, DueMails VaultError too ---
@@ -80,7 +81,7 @@ struct ListedMail {
 std::vector<ListedMail> ListMails(); // by number
 
 // False: no mail of that number waits.
-bool RetryMail(int64_t id); // due at once
+bool RetryMail(int64_t id); // due at once, and whoever sends is told
 bool DropMail(int64_t id);  // one that is being sent at the moment may still arrive
 
 } // namespace tavr
