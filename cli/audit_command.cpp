@@ -18,18 +18,6 @@ namespace
 
 constexpr useconds_t kLookAgainMicroseconds = 300'000;
 
-std::string TimeText(int64_t time)
-{
-    const auto seconds = static_cast<time_t>(time);
-    tm parts{};
-    char text[64] = {};
-    if (gmtime_r(&seconds, &parts) == nullptr ||
-        std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0) {
-        return std::to_string(time);
-    }
-    return text;
-}
-
 // So many minutes, hours or days ago.
 std::optional<int64_t> TimeAgo(std::string_view text)
 {

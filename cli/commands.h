@@ -2,6 +2,7 @@
 // Failure (console.h) or DatabaseError when it could not.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -43,6 +44,23 @@ void MakeOtpCode(const std::string& typedName, int minutes);
 void ListSessionsCommand(const std::string& typedName); // empty: of all users
 void EndSessionsCommand(const std::string& typedName);
 void EndSessionCommand(const std::string& handle);
+
+// mail_commands.cpp
+struct ServerTexts { // not given: stays as it is
+    std::optional<std::string> host;
+    std::optional<int> port;
+    std::optional<std::string> security;
+    std::optional<std::string> user;
+    std::optional<std::string> from;
+    std::optional<std::string> caFile;
+};
+void SetMailServer(const ServerTexts& texts, bool passwordStdin);
+void SwitchMailServerOff();
+void ShowMailServer();
+void TestMailServer(const std::string& address);
+void ListMailQueue();
+void RetryQueuedMail(int64_t id);
+void DropQueuedMail(int64_t id);
 
 // audit_command.cpp
 struct AuditChoice {

@@ -1,7 +1,9 @@
 #include "cli/console.h"
 
 #include "linux/names.h"
+#include "linux/paths.h"
 #include "platform/json.h"
+#include "platform/webapi.h"
 
 #include <sodium.h>
 #include <termios.h>
@@ -9,6 +11,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
 
 namespace tavr::console
 {
@@ -106,6 +109,18 @@ int Finish(const Failure& failure)
     return static_cast<int>(failure.status);
 }
 
+std::string TimeText(int64_t time)
+{
+    const auto seconds = static_cast<time_t>(time);
+    tm parts{};
+    char text[64] = {};
+    if (gmtime_r(&seconds, &parts) == nullptr ||
+        std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0) {
+        return std::to_string(time);
+    }
+    return text;
+}
+
 JsonList::JsonList(const char* name)
 {
     Print("{\"" + std::string(name) + "\":[");
@@ -166,6 +181,38 @@ Password::Password()
 Password::~Password()
 {
     sodium_memzero(text_.data(), text_.size());
+}
+
+// --- The service ---
+
+Json::Value AskService(const Json::Value& params, const std::string& runner)
+{
+    Json::Value request;
+    request["params"] = params;
+    request["runner"]["username"] = runner;
+    tavrdaemon::DomainSockConnection connection(kWebApiSocket);
+    if (!connection.Connect()) {
+        throw Failure(Exit::Failed, "no_service",
+                      "tavr-webapid does not run: nobody listens on " + std::string(kWebApiSocket));
+    }
+    std::string text;
+    Json::Value answer;
+    if (!connection.Send(JsonToString(request)) || !connection.Recv(text) ||
+        !Json::Reader().parse(text, answer) || !answer.isObject()) {
+        throw Failure(Exit::Failed, "no_answer", "tavr-webapid gave no answer");
+    }
+    return answer;
+}
+
+void FailUnsent(const Json::Value& refusal)
+{
+    const Json::Value& error = refusal["error"];
+    const std::string text = error["text"].asString();
+    if (text.empty()) {
+        throw Failure(Exit::Failed, "not_sent", "tavr-webapid refused: error " + error["code"].asString());
+    }
+    const std::string reply = error["reply"].asInt() == 0 ? "" : error["reply"].asString() + ' ';
+    throw Failure(Exit::Failed, "not_sent", "the mail was not sent: " + reply + text);
 }
 
 // --- Names ---

@@ -43,6 +43,7 @@ bool IsJson();
 
 void Say(const std::string& line);  // for people; nothing with --json
 void Answer(Json::Value answer);    // with --json; nothing without. Adds "success": true
+std::string TimeText(int64_t time); // 2026-11-21T06:00:00Z
 int Finish();                       // exit status 0, or 1 when standard output took not everything
 int Finish(const Failure& failure); // tells it, on standard error or as JSON; gives the exit status
 
@@ -84,6 +85,15 @@ private:
     std::array<char, 1024> text_{};
     size_t size_ = 0;
 };
+
+// --- The service ---
+
+// Has tavr-webapid do something: a call of the web API (doc/webapi.md). Gives its whole answer; throws
+// Failure when there is none.
+Json::Value AskService(const Json::Value& params, const std::string& runner);
+
+// Ends the command with what a refusal says about a mail that could not be sent.
+[[noreturn]] void FailUnsent(const Json::Value& refusal);
 
 // --- Names ---
 

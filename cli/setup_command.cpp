@@ -159,6 +159,8 @@ void MakeServicesPart(Ids service)
     Report("opened", kAccountsDatabase);
     SigninDatabase();
     Report("opened", kSigninDatabase);
+    MailDatabase();
+    Report("opened", kMailDatabase);
 }
 
 void MakeKey()

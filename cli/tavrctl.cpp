@@ -77,6 +77,8 @@ struct Words {
     std::string description;
     std::string handle;
     int minutes = 10;
+    int64_t number = 0;
+    tavr::console::ServerTexts server;
     tavr::console::AuditChoice audit;
     bool rootOnly = false;
     bool yes = false;
@@ -269,6 +271,78 @@ void DefineSessionCommands(CLI::App& program, Words& words)
     });
 }
 
+void DefineMailServerCommand(CLI::App& mail, Words& words)
+{
+    CLI::App* server =
+        mail.add_subcommand("server", "set up the mail server of the system's own mails")->fallthrough();
+    server->require_subcommand(0, 1);
+    tavr::console::ServerTexts& texts = words.server;
+    server->add_option("--host", texts.host, "name or address of the server")->type_name("HOST");
+    server->add_option("--port", texts.port, "its port")->type_name("N")->check(CLI::Range(1, 65535));
+    server->add_option("--security", texts.security, "starttls, tls or none")
+        ->type_name("KIND")
+        ->check(CLI::IsMember({"starttls", "tls", "none"}));
+    server->add_option("--user", texts.user, "name to log in with; an empty one: without")
+        ->type_name("NAME")
+        ->expected(1);
+    server->add_option("--from", texts.from, "address that mails come from")->type_name("ADDRESS");
+    server->add_option("--ca-file", texts.caFile, "certificates to trust, PEM; an empty one: the system's")
+        ->type_name("FILE")
+        ->expected(1);
+    server->add_flag("--password-stdin", words.passwordStdin, "read the password from standard input");
+    server->callback([server, &words] {
+        if (!server->get_subcommands().empty()) {
+            return;
+        }
+        words.rootOnly = true;
+        words.command = [&words] { tavr::console::SetMailServer(words.server, words.passwordStdin); };
+    });
+    server->add_subcommand("off", "send no mails, forget the password")->fallthrough()->callback([&words] {
+        words.rootOnly = true;
+        words.command = tavr::console::SwitchMailServerOff;
+    });
+    server->add_subcommand("show", "show what is set up")->fallthrough()->callback([&words] {
+        words.command = tavr::console::ShowMailServer;
+    });
+}
+
+void DefineMailQueueCommand(CLI::App& mail, Words& words)
+{
+    CLI::App* queue =
+        mail.add_subcommand("queue", "show the mails that wait, and the last ones")->fallthrough();
+    queue->require_subcommand(0, 1);
+    queue->callback([queue, &words] {
+        if (queue->get_subcommands().empty()) {
+            words.rootOnly = true;
+            words.command = tavr::console::ListMailQueue;
+        }
+    });
+    const auto add = [&](const char* name, const char* what, void (*command)(int64_t)) {
+        CLI::App* one = queue->add_subcommand(name, what)->fallthrough();
+        one->add_option("ID", words.number, "number of the mail, as listed")->required();
+        one->callback([&words, command] {
+            words.rootOnly = true;
+            words.command = [&words, command] { command(words.number); };
+        });
+    };
+    add("retry", "try a mail again now", tavr::console::RetryQueuedMail);
+    add("drop", "give up a mail, wipe its text", tavr::console::DropQueuedMail);
+}
+
+void DefineMailCommands(CLI::App& program, Words& words)
+{
+    CLI::App* mail =
+        program.add_subcommand("mail", "mails of the system")->require_subcommand(1)->fallthrough();
+    DefineMailServerCommand(*mail, words);
+    CLI::App* test = mail->add_subcommand("test", "send a test mail now")->fallthrough();
+    test->add_option("ADDRESS", words.mail, "where to")->required();
+    test->callback([&words] {
+        words.rootOnly = true;
+        words.command = [&words] { tavr::console::TestMailServer(words.mail); };
+    });
+    DefineMailQueueCommand(*mail, words);
+}
+
 void DefineAuditCommand(CLI::App& program, Words& words)
 {
     CLI::App* audit = program.add_subcommand("audit", "show sign-ins, refusals and changes")->fallthrough();
@@ -287,7 +361,7 @@ std::vector<std::string> WordsOf(int argc, char** argv)
     std::vector<std::string> words;
     for (int i = argc - 1; i > 0; --i) {
         const std::string_view word = argv[i];
-        if (word == "--mail=" || word == "--desc=") {
+        if (word == "--mail=" || word == "--desc=" || word == "--user=" || word == "--ca-file=") {
             words.emplace_back();
             words.emplace_back(word.substr(0, word.size() - 1));
         } else {
@@ -299,8 +373,8 @@ std::vector<std::string> WordsOf(int argc, char** argv)
 
 int Run(int argc, char** argv)
 {
-    CLI::App program("Console of two-step sign-in: set-up, users, groups, second step, sessions, audit",
-                     "tavrctl");
+    CLI::App program(
+        "Console of two-step sign-in: set-up, users, groups, second step, sessions, mails, audit", "tavrctl");
     Words words;
     program.require_subcommand(1);
     program.set_help_flag("--help", "show this help and exit");
@@ -315,6 +389,7 @@ int Run(int argc, char** argv)
     DefineGroupCommands(program, words);
     DefineOtpCommands(program, words);
     DefineSessionCommands(program, words);
+    DefineMailCommands(program, words);
     DefineAuditCommand(program, words);
     // Before the line is read, so that its errors are told in JSON too.
     tavr::console::UseJson(std::find(argv, argv + argc, std::string_view("--json")) != argv + argc);

@@ -108,5 +108,6 @@ private:
 // throws, and the next one tries again.
 Database& AccountsDatabase(); // its tables: accounts.cpp
 Database& SigninDatabase();   // its tables: signin_schema.cpp
+Database& MailDatabase();     // its tables: mail_queue.cpp
 
 } // namespace tavr

@@ -50,17 +50,6 @@ CREATE INDEX mail_finished ON mail (id) WHERE state <> 'waiting';
 )",
 };
 
-Database& MailDatabase()
-{
-    static Database database(kMailDatabase, kMigrations);
-    static const bool wipes = [] {
-        database.Prepare("PRAGMA secure_delete=ON").Run();
-        return true;
-    }();
-    static_cast<void>(wipes);
-    return database;
-}
-
 const std::string& ThisBoot()
 {
     const std::string& id = BootId();
@@ -283,6 +272,17 @@ void DropOldest(Database& db)
 }
 
 } // namespace
+
+Database& MailDatabase()
+{
+    static Database database(kMailDatabase, kMigrations);
+    static const bool wipes = [] {
+        database.Prepare("PRAGMA secure_delete=ON").Run();
+        return true;
+    }();
+    static_cast<void>(wipes);
+    return database;
+}
 
 void QueueMail(const std::string& to, const std::string& subject, const std::string& html)
 {

@@ -32,6 +32,7 @@ owned tavr-web:tavr-web 644 /usr/tavr/etc/tavr_otp_enforce_custom_setting
 owned tavr-web:tavr-web 700 /var/lib/tavr
 owned tavr-web:tavr-web 600 /var/lib/tavr/accounts.db
 owned tavr-web:tavr-web 600 /var/lib/tavr/signin.db
+owned tavr-web:tavr-web 600 /var/lib/tavr/mail.db
 owned root:root 755 /run/tavr
 is 0 'tavr/tavrinfo.conf' readlink /etc/tavrinfo.conf
 is 0 '{}' cat /usr/tavr/etc/tavr_otp_enforce_custom_setting
@@ -256,12 +257,45 @@ is 0 'tavrctl [0-9]*' tavrctl --version
 is 0 '*--password-stdin*' tavrctl user add --help
 is 1 '*cannot write to standard output*' bash -c 'tavrctl user list >/dev/full'
 
+# --- Mails ---
+is 0 'no mail server is set up' tavrctl mail server show
+is 0 '{"server":null,"success":true}' tavrctl mail server show --json
+is 2 '*nothing to set*' tavrctl mail server
+is 2 '*without --from' tavrctl mail server --host mx.example
+is 2 '*without --host' tavrctl mail server --from nas@example.org
+is 2 '*--host takes*' tavrctl mail server --host 'mx example' --from nas@example.org
+is 2 '*--from takes*' tavrctl mail server --host mx.example --from 'nas@example.org,eve@example.org'
+is 2 '*--port*' tavrctl mail server --host mx.example --from nas@example.org --port 0
+is 2 '*--security*' tavrctl mail server --host mx.example --from nas@example.org --security ssl
+is 2 '*--ca-file takes*' tavrctl mail server --host mx.example --from nas@example.org --ca-file nothing.pem
+is 2 '*--ca-file takes*' tavrctl mail server --host mx.example --from nas@example.org --ca-file /etc/shadow
+is 2 '*--user takes*' tavrctl mail server --host mx.example --from nas@example.org --user $'a\nb'
+is 1 '*no mail server is set up*' tavrctl mail test alice@example.org
+is 0 $'mx.example\t587\tstarttls\t-\tno password\tnas@example.org\t-' tavrctl mail server --host mx.example --from nas@example.org
+is 0 $'mx.example\t465\ttls\tnas\twith a password\tnas@example.org\t-' \
+    tavrctl mail server --security tls --user nas --password-stdin <<<'pa"ss word'
+owned root:tavr-web 440 /etc/tavr/secrets
+is 0 'mail_password="pa"ss word"' cat /etc/tavr/secrets
+is 0 '{"server":{"ca_file":"","from":"nas@example.org","host":"mx.example","password":true,"port":2525,"security":"tls","user":""},"success":true}' \
+    tavrctl mail server --user= --port 2525 --json
+is 0 '*ours="kept"*mail_server="mx.example"*' cat /etc/tavr/tavrinfo.conf
+is 1 '*control character*' tavrctl mail server --password-stdin <<<$'a\tb'
+is 2 '*no mail address*' tavrctl mail test 'alice@example.org,eve@example.org'
+is 1 '*tavr-webapid does not run*' tavrctl mail test alice@example.org
+is 1 '*"err":"no_service"*' tavrctl mail test alice@example.org --json
+is 0 '' tavrctl mail queue
+is 3 '*no mail with the number 1 waits' tavrctl mail queue retry 1
+is 3 '*"err":"no_such_mail"*' tavrctl mail queue drop 1 --json
+is 2 '*' tavrctl mail queue drop
+is 0 'no mail server is set up' tavrctl mail server off
+is 0 'mail_password=""' cat /etc/tavr/secrets
+
 # --- Rights ---
 as() { setpriv --reuid "$1" --regid "$1" --clear-groups "${@:2}"; }
 is 0 $'1026\talice*' as 64217 tavrctl user list
 is 4 '*must be run by root' as 64217 tavrctl setup
 is 4 '*must be run by root or by tavr-web' as 1000 tavrctl user list
-for command in audit 'otp reset bob' 'otp open bob' 'otp code bob' 'session list' 'session end bob' 'session end --id 0123456789abcdef' 'user disable bob' 'user enable bob'; do
+for command in audit 'otp reset bob' 'otp open bob' 'otp code bob' 'session list' 'session end bob' 'session end --id 0123456789abcdef' 'mail server --host a.b' 'mail server off' 'mail queue' 'mail queue drop 1' 'mail test a@b.c' 'user disable bob' 'user enable bob'; do
     # shellcheck disable=SC2086   # words
     is 4 'tavrctl: must be run by root' as 64217 tavrctl $command
 done
