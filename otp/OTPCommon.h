@@ -1,6 +1,6 @@
 // What every area of the library stands on: the one form of a log line, owners of what the system and the
-// platform hand out, the two ways of raising the effective ids for a stretch, and the two facts that several
-// areas read off a name or an id. Not installed.
+// platform hand out, the two ways of raising the effective ids for a stretch, and the few things that several
+// areas write, or read off a name or an id. Not installed.
 //
 // Both ways of raising rights change the effective ids of the whole process and leave the real and the saved
 // ones alone. Neither throws, and both give the ids back on every way out of their scope.
@@ -15,7 +15,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 
+#include <json/value.h>
+#include <json/writer.h>
 #include <pwd.h>
 #include <sys/types.h>
 #include <syslog.h>
@@ -60,6 +63,13 @@ struct FreeUser {
     void operator()(TAVRUser* user) const noexcept { TAVRUserFree(user); }
 };
 using UserRecord = std::unique_ptr<TAVRUser, FreeUser>;
+
+// Empty when the record cannot be read; the platform error record says why.
+inline UserRecord FindUser(const char* name)
+{
+    TAVRUser* user = nullptr;
+    return TAVRUserGet(name, &user) < 0 ? UserRecord() : UserRecord(user);
+}
 
 // --- effective ids of a named account ---
 
@@ -229,7 +239,18 @@ private:
     int leaveLine_;
 };
 
-// --- facts that several areas share ---
+// --- what several areas share ---
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+// The form in which files are written. That of the old writer: its successor's differs, and others see it.
+inline std::string CompactText(const Json::Value& value)
+{
+    return Json::FastWriter().write(value);
+}
+
+#pragma GCC diagnostic pop
 
 // The kind of an account, as the form of its name tells it.
 enum class AccountKind { Local, Domain, Ldap };

@@ -11,7 +11,6 @@
 
 #include <json/reader.h>
 #include <json/value.h>
-#include <json/writer.h>
 
 namespace
 {
@@ -39,13 +38,6 @@ struct ClosePipe {
     void operator()(FILE* stream) const noexcept { KLIBCPclose(stream); }
 };
 using Pipe = std::unique_ptr<FILE, ClosePipe>;
-
-// Empty when the record cannot be read; the platform error record says why.
-otp::UserRecord FindUser(const char* name)
-{
-    TAVRUser* user = nullptr;
-    return TAVRUserGet(name, &user) < 0 ? otp::UserRecord() : otp::UserRecord(user);
-}
 
 // The platform wants it back even when it could not be made.
 class HardwareId
@@ -170,8 +162,7 @@ std::string ReadWhole(const std::string& path)
     return std::ferror(file.get()) == 0 ? text : std::string();
 }
 
-// The message texts and the written form of the old reader and writer are what others see; their successors
-// differ in both.
+// The message texts of the old reader are what others see; its successor's differ.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
@@ -186,11 +177,6 @@ bool LoadSettings(const char* user, const std::string& path, Json::Value& settin
         return false;
     }
     return true;
-}
-
-std::string CompactText(const Json::Value& settings)
-{
-    return Json::FastWriter().write(settings);
 }
 
 #pragma GCC diagnostic pop
@@ -418,7 +404,7 @@ bool GetNormalUserMail(const char* user, char* dst, size_t n)
         OTP_LOG(LOG_ERR, kSourceFile, __LINE__, "Bad parameter");
         return false;
     }
-    const otp::UserRecord record = FindUser(user);
+    const otp::UserRecord record = otp::FindUser(user);
     if (!record) {
         const otp::PlatformError error;
         OTP_LOG(LOG_ERR, kSourceFile, __LINE__, "Failed to get user: %s [0x%04X %s:%d]", user, error.code,
@@ -504,7 +490,7 @@ bool SetNormalUserMail(const char* user, const char* mail)
         OTP_LOG(LOG_ERR, kSourceFile, __LINE__, "Bad parameter");
         return false;
     }
-    const otp::UserRecord record = FindUser(user);
+    const otp::UserRecord record = otp::FindUser(user);
     if (!record) {
         OTP_LOG(LOG_ERR, kSourceFile, __LINE__, "Failed to get user info");
         return false;
@@ -532,7 +518,7 @@ bool SetDomainUserMail(const char* user, const char* mail)
         return false;
     }
     settings[kSettingsMember][kMailMember] = mail;
-    return StoreText(path, CompactText(settings));
+    return StoreText(path, otp::CompactText(settings));
 }
 
 } // namespace OTPUtils
