@@ -177,6 +177,12 @@ std::optional<int> FakePlatform::Scripted(const std::string& name)
     return {};
 }
 
+std::string FakePlatform::PlaceOf(const std::string& path) const
+{
+    const auto found = files.find(path);
+    return found == files.end() ? path : found->second;
+}
+
 void FakePlatform::Opened(const void* thing, const std::string& kind)
 {
     open_[thing] = kind;
@@ -294,7 +300,7 @@ int KLIBCCryptSzDecrypt(const char* stored, char* plain, int size)
 
 int KLIBCFileExist(const char* path)
 {
-    return Called("KLIBCFileExist", path).value_or(access(path, F_OK) == 0 ? 1 : 0);
+    return Called("KLIBCFileExist", path).value_or(access(Fake().PlaceOf(path).c_str(), F_OK) == 0 ? 1 : 0);
 }
 
 int KLIBCFileGetKeyValue(const char* path, const char* key, char* value, int size, int flags)
@@ -564,6 +570,9 @@ int TAVRGroupDescGet(const char* name, char** description, char** second)
         return *scripted;
     }
     *description = MallocCopy(std::string("group ") + name);
+    if (second != nullptr) {
+        *second = MallocCopy("not asked for");
+    }
     return 0;
 }
 
@@ -572,31 +581,28 @@ int KLIBGroupIsAdminGroupMem(const char* name, int flags)
     return Called("KLIBGroupIsAdminGroupMem", name, flags).value_or(0);
 }
 
+// Hands memory out whatever it says, for a caller that leaks to be noticed.
 int KLIBGroupInfoGidGet(const char* name, int flags, uint32_t** gids, int* count)
 {
-    if (const auto scripted = Called("KLIBGroupInfoGidGet", name, flags)) {
-        return *scripted;
-    }
+    const auto scripted = Called("KLIBGroupInfoGidGet", name, flags);
     const std::vector<uint32_t>& list = Fake().gidsOfUser;
     *count = static_cast<int>(list.size());
-    *gids = nullptr;
-    if (!list.empty()) {
-        *gids = static_cast<uint32_t*>(std::malloc(list.size() * sizeof(uint32_t)));
-        std::copy(list.begin(), list.end(), *gids);
-    }
-    return 0;
+    *gids = static_cast<uint32_t*>(std::malloc((list.size() + 1) * sizeof(uint32_t)));
+    std::copy(list.begin(), list.end(), *gids);
+    return scripted.value_or(0);
 }
 
 // Gives the entries of a page to the call-back; the number of all of them.
 template<typename Entry, typename Row>
-static int Page(const std::vector<Entry>& entries, int offset, int limit, const Row& row)
+static int Page(const char* call, const std::vector<Entry>& entries, int offset, int limit, const Row& row)
 {
     const int count = static_cast<int>(entries.size());
-    const int end = limit < 0 ? count : std::min(count, offset + limit);
-    for (int i = offset; i < end; ++i) {
+    const int first = std::clamp(offset, 0, count);
+    const int end = limit < 0 ? count : first + std::min(count - first, limit);
+    for (int i = first; i < end; ++i) {
         row(entries[static_cast<std::size_t>(i)]);
     }
-    return count;
+    return Fake().Scripted(std::string(call) + " end").value_or(count);
 }
 
 int KLIBUserInfoEnumBySubstr(int source, const char* domain, int offset, int limit, const char* query,
@@ -606,7 +612,8 @@ int KLIBUserInfoEnumBySubstr(int source, const char* domain, int offset, int lim
             Called("KLIBUserInfoEnumBySubstr", source, domain, offset, limit, query, flags)) {
         return *scripted;
     }
-    return Page(Fake().userList, offset, limit, [&](const KLIBUserInfo& entry) { row(&entry, userData); });
+    return Page("KLIBUserInfoEnumBySubstr", Fake().userList, offset, limit,
+                [&](const KLIBUserInfo& entry) { row(&entry, userData); });
 }
 
 int KLIBGroupInfoEnumBySubstr(int source, const char* domain, int offset, int limit, const char* query,
@@ -616,7 +623,8 @@ int KLIBGroupInfoEnumBySubstr(int source, const char* domain, int offset, int li
             Called("KLIBGroupInfoEnumBySubstr", source, domain, offset, limit, query, flags)) {
         return *scripted;
     }
-    return Page(Fake().groupList, offset, limit, [&](const KLIBGroupInfo& entry) { row(&entry, userData); });
+    return Page("KLIBGroupInfoEnumBySubstr", Fake().groupList, offset, limit,
+                [&](const KLIBGroupInfo& entry) { row(&entry, userData); });
 }
 
 // --- platform/directory.h ---
@@ -713,6 +721,9 @@ int TAVRLDAPGroupDescGet(const char* name, char** description, char** second)
         return *scripted;
     }
     *description = MallocCopy(std::string("directory group ") + name);
+    if (second != nullptr) {
+        *second = MallocCopy("not asked for");
+    }
     return 0;
 }
 
@@ -773,17 +784,16 @@ int TAVRWinsDomainCoreFullDbEnum(TAVRWinsDomainEnumOpt* option, TAVRWinsDomainRo
     if (const auto scripted = Called("TAVRWinsDomainCoreFullDbEnum")) {
         return *scripted;
     }
-    return Page(Fake().domainList, option->start, option->limit, [&](const auto& fields) {
+    const auto callBack = [&](auto fields) { // a copy, for pointers that may be written through
         std::vector<char*> names;
         std::vector<char*> values;
-        for (const auto& [name, value] : fields) {
-            names.push_back(strdup(name.c_str()));
-            values.push_back(value ? MallocCopy(*value) : nullptr);
+        for (auto& [name, value] : fields) {
+            names.push_back(name.data());
+            values.push_back(value ? value->data() : nullptr);
         }
         row(static_cast<int>(fields.size()), values.data(), names.data(), userData);
-        std::for_each(names.begin(), names.end(), std::free);
-        std::for_each(values.begin(), values.end(), std::free);
-    });
+    };
+    return Page("TAVRWinsDomainCoreFullDbEnum", Fake().domainList, option->start, option->limit, callBack);
 }
 
 void TAVRWinsDomainEnumOptFree(TAVRWinsDomainEnumOpt* option)
@@ -1040,7 +1050,7 @@ FILE* __wrap_fopen(const char* path, const char* mode)
         errno = EACCES;
         return nullptr;
     }
-    return __real_fopen(path, mode);
+    return __real_fopen(g_current == nullptr ? path : g_current->PlaceOf(path).c_str(), mode);
 }
 
 int __wrap_ferror(FILE* file)

@@ -45,7 +45,8 @@ public:
         count_.erase(call);
     }
 
-    // Runs in the middle of the calls named `call`, before they answer.
+    // Runs in the middle of the calls named `call`, before they answer. "NAME end" is where the lists have
+    // called back with all their rows; what is answered there they give instead of the number of entries.
     void During(const std::string& call, std::function<void()> action) { during_[call] = std::move(action); }
 
     // --- what the system holds ---
@@ -64,6 +65,7 @@ public:
     std::map<std::string, std::string> loginNames;
     std::string secretPath;                      // of every account
     std::string preferenceDir;                   // of every account
+    std::map<std::string, std::string> files;    // files that stand somewhere else for the test, by path
     std::map<std::string, std::string> outputs;  // of programs, by path
     std::map<std::string, std::string> ciphered; // stored text -> plain text
     std::optional<std::string> hardwareId;
@@ -129,6 +131,7 @@ public:
     static FakePlatform* Current();
     void Record(const std::string& name, const std::string& arguments);
     std::optional<int> Scripted(const std::string& name); // counts the call
+    [[nodiscard]] std::string PlaceOf(const std::string& path) const;
     void Opened(const void* thing, const std::string& kind);
     void Closed(const void* thing, const std::string& kind);
     void Logged(int priority, const std::string& line);

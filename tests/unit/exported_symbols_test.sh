@@ -7,6 +7,9 @@ failed=0
 
 shown=$(nm -D --defined-only "$library" | awk '{ print $3 }' | LC_ALL=C sort)
 if ! diff <(cat <<'NAMES'
+_Z19OTPEnforceIsEnabledRKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE
+_Z26OTPEnforceCustomSettingSetRKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEERKN4Json5ValueE
+_Z27OTPEnforceCustomSettingListiiRKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES6_S6_S6_RiRN4Json5ValueE
 _ZN16OTPWizardHandler10SetSuccessEb
 _ZN16OTPWizardHandler11AuthOTPcodeEPKcj
 _ZN16OTPWizardHandler11GetResponseEv
