@@ -5,6 +5,7 @@
 #include "linux/audit.h"
 #include "linux/database.h"
 #include "linux/machine_key.h"
+#include "linux/notices.h"
 #include "linux/paths.h"
 #include "linux/request.h"
 
@@ -410,16 +411,8 @@ int Run(int argc, char** argv)
     return tavr::console::Finish();
 }
 
-} // namespace
-
-int main(int argc, char** argv)
+int RunSafely(int argc, char** argv)
 {
-    const rlimit noCore{0, 0};
-    setrlimit(RLIMIT_CORE, &noCore);
-    umask(077);
-    openlog("tavrctl", LOG_PID, LOG_USER);
-    tavr::StartRequest();
-    tavr::CurrentRequest().clientAddress = "console";
     try {
         return Run(argc, argv);
     } catch (const Failure& failure) {
@@ -430,4 +423,19 @@ int main(int argc, char** argv)
     } catch (const tavr::VaultError& error) {
         return tavr::console::Finish(Failure(Exit::Failed, "otp_unavailable", error.what()));
     }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const rlimit noCore{0, 0};
+    setrlimit(RLIMIT_CORE, &noCore);
+    umask(077);
+    openlog("tavrctl", LOG_PID, LOG_USER);
+    tavr::StartRequest();
+    tavr::CurrentRequest().clientAddress = "console";
+    const int status = RunSafely(argc, argv);
+    tavr::QueueNotices();
+    return status;
 }

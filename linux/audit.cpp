@@ -92,6 +92,52 @@ EventWords WordsOf(AuditEvent event)
     return {"unknown", "unknown", LOG_WARNING};
 }
 
+// The template of the mail by which the account's owner is told; null: not told.
+const char* NoticeOf(AuditEvent event)
+{
+    switch (event) {
+    case AuditEvent::Enrolled:
+        return "OTP_notice_enrolled";
+    case AuditEvent::Renewed:
+        return "OTP_notice_renewed";
+    case AuditEvent::SwitchedOff:
+        return "OTP_notice_switched_off";
+    case AuditEvent::Reset:
+        return "OTP_notice_reset";
+    case AuditEvent::ScratchCodeSpent:
+        return "OTP_notice_code_spent";
+    case AuditEvent::AddressChanged:
+        return "OTP_notice_address_changed";
+    case AuditEvent::SignIn:
+    case AuditEvent::PasswordRefused:
+    case AuditEvent::PasswordThrottled:
+    case AuditEvent::CodeRefused: // the verifier tells of some in a row
+    case AuditEvent::CodeReplayed:
+    case AuditEvent::CodeThrottled:
+    case AuditEvent::CodeClosed:
+    case AuditEvent::SecondStepClosed:
+    case AuditEvent::SecondStepOpened:
+    case AuditEvent::TemporaryCodeMade:
+    case AuditEvent::TemporaryCodeSpent:
+    case AuditEvent::SessionsEnded:
+    case AuditEvent::PrivilegeFailed:
+    case AuditEvent::AccountAdded:
+    case AuditEvent::AccountRemoved:
+    case AuditEvent::AccountDisabled:
+    case AuditEvent::AccountEnabled:
+    case AuditEvent::PasswordChanged:
+        break;
+    }
+    return nullptr;
+}
+
+void NoteNotice(AuditEvent event, uint32_t account, const std::optional<std::string>& address = std::nullopt)
+{
+    if (const char* tag = NoticeOf(event)) {
+        CurrentRequest().notices.push_back({tag, account, WallSeconds(), address});
+    }
+}
+
 // --- Escaping ---
 
 // Blanks and "=" are escaped too: no name can hold a second field, quoted or not.
@@ -232,6 +278,9 @@ std::vector<AuditRow> ReadPage(const AuditQuery& query)
 void Audit(AuditEvent event, const Account& account, const char* detail)
 {
     Write(EntryOf(event, account.name, account.uid, detail));
+    // A changed address is told to the former one, which is the one that the caller has.
+    NoteNotice(event, account.uid,
+               event == AuditEvent::AddressChanged ? std::optional(account.mail) : std::nullopt);
 }
 
 void Audit(AuditEvent event, std::string_view typedName, const char* detail)
@@ -240,7 +289,7 @@ void Audit(AuditEvent event, std::string_view typedName, const char* detail)
 }
 
 AuditedGrant::AuditedGrant(AuditEvent event, const Account& account, const char* detail)
-    : priority_(WordsOf(event).priority)
+    : event_(event), account_(account.uid)
 {
     const Entry entry = EntryOf(event, account.name, account.uid, detail);
     StoreRow(entry);
@@ -249,7 +298,8 @@ AuditedGrant::AuditedGrant(AuditEvent event, const Account& account, const char*
 
 void AuditedGrant::Committed() const
 {
-    syslog(LOG_AUTHPRIV | priority_, "%s", line_.c_str());
+    syslog(LOG_AUTHPRIV | WordsOf(event_).priority, "%s", line_.c_str());
+    NoteNotice(event_, account_);
 }
 
 std::string AuditName(std::string_view name)

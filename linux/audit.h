@@ -41,9 +41,10 @@ enum class AuditEvent {
     PasswordChanged,
 };
 
-// Writes line and row, with the client's address of the current request. Never fails its caller: a row that
-// cannot be stored is told in the log, and a request that has met a fault gets the line alone. Not for use
-// inside a transaction that may yet be undone. `detail` is a literal: one word of a-z, 0-9 and "-".
+// Writes line and row, with the client's address of the current request, and notes what the account's owner
+// is to be told of it by mail (notices.h). Never fails its caller: a row that cannot be stored is told in the
+// log, and a request that has met a fault gets the line alone. Not for use inside a transaction that may yet
+// be undone. `detail` is a literal: one word of a-z, 0-9 and "-".
 void Audit(AuditEvent event, const Account& account, const char* detail = "-");
 void Audit(AuditEvent event, std::string_view typedName,
            const char* detail = "-"); // of whom nothing is known
@@ -54,10 +55,11 @@ class AuditedGrant
 {
 public:
     AuditedGrant(AuditEvent event, const Account& account, const char* detail);
-    void Committed() const; // writes the line
+    void Committed() const; // writes the line, notes the notice
 
 private:
-    int priority_;
+    AuditEvent event_;
+    uint32_t account_;
     std::string line_;
 };
 

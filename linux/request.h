@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tavr
 {
@@ -49,6 +50,15 @@ struct Request {
 
     // The first fault met; see NoteFault.
     Fault fault = Fault::None;
+
+    // What owners of accounts are to be told by mail once this request is over (notices.h).
+    struct Notice {
+        const char* tag = nullptr; // of the template; a literal
+        uint32_t account = 0;
+        int64_t time = 0;                   // WallSeconds
+        std::optional<std::string> address; // not given: the one on file by then
+    };
+    std::vector<Notice> notices;
 
     // The session that this request opened; empty when none.
     std::string newSid;

@@ -30,6 +30,7 @@ constexpr int64_t kWindow = 1; // steps to either side of the present one
 constexpr size_t kTotpDigits = 6;
 constexpr int64_t kHintSteps = 10 * 60 / kStepSeconds; // how far off a phone's clock is looked for
 constexpr int kLongestTemporaryMinutes = 24 * 60;
+constexpr int kFailuresTold = 3; // in a row: the account's owner gets a notice, once
 
 // --- Which secret a code is for ---
 
@@ -201,6 +202,11 @@ CodeAnswer CountAndCompare(const Account& account, std::string_view code, Place 
     }
     if (answer.result == CodeResult::Wrong && counter.failures + 1 == kFailuresUntilClosed) {
         Audit(AuditEvent::SecondStepClosed, account);
+    }
+    if (answer.result == CodeResult::Wrong && counter.failures + 1 == kFailuresTold &&
+        place == Place::Permanent) {
+        CurrentRequest().notices.push_back(
+            {"OTP_notice_wrong_codes", account.uid, WallSeconds(), std::nullopt});
     }
     return answer;
 }

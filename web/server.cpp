@@ -6,6 +6,7 @@
 #include "linux/clock.h"
 #include "linux/database.h"
 #include "linux/enrolment.h"
+#include "linux/notices.h"
 #include "linux/request.h"
 
 #include <fcgiapp.h>
@@ -198,7 +199,6 @@ void ServeOne(FCGX_Request& fcgi, const Ids& ids)
         _exit(70);
     }
     WriteAnswer(*fcgi.out, answer);
-    StartRequest(); // nothing of this one stays until the next one comes
     Wipe(answer.body);
     sodium_memzero(body.data(), body.size());
     sodium_memzero(http.cookies.data(), http.cookies.size());
@@ -243,6 +243,7 @@ void ClearNowAndThen()
         StartRequest();
         ClearWaiting(Clear::TooOld);
         ClearAudit();
+        QueueNotices();
     } catch (const std::exception& error) {
         syslog(LOG_ERR, "cannot clear old state: %s", error.what());
     }
@@ -282,7 +283,9 @@ int ServeRequests(int listener, Start start)
         const int accepted = FCGX_Accept_r(&fcgi);
         if (accepted == 0) {
             ServeOne(fcgi, ids);
-            FCGX_Finish_r(&fcgi);
+            FCGX_Finish_r(&fcgi); // the answer is out: nobody waits for what follows
+            QueueNotices();
+            StartRequest();               // nothing of this one stays until the next one comes
         } else if (accepted != -EAGAIN) { // EAGAIN: nobody came, or another worker was faster
             syslog(LOG_ERR, "cannot accept a connection: %s", std::strerror(-accepted));
             poll(nullptr, 0, 100);

@@ -32,9 +32,7 @@ protected:
     void SetUp() override
     {
         FreshServer::SetUp();
-        unlink("/etc/tavrinfo.conf");
-        ASSERT_EQ(0, symlink("tavr/tavrinfo.conf", "/etc/tavrinfo.conf"));
-        WriteOpen("/etc/tavr/tavrinfo.conf", "maillang=\"enu\"\n");
+        WriteSettings("maillang=\"enu\"\n");
         fs::create_directories(kOwnDir);
     }
 
@@ -45,8 +43,6 @@ protected:
     }
 
     static void WriteOwn(const std::string& text) { WriteOpen(kOwnFile, text); }
-
-    static void Set(const std::string& lines) { WriteOpen("/etc/tavr/tavrinfo.conf", lines); }
 };
 
 using Table = std::unique_ptr<KLIBCSzHash, decltype(&KLIBCSzHashFree)>;
@@ -296,8 +292,9 @@ TEST_F(Mails, WithoutSettingsThereIsNoService)
 
 TEST_F(Mails, TheServiceIsWhatTheSettingsSay)
 {
-    Set(std::string(kService) + "mail_port=\"2525\"\nmail_security=\"tls\"\nmail_user=\"nas\"\n"
-                                "mail_ca_file=\"/etc/tavr/ca.pem\"\nmail_private_servers=\"yes\"\n");
+    WriteSettings(std::string(kService) +
+                  "mail_port=\"2525\"\nmail_security=\"tls\"\nmail_user=\"nas\"\n"
+                  "mail_ca_file=\"/etc/tavr/ca.pem\"\nmail_private_servers=\"yes\"\n");
     AsWorker([] {
         ASSERT_TRUE(WriteSecretSetting("mail_password", "a \"b\" c"));
         const auto server = NotificationServer();
@@ -338,7 +335,7 @@ TEST_F(Mails, WhatIsNotSaidIsUsualAndSafe)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.lines);
-        Set(std::string(kService) + row.lines);
+        WriteSettings(std::string(kService) + row.lines);
         AsWorker([&row] {
             const auto server = NotificationServer();
             ASSERT_TRUE(server);
@@ -357,7 +354,7 @@ TEST_F(Mails, AServiceWithoutUsableServerOrSenderIsNone)
                               "mail_server=\"mx.example\"\nmail_from=\"nobody\"\n",
                               "mail_server=\"mx.example/x\"\nmail_from=\"a@b.example\"\n",
                               "mail_server=\"user@mx.example\"\nmail_from=\"a@b.example\"\n"}) {
-        Set(lines);
+        WriteSettings(lines);
         AsWorker([lines] {
             TAVRMail mail{};
             EXPECT_FALSE(NotificationServer()) << lines;
@@ -469,7 +466,7 @@ TEST(MailAddress, AHostIsANameOrANumber)
 
 TEST_F(Mails, TheCallQueuesInTheSystemsLanguage)
 {
-    Set("maillang=\"ger\"\n");
+    WriteSettings("maillang=\"ger\"\n");
     AsWorker([] {
         const Table table(NewTable("al<ice", "12345678"), KLIBCSzHashFree);
         KLIBCSzHash* hash = table.get();

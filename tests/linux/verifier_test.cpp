@@ -364,7 +364,7 @@ std::string EmergencyCode(const Account& account, size_t position)
 
 TEST_F(Verifier, TheStrictWindowIsThePresentStepAlone)
 {
-    ASSERT_EQ(0, std::system("ln -sfn /etc/tavr/tavrinfo.conf /etc/tavrinfo.conf"));
+    WriteSettings("");
     AsWorker([] {
         const Account alice = MakeAccount("alice");
         const std::string secret = Enrol(alice);
@@ -376,6 +376,53 @@ TEST_F(Verifier, TheStrictWindowIsThePresentStepAlone)
         ASSERT_TRUE(WriteSetting("otp_strict_window", "no"));
         EXPECT_EQ(CodeResult::Used, Verify(alice, CodeOf(secret, kStep + 9)));
         EXPECT_EQ(CodeResult::Accepted, Verify(alice, CodeOf(secret, kStep + 11)));
+    });
+}
+
+std::string CodeOfNoStepNear(const std::string& secret, int64_t step)
+{
+    std::string code = "000000";
+    for (int64_t near = step - 2; near <= step + 2; ++near) {
+        if (CodeOf(secret, near) == code) {
+            ++code.back();
+            near = step - 3;
+        }
+    }
+    return code;
+}
+
+TEST_F(Verifier, TheOwnerIsToldOfTheThirdWrongCodeInARowAndNotAgain)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        const std::string secret = Enrol(alice);
+        const std::string wrong = CodeOfNoStepNear(secret, kStep);
+        for (int failure = 1; failure <= 5; ++failure) {
+            EXPECT_EQ(CodeResult::Wrong, Verify(alice, wrong));
+            EXPECT_EQ(failure == 3 ? 1U : 0U, CurrentRequest().notices.size()) << failure;
+        }
+        SetClocks(kNow, 200'000, "later");
+        EXPECT_EQ(CodeResult::Accepted, Verify(alice, CodeOf(secret, kStep)));
+        EXPECT_TRUE(CurrentRequest().notices.empty()) << "a plain sign-in tells nobody";
+        for (int failure = 1; failure <= 3; ++failure) {
+            EXPECT_EQ(CodeResult::Wrong, Verify(alice, wrong));
+        }
+        ASSERT_EQ(1U, CurrentRequest().notices.size());
+        EXPECT_STREQ("OTP_notice_wrong_codes", CurrentRequest().notices[0].tag);
+        EXPECT_EQ(alice.uid, CurrentRequest().notices[0].account);
+    });
+}
+
+TEST_F(Verifier, WrongCodesOfASetUpAreNobodysNotice)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        SetWallClock(kNow);
+        const std::string wrong = CodeOfNoStepNear(MakeWaiting(alice), kStep);
+        for (int failure = 1; failure <= 4; ++failure) {
+            EXPECT_EQ(CodeResult::Wrong, Confirm(alice, wrong));
+            EXPECT_TRUE(CurrentRequest().notices.empty());
+        }
     });
 }
 

@@ -130,6 +130,13 @@ void FreshServer::TearDown()
     }
 }
 
+void FreshServer::WriteSettings(const std::string& lines)
+{
+    unlink(kSettingsFile);
+    Require(symlink("tavr/tavrinfo.conf", kSettingsFile) == 0, kSettingsFile);
+    std::ofstream("/etc/tavr/tavrinfo.conf") << lines;
+}
+
 void FreshServer::AsWorker(const std::function<void()>& work)
 {
     AsWorkers(1, [&](int) { work(); });

@@ -21,6 +21,9 @@ protected:
     void SetUp() override; // empty state folder, preference tree and /tmp, a machine key
     void TearDown() override;
 
+    // The system settings, as they stand on a server: a link in /etc to the file in /etc/tavr.
+    static void WriteSettings(const std::string& lines);
+
     // Runs `work` in a child with a web worker's ids (real and effective the service's, saved root). What it
     // expects in vain fails the test.
     void AsWorker(const std::function<void()>& work);
