@@ -18,7 +18,7 @@ target_link_options(tavr_compile INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack -W
 if(TAVR_SANITIZE)
     target_compile_options(tavr_compile INTERFACE -fsanitize=${TAVR_SANITIZE} -fno-sanitize-recover=all
         -fno-omit-frame-pointer
-        -Wno-maybe-uninitialized -Wno-null-dereference)   # g++ sees both in what the checks add
+        $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized> -Wno-null-dereference)   # g++ sees both in what the checks add
     target_link_options(tavr_compile INTERFACE -fsanitize=${TAVR_SANITIZE})
 else()
     target_compile_options(tavr_compile INTERFACE $<$<NOT:$<CONFIG:>>:-U_FORTIFY_SOURCE> -D_FORTIFY_SOURCE=2)
