@@ -10,15 +10,9 @@
 #include "linux/vault.h"
 #include "linux/verifier.h"
 
-#include "tests/support/fresh_server.h"
-#include "tests/support/stepper.h"
-
-#include <grp.h>
-#include <unistd.h>
+#include "tests/support/killed_writer.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 
 namespace tavr::test
 {
@@ -27,7 +21,7 @@ namespace
 
 constexpr int64_t kNow = 1'800'000'015;
 
-class KilledWriter : public FreshServer
+class KilledCodeWriter : public KilledWriter
 {
 protected:
     void SetUp() override
@@ -47,10 +41,8 @@ protected:
                 EXPECT_EQ(CodeResult::Wrong, VerifyCode(alice, WrongCode(alice)).result);
             }
         });
-        Shell("rm -rf /run/kept; mkdir /run/kept; cp -a /var/lib/tavr /usr/tavr/etc /run/kept/");
+        KeepState();
     }
-
-    static void Shell(const std::string& command) { ASSERT_EQ(0, std::system(command.c_str())) << command; }
 
     static std::string Secret(const Account& account)
     {
@@ -81,47 +73,17 @@ protected:
         return digits.text;
     }
 
-    // Runs `work` anew for each of its system calls, killed there, and `check` on what is left.
     template<typename Work, typename Check>
-    void AtEveryCall(Work work, Check check)
+    void AtEveryCallOfAlice(Work work, Check check)
     {
-        const int stride = std::getenv("KILL_STRIDE") != nullptr ? std::atoi(std::getenv("KILL_STRIDE")) : 1;
-        long stops = 1;
-        long killed = 0;
-        for (long stop = 0; stop < stops + stride && !HasFailure(); stop += stride) {
-            Shell(
-                "find /var/lib/tavr /usr/tavr/etc -mindepth 1 -delete; cp -a /run/kept/tavr/. /var/lib/tavr;"
-                " cp -a /run/kept/etc/. /usr/tavr/etc");
-            const Steps steps = RunKilledAt(stop, [&work] { return Run(work); });
-            stops = steps.killed ? stop + 1 + stride : 0;
-            killed += steps.killed ? 1 : 0;
-            ASSERT_TRUE(steps.killed || steps.exitStatus == 0) << steps.exitStatus;
-            AsWorker([&] {
-                SCOPED_TRACE("killed at stop " + std::to_string(stop));
-                check(*FindAccount("alice"), !steps.killed);
-            });
-        }
-        EXPECT_GT(killed, 20);
-        std::printf("%ld runs killed\n", killed);
-    }
-
-private:
-    template<typename Work>
-    static int Run(Work work)
-    {
-        if (setgroups(0, nullptr) != 0 || setresgid(kServiceId, kServiceId, 0) != 0 ||
-            setresuid(kServiceId, kServiceId, 0) != 0) {
-            return 90;
-        }
-        const Account alice = *FindAccount("alice");
-        StartRequest();
-        return work(alice) ? 0 : 1;
+        AtEveryCall([&work] { return work(*FindAccount("alice")); },
+                    [&check](bool told) { check(*FindAccount("alice"), told); });
     }
 };
 
-TEST_F(KilledWriter, AWrongCodeCountsOrWasNeverTold)
+TEST_F(KilledCodeWriter, AWrongCodeCountsOrWasNeverTold)
 {
-    AtEveryCall(
+    AtEveryCallOfAlice(
         [](const Account& alice) {
             const std::string code = WrongCode(alice);
             MarkStart();
@@ -135,9 +97,9 @@ TEST_F(KilledWriter, AWrongCodeCountsOrWasNeverTold)
         });
 }
 
-TEST_F(KilledWriter, AnAcceptedStepIsUsedOrWasNeverGranted)
+TEST_F(KilledCodeWriter, AnAcceptedStepIsUsedOrWasNeverGranted)
 {
-    AtEveryCall(
+    AtEveryCallOfAlice(
         [](const Account& alice) {
             const std::string code = RightCode(alice);
             MarkStart();
@@ -153,9 +115,9 @@ TEST_F(KilledWriter, AnAcceptedStepIsUsedOrWasNeverGranted)
         });
 }
 
-TEST_F(KilledWriter, AnEmergencyCodeIsSpentOrWasNeverGranted)
+TEST_F(KilledCodeWriter, AnEmergencyCodeIsSpentOrWasNeverGranted)
 {
-    AtEveryCall(
+    AtEveryCallOfAlice(
         [](const Account& alice) {
             const std::string code = EmergencyCode(alice);
             MarkStart();
@@ -173,9 +135,9 @@ TEST_F(KilledWriter, AnEmergencyCodeIsSpentOrWasNeverGranted)
         });
 }
 
-TEST_F(KilledWriter, APasswordsTryCountsOrWasNeverLetThrough)
+TEST_F(KilledCodeWriter, APasswordsTryCountsOrWasNeverLetThrough)
 {
-    AtEveryCall(
+    AtEveryCallOfAlice(
         [](const Account& /*alice*/) {
             SigninDatabase();
             MarkStart();
@@ -188,9 +150,9 @@ TEST_F(KilledWriter, APasswordsTryCountsOrWasNeverLetThrough)
         });
 }
 
-TEST_F(KilledWriter, TheConsolesWritersAreDoneOrNot)
+TEST_F(KilledCodeWriter, TheConsolesWritersAreDoneOrNot)
 {
-    AtEveryCall(
+    AtEveryCallOfAlice(
         [](const Account& alice) {
             MarkStart();
             OpenSecondStep(alice);
