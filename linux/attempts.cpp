@@ -49,6 +49,22 @@ int64_t WaitAfter(int failures)
     return std::min(kFirstWaitSeconds << doublings, kLongestWaitSeconds);
 }
 
+// Seconds until one more try is let through, of which `most` may lie within `seconds`. `earlier` has the boot
+// and the time of those before.
+int WaitOf(Statement& earlier, int most, int64_t seconds)
+{
+    int counted = 0;
+    int shortest = static_cast<int>(seconds);
+    while (earlier.Step()) {
+        const int left = SecondsLeft(OnThisBoot(earlier.Text(0), earlier.Int(1)), seconds);
+        if (left > 0) {
+            ++counted;
+            shortest = std::min(shortest, left);
+        }
+    }
+    return counted < most ? 0 : shortest;
+}
+
 // --- Passwords ---
 
 struct Limit {
@@ -105,21 +121,11 @@ void ClearOld(int64_t now)
         .Run();
 }
 
-// Seconds until one more is let through.
 int WaitOf(const Limit& limit)
 {
-    int counted = 0;
-    int shortest = static_cast<int>(kPasswordSeconds);
     Statement ask = SigninDatabase().Prepare("SELECT boot, at FROM password_try WHERE key = ?1");
     ask.BindBlob(1, limit.key);
-    while (ask.Step()) {
-        const int left = SecondsLeft(OnThisBoot(ask.Text(0), ask.Int(1)), kPasswordSeconds);
-        if (left > 0) {
-            ++counted;
-            shortest = std::min(shortest, left);
-        }
-    }
-    return counted < limit.most ? 0 : shortest;
+    return WaitOf(ask, limit.most, kPasswordSeconds);
 }
 
 int64_t Insert(const Limit& limit)
@@ -165,6 +171,29 @@ public:
     WithoutSync(const WithoutSync&) = delete;
     WithoutSync& operator=(const WithoutSync&) = delete;
 };
+
+// --- Emergency codes by mail ---
+
+constexpr int64_t kHourSeconds = 60 * 60;
+constexpr int64_t kDaySeconds = 24 * kHourSeconds;
+
+int WaitOfMails(uint32_t account, int most, int64_t seconds)
+{
+    Statement ask = SigninDatabase().Prepare("SELECT boot, at FROM code_mail WHERE account = ?1");
+    ask.Bind(1, int64_t{account});
+    return WaitOf(ask, most, seconds);
+}
+
+// So an account never has more rows than a day lets through.
+void ClearOldMails(uint32_t account)
+{
+    SigninDatabase()
+        .Prepare("DELETE FROM code_mail WHERE account = ?1 AND iif(boot = ?2, at, 0) <= ?3")
+        .Bind(1, int64_t{account})
+        .Bind(2, ThisBoot())
+        .Bind(3, BootSeconds() - kDaySeconds)
+        .Run();
+}
 
 } // namespace
 
@@ -257,6 +286,33 @@ void GiveBack(const PasswordTry& counted)
         SigninDatabase().Prepare("DELETE FROM password_try WHERE id = ?1").Bind(1, row).Run();
     }
     transaction.Commit();
+}
+
+MailTry CountMail(uint32_t account)
+{
+    Database& db = SigninDatabase();
+    MailTry counted;
+    Transaction transaction(db);
+    counted.waitSeconds = std::max(WaitOfMails(account, kMailsAnHour, kHourSeconds),
+                                   WaitOfMails(account, kMailsADay, kDaySeconds));
+    if (counted.waitSeconds > 0) {
+        return counted;
+    }
+    ClearOldMails(account);
+    db.Prepare("INSERT INTO code_mail (account, boot, at) VALUES (?1, ?2, ?3)")
+        .Bind(1, int64_t{account})
+        .Bind(2, ThisBoot())
+        .Bind(3, BootSeconds())
+        .Run();
+    counted.row = db.LastInsertId();
+    transaction.Commit();
+    return counted;
+}
+
+void GiveBack(const MailTry& counted)
+{
+    const WithoutSync unsynced;
+    SigninDatabase().Prepare("DELETE FROM code_mail WHERE id = ?1").Bind(1, counted.row).Run();
 }
 
 } // namespace tavr

@@ -1,5 +1,6 @@
-// Who has tried how often: the counter of an account's second step, and those of passwords. All of it stands
-// in the sign-in database, so that no restart, other worker or new sign-in begins anew.
+// Who has tried how often: the counter of an account's second step, those of passwords, and how often an
+// emergency code was mailed. All of it stands in the sign-in database, so that no restart, other worker or
+// new sign-in begins anew.
 //
 // A try is counted before anything is compared, in a transaction, and taken back when it was no guess; so
 // parallel tries never get past a limit. Times are BootSeconds: the wall clock moves nothing. After the
@@ -71,5 +72,21 @@ PasswordTry CountRepeatedPassword(std::string_view sessionId); // Session::id
 
 // The password was right, or could not be compared.
 void GiveBack(const PasswordTry& counted);
+
+// --- Emergency codes by mail ---
+//
+// Three an hour and ten a day for an account. They take the password, so no stranger can use them up.
+
+inline constexpr int kMailsAnHour = 3;
+inline constexpr int kMailsADay = 10;
+
+struct MailTry {
+    int waitSeconds = 0; // above 0: it was not counted, and nothing is to be mailed
+    int64_t row = 0;     // for GiveBack
+};
+MailTry CountMail(uint32_t account);
+
+// No mail went out.
+void GiveBack(const MailTry& counted);
 
 } // namespace tavr

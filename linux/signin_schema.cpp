@@ -93,6 +93,16 @@ CREATE TABLE temporary_code (
     until INTEGER NOT NULL
 ) STRICT;
 )",
+    // Emergency codes that were mailed, or are about to be.
+    R"(
+CREATE TABLE code_mail (
+    id INTEGER PRIMARY KEY AUTOINCREMENT,  -- never one that was given back
+    account INTEGER NOT NULL,
+    boot TEXT NOT NULL,
+    at INTEGER NOT NULL
+) STRICT;
+CREATE INDEX code_mail_of_account ON code_mail (account);
+)",
 };
 
 } // namespace

@@ -475,6 +475,7 @@ TEST_F(Counter, GrantsAndComparesNothingOnAFullDisk)
             EXPECT_FALSE(CurrentRequest().codeOf.has_value());
         }
         EXPECT_THROW(CountPassword("alice", "192.0.2.1"), DatabaseError);
+        EXPECT_THROW(CountMail(1026), DatabaseError);
         EXPECT_THROW(OpenSecondStep(alice.account), DatabaseError);
         EXPECT_THROW(MintTemporaryCode(alice.account, 5), DatabaseError);
         unlink(filler.c_str());
@@ -515,6 +516,7 @@ TEST_F(Counter, GrantsAndComparesNothingOnAReadOnlyDisk)
         EXPECT_EQ(CodeResult::Fault, VerifyCode(alice, "123456").result);
         EXPECT_EQ(CodeResult::Fault, RefusalBeforeCode(alice)->result);
         EXPECT_THROW(CountPassword("alice", "192.0.2.1"), DatabaseError);
+        EXPECT_THROW(CountMail(1026), DatabaseError);
         EXPECT_THROW(CountRepeatedPassword("session"), DatabaseError);
     });
 }
@@ -667,6 +669,101 @@ TEST_F(Passwords, NothingThatWasTypedIsStoredAsItIs)
         EXPECT_EQ(std::string::npos, all.find("my secret pass phrase"));
         EXPECT_EQ(std::string::npos, all.find("192.0.2.123"));
         EXPECT_NE(std::string::npos, all.find("password_try"));
+    });
+}
+
+// --- Emergency codes by mail ---
+
+using Mails = Passwords;
+
+constexpr uint32_t kAlice = 1026;
+constexpr uint32_t kBob = 1027;
+
+int MailWait(uint32_t account)
+{
+    return CountMail(account).waitSeconds;
+}
+
+int MailRows()
+{
+    Statement ask = SigninDatabase().Prepare("SELECT count(*) FROM code_mail");
+    return ask.Step() ? static_cast<int>(ask.Int(0)) : -1;
+}
+
+TEST_F(Mails, ThreeAnHourAndTenADayForAnAccount)
+{
+    AsWorker([] {
+        int64_t now = 100'000;
+        for (const int sent : {3, 3, 3, 1}) {
+            for (int i = 0; i < sent; ++i) {
+                ASSERT_EQ(0, MailWait(kAlice));
+            }
+            EXPECT_EQ(0, MailWait(kBob)) << "each account's own";
+            now += 3590;
+            SetClocks(kNow, now, "first");
+            if (sent == 3) {
+                EXPECT_NEAR(10, MailWait(kAlice), 3);
+            }
+            now += 20;
+            SetClocks(kNow, now, "first");
+        }
+        EXPECT_NEAR(86'400 - 4 * 3610, MailWait(kAlice), 3);
+        EXPECT_EQ(10 + 4, MailRows()) << "what is refused is not kept";
+        SetClocks(kNow, 100'000 + 86'410, "first");
+        EXPECT_EQ(0, MailWait(kAlice)) << "the first three are a day old";
+        EXPECT_EQ(8 + 4, MailRows()) << "and gone";
+    });
+}
+
+TEST_F(Mails, OneThatDidNotGoOutIsGivenBack)
+{
+    AsWorker([] {
+        for (int i = 0; i < 50; ++i) {
+            const MailTry counted = CountMail(kAlice);
+            ASSERT_EQ(0, counted.waitSeconds);
+            GiveBack(counted);
+        }
+        EXPECT_EQ(0, MailWait(kAlice));
+        EXPECT_EQ(0, MailWait(kAlice));
+        GiveBack(CountMail(kAlice));
+        GiveBack(MailTry());
+        EXPECT_EQ(2, MailRows()) << "nobody else's";
+        EXPECT_EQ(0, MailWait(kAlice));
+        GiveBack(CountMail(kAlice));
+        EXPECT_GT(MailWait(kAlice), 0) << "a refused one gives nothing back";
+    });
+}
+
+TEST_F(Mails, ManyAtOnceGetNoFurtherThanOneByOne)
+{
+    const Shared tally;
+    AsWorkers(4, [&tally](int) {
+        for (int i = 0; i < 25; ++i) {
+            tally->Add(MailWait(kAlice) == 0 ? CodeResult::Wrong : CodeResult::Throttled);
+        }
+    });
+    EXPECT_EQ(3, tally->wrong);
+    EXPECT_EQ(97, tally->refused);
+}
+
+TEST_F(Mails, NoClockAndNoStartOfTheMachineOpensThemSooner)
+{
+    AsWorker([] {
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(0, MailWait(kAlice));
+        }
+        SetClocks(kNow + 86'400, 100'000, "first");
+        EXPECT_GT(MailWait(kAlice), 3590);
+        SetClocks(kNow, 50'000, "first");
+        EXPECT_EQ(3600, MailWait(kAlice));
+        SetClocks(kNow, 20, "second");
+        EXPECT_NEAR(3580, MailWait(kAlice), 2);
+        SetClocks(kNow, 3601, "second");
+        EXPECT_EQ(0, MailWait(kAlice));
+        EXPECT_EQ(4, MailRows()) << "those of another start count for the day";
+        SetClocks(kNow, 86'401, "second");
+        EXPECT_EQ(0, MailWait(kAlice));
+        EXPECT_EQ(2, MailRows());
     });
 }
 
