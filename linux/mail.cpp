@@ -4,6 +4,7 @@
 #include "linux/mail_queue.h"
 #include "linux/mail_settings.h"
 #include "linux/mail_templates.h"
+#include "linux/request.h"
 #include "linux/string_hash.h"
 
 #include <syslog.h>
@@ -94,12 +95,13 @@ void TAVRMailFree(TAVRMail* mail)
     }
 }
 
+// Its caller does not look at the result and says that the mail is under way, so the request has to know.
 int TAVRMailSendMessageWithoutBlock(const char* tag, KLIBCSzHash** hash, const char* address, int /*flags*/)
 {
-    if (tag == nullptr || hash == nullptr || *hash == nullptr || address == nullptr) {
-        return Fail(Error::BadParameter);
-    }
-    return Guarded([&] {
+    const int status = Guarded([&] {
+        if (tag == nullptr || hash == nullptr || *hash == nullptr || address == nullptr) {
+            return Fail(Error::BadParameter);
+        }
         if (!tavr::IsMailAddress(address)) {
             return Fail(Error::BadParameter);
         }
@@ -110,4 +112,8 @@ int TAVRMailSendMessageWithoutBlock(const char* tag, KLIBCSzHash** hash, const c
         tavr::QueueMail(address, text->subject, tavr::HtmlOf(text->body));
         return 0;
     });
+    if (status < 0) {
+        tavr::NoteFault(tavr::Fault::MailNotQueued);
+    }
+    return status;
 }

@@ -34,6 +34,8 @@ const char* FaultText(Fault fault)
         return "secret file is not what the vault says";
     case Fault::AccountsUnavailable:
         return "account store cannot be read";
+    case Fault::MailNotQueued:
+        return "mail cannot be queued";
     }
     return "unknown fault";
 }

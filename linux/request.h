@@ -19,6 +19,7 @@ enum class Fault {
     StateUnavailable,    // the database cannot be read or written (locked, read-only, disk full)
     SecretFile,          // the account's secret file is not what the vault says
     AccountsUnavailable, // the account store cannot be read
+    MailNotQueued,       // a notification mail was to go out and could not be stored
 };
 
 const char* FaultText(Fault fault); // for logs and the console: a few words, no final stop

@@ -29,7 +29,8 @@ void TAVRMailFree(TAVRMail* mail);
 
 // Queues a notification mail made of the template `tag` and the values of *hash, in the system's language,
 // and comes back without waiting for its delivery. What is queued outlives the process. 0 when it was queued,
-// negative when it could not be. `flags` is 0.
+// negative when it could not be; the library does not look at that, so a platform that wants its callers to
+// know notes it elsewhere. `flags` is 0.
 int TAVRMailSendMessageWithoutBlock(const char* tag, KLIBCSzHash** hash, const char* address, int flags);
 
 } // extern "C"

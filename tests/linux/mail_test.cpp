@@ -5,6 +5,7 @@
 #include "linux/mail_queue.h"
 #include "linux/mail_settings.h"
 #include "linux/mail_templates.h"
+#include "linux/request.h"
 #include "linux/settings.h"
 
 #include "tests/support/fresh_server.h"
@@ -491,6 +492,7 @@ TEST_F(Mails, WhatCannotBeQueuedIsTold)
                 << address;
             EXPECT_EQ(0x0D00, KLIBCErrGet());
         }
+        EXPECT_EQ(Fault::MailNotQueued, CurrentRequest().fault) << "for callers who do not look";
         EXPECT_EQ(-1, TAVRMailSendMessageWithoutBlock("OTP_other", &hash, "a@b.example", 0));
         EXPECT_EQ(0x0700, KLIBCErrGet());
         EXPECT_TRUE(ListMails().empty());
