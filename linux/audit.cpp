@@ -68,6 +68,14 @@ EventWords WordsOf(AuditEvent event)
         return {"reset", "done", LOG_NOTICE};
     case AuditEvent::ScratchCodeSpent:
         return {"scratch-code", "spent", LOG_NOTICE};
+    case AuditEvent::CodeMailed:
+        return {"code-mail", "sent", LOG_NOTICE};
+    case AuditEvent::CodeMailRefused:
+        return {"code-mail", "refused", LOG_NOTICE};
+    case AuditEvent::CodeMailThrottled:
+        return {"code-mail", "throttled", LOG_NOTICE, Keep::LineOnly};
+    case AuditEvent::CodeMailBusy:
+        return {"code-mail", "busy", LOG_NOTICE, Keep::LineOnly};
     case AuditEvent::TemporaryCodeMade:
         return {"temporary-code", "made", LOG_NOTICE};
     case AuditEvent::TemporaryCodeSpent:
@@ -106,6 +114,8 @@ const char* NoticeOf(AuditEvent event)
         return "OTP_notice_reset";
     case AuditEvent::ScratchCodeSpent:
         return "OTP_notice_code_spent";
+    case AuditEvent::CodeMailed:
+        return "OTP_notice_code_mailed";
     case AuditEvent::AddressChanged:
         return "OTP_notice_address_changed";
     case AuditEvent::SignIn:
@@ -117,6 +127,9 @@ const char* NoticeOf(AuditEvent event)
     case AuditEvent::CodeClosed:
     case AuditEvent::SecondStepClosed:
     case AuditEvent::SecondStepOpened:
+    case AuditEvent::CodeMailRefused:
+    case AuditEvent::CodeMailThrottled:
+    case AuditEvent::CodeMailBusy:
     case AuditEvent::TemporaryCodeMade:
     case AuditEvent::TemporaryCodeSpent:
     case AuditEvent::SessionsEnded:

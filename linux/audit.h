@@ -29,6 +29,10 @@ enum class AuditEvent {
     SwitchedOff, // by its owner
     Reset,       // by an administrator
     ScratchCodeSpent,
+    CodeMailed,        // an emergency code, to its owner
+    CodeMailRefused,   // no address, no code, or no way to send
+    CodeMailThrottled, // asked too often; a line without a row
+    CodeMailBusy,      // too many others waited for mail servers; a line without a row
     TemporaryCodeMade,
     TemporaryCodeSpent,
     AddressChanged, // the recovery address

@@ -17,6 +17,9 @@ std::optional<Answer> RefuseCode(const Session& session, const char* code);
 std::optional<Answer> RefuseCodeAnswer(const CodeAnswer& answer);
 void AddClockHint(const Session& session, Json::Value& body);
 
+// emergency.cpp
+Answer SignInEmergency(Call& call);
+
 // session_routes.cpp
 Answer ShowSession(Call& call);
 Answer SignOut(Call& call);

@@ -1,5 +1,6 @@
 // tavr-otp-web: the parent. It stays root, opens the socket, keeps the workers running and serves nothing
 // itself.
+#include "web/mail_places.h"
 #include "web/server.h"
 
 #include "linux/paths.h"
@@ -325,6 +326,9 @@ int main(int argc, char** argv)
     sigprocmask(SIG_BLOCK, &signals, nullptr);
 
     const int listener = Listen(options.socket);
+    if (!tavr::web::MakeMailPlaces(options.workers)) {
+        Die(std::string("cannot make a file in memory: ") + std::strerror(errno));
+    }
     std::vector<Worker> workers(static_cast<size_t>(options.workers));
     KeepRunning(workers, listener, service, signals);
     close(listener);

@@ -181,6 +181,13 @@ Answer Later(int seconds)
     return answer;
 }
 
+Answer Busy(int seconds)
+{
+    Answer answer = Refusal(503, "busy");
+    answer.headers.emplace_back("Retry-After", std::to_string(seconds));
+    return answer;
+}
+
 std::string ReadCookie(const HttpRequest& request, const char* name)
 {
     return Cookie(request.cookies, CookieName(request, name));

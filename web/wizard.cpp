@@ -126,13 +126,6 @@ bool IsWholePng(const std::string& base64)
     return whole;
 }
 
-Answer OvertakenByAnotherPage() // which made a newer secret in between
-{
-    Answer busy = Refusal(503, "busy");
-    busy.headers.emplace_back("Retry-After", "1");
-    return busy;
-}
-
 struct WipedText {
     std::string text;
     ~WipedText() { sodium_memzero(text.data(), text.size()); }
@@ -276,7 +269,7 @@ Answer WizardQr(Call& call)
     }
     if (!enrolled && done && !ClaimWaiting(account.uid, call.session->id, response["key"].asString())) {
         Wipe(response);
-        return OvertakenByAnotherPage();
+        return Busy(1); // another page made a newer secret in between
     }
     return WithPicture(std::move(response));
 }
@@ -309,7 +302,7 @@ Answer WizardRenew(Call& call)
     }
     const WipedText key{SecretText(account.uid, BareReference(reference))};
     if (key.text.empty() || !ClaimWaiting(account.uid, call.session->id, key.text)) {
-        return OvertakenByAnotherPage();
+        return Busy(1); // another page made a newer secret in between
     }
     return PictureOf(key.text, label);
 }

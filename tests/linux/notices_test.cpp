@@ -64,6 +64,7 @@ TEST_F(Notices, TellOfEachEventThatConcernsTheOwner)
          "was switched off for the account <b>alice</b>"},
         {AuditEvent::Reset, "Two-step sign-in was reset", "An administrator has removed"},
         {AuditEvent::ScratchCodeSpent, "An emergency code was used", "code of the account <b>alice</b>"},
+        {AuditEvent::CodeMailed, "An emergency code was mailed", "for the account <b>alice</b>"},
     };
     AsWorker([&rows] {
         const Account alice = AddAlice();
@@ -113,7 +114,8 @@ TEST_F(Notices, SayNothingOfOtherEvents)
         const Account alice = AddAlice();
         for (const AuditEvent event :
              {AuditEvent::SignIn, AuditEvent::PasswordRefused, AuditEvent::CodeRefused,
-              AuditEvent::CodeReplayed, AuditEvent::SecondStepClosed, AuditEvent::SessionsEnded,
+              AuditEvent::CodeReplayed, AuditEvent::CodeMailRefused, AuditEvent::CodeMailThrottled,
+              AuditEvent::CodeMailBusy, AuditEvent::SecondStepClosed, AuditEvent::SessionsEnded,
               AuditEvent::AccountDisabled}) {
             Audit(event, alice);
         }
