@@ -229,7 +229,7 @@ test("a wait of one account's password does not hold another's", async (t) => {
   await refuse(page, "/api/signin", 429, { err: "too_many_attempts" }, { "Retry-After": "3600" });
   await signIn(page, "words", "wrong");
   await errorAt(page, "password");
-  assert.equal(await page.textContent("#password-error > [aria-hidden]"), "Too many attempts. You can try again in 60 minutes.");
+  assert.equal(await page.textContent("#password-error > [aria-hidden]"), "Too many attempts. You can try again in 1 hour.");
   await page.unroute("**/api/signin");
   await page.fill("#user", "nobody");
   assert.ok(!await page.isVisible("#password-error"));

@@ -39,7 +39,10 @@ function sentByRoutes() {
 
 function sentByLibrary() {
   const library = filesIn(join(source, "otp"), ".cpp").map(read).join("\n");
-  return [...library.matchAll(/SetError\(\s*"([a-z_]+)",\s*"([a-z_]+)"/g)].map(([, section, key]) => `${section}:${key}`);
+  return [
+    ...[...library.matchAll(/SetError\(\s*"([a-z_]+)",\s*"([a-z_]+)"/g)].map(([, section, key]) => `${section}:${key}`),
+    ...all(/\["err"\] = "([a-z_]+)"/g, library).map((key) => `web:${key}`),
+  ];
 }
 
 const used = { pages: usedInPages(), routes: sentByRoutes(), library: sentByLibrary() };
@@ -51,7 +54,8 @@ test("the search for keys finds what is known to be there", () => {
   assert.ok(used.routes.includes("web:no_pending_signin"));
   assert.ok(used.routes.includes("web:otp_code_used"));
   assert.deepEqual(new Set(used.library),
-    new Set(["personal_settings:otp_auth_failed", "personal_settings:failed_to_set_ldap_otp_mail"]));
+    new Set(["personal_settings:otp_auth_failed", "personal_settings:failed_to_set_ldap_otp_mail", "web:no_mail_address",
+      "web:otp_no_emergency_code", "web:mail_service_not_enable"]));
 });
 
 for (const [who, keys] of Object.entries(used)) {

@@ -53,7 +53,8 @@ export function errorText(answer) {
 
 // "1 minute 30 seconds"
 export function durationText(seconds) {
-  const parts = [[Math.floor(seconds / 60), "common:minutes"], [seconds % 60, "common:seconds"]];
+  const parts = [[Math.floor(seconds / 3600), "common:hours"], [Math.floor(seconds / 60) % 60, "common:minutes"],
+    [seconds % 60, "common:seconds"]];
   return parts.filter(([n]) => n > 0).map(([n, key]) => text(key, { n })).join(" ");
 }
 

@@ -1,10 +1,10 @@
 // The sign-in page: password, second step, and the wizard where the policy demands an enrolment.
 import { get, post, rememberSignedIn, wasSignedIn } from "/shared/api.js";
 import {
-  byId, hidePasswords, onSubmit, readCode, reloadWhenRestored, requireFilled, setTitle, showFieldError, showMessage,
-  wirePasswordButtons,
+  announce, byId, clearFieldError, hidePasswords, onSubmit, readCode, reloadWhenRestored, requireFilled, setTitle,
+  showFieldError, showMessage, whileBusy, wirePasswordButtons,
 } from "/shared/dom.js";
-import { errorText, fillTexts, loadMessages, text } from "/shared/messages.js";
+import { durationText, errorText, fillTexts, loadMessages, text } from "/shared/messages.js";
 import { endWait, showRefusal } from "/shared/refusals.js";
 import { openWizard, reloadedNote, wizardInHistory } from "/shared/wizard.js";
 
@@ -28,6 +28,7 @@ async function start() {
   reloadWhenRestored();
   onSubmit(byId("password-form"), submitPassword);
   onSubmit(byId("code-form"), submitCode);
+  byId("no-app").addEventListener("click", mailOnce);
   byId("other-account").addEventListener("click", otherAccount);
   byId("user").addEventListener("input", () => endWait(byId("password")));   // it was the other account's
   byId("content").hidden = false;
@@ -114,12 +115,56 @@ async function submitCode() {
   const answer = await post("/api/signin/code", { code });
   if (answer.success) {
     enter();
-  } else if (kHalfSigninGone.has(answer.err)) {
-    askPassword();
-    showMessage(errorText(answer));
-  } else {
+  } else if (!leaveIfGone(answer)) {
     showRefusal(answer, { code: input });
   }
+}
+
+// Back to the password when the half sign-in has ended.
+function leaveIfGone(answer) {
+  const gone = kHalfSigninGone.has(answer.err);
+  if (gone) {
+    askPassword();
+    showMessage(errorText(answer));
+  }
+  return gone;
+}
+
+// Mailing takes a while, and the form can be used meanwhile: the app may have turned up.
+async function mailOnce() {
+  const button = byId("no-app");
+  if (!button.dataset.busy) {
+    await whileBusy(button, button, mailCode);
+  }
+}
+
+async function mailCode() {
+  showMessage();
+  announce(text("signin:mail_under_way"));
+  const answer = await post("/api/signin/emergency", {});
+  if (byId("code-form").hidden || leaveIfGone(answer)) {
+    return;
+  }
+  if (answer.success) {
+    showMessage(text(answer.warning ? "signin:mailed_last" : "signin:mailed"), "note");
+    makeReady(byId("code"));
+  } else if (answer.err === "otp_unavailable") {
+    showMessage(text("signin:mail_fault"));
+  } else if (answer.status === 429) {
+    const minutes = Math.max(1, Math.ceil(answer.retryAfter / 60));
+    showMessage(text("signin:mailed_too_often", { wait: durationText(minutes * 60) }));
+  } else {
+    showMessage(errorText(answer));
+  }
+}
+
+// For the code that comes now; a field that has to wait keeps what stands there and beside it.
+function makeReady(input) {
+  if (!input.readOnly) {
+    input.value = "";
+    clearFieldError(input);
+  }
+  input.focus();
 }
 
 async function otherAccount() {
