@@ -34,15 +34,16 @@ async function visit(t, options) {
   return context.newPage();
 }
 
-// Enrols `user` by the interface. Gives the client, which is signed in, and the key.
+// Enrols `user` by the interface. Gives the client, which is signed in, the key, and the code that confirmed it.
 async function enrolled(user) {
   const client = new Client(server.url);
   const password = server.passwords[user];
   await client.post("/api/signin", { user, password });
   const { json: { key } } = await client.post("/api/otp/qr", { password, account_name: user });
-  const { json } = await client.post("/api/otp/confirm", { password, code: server.code(key) });
+  const used = server.code(key);
+  const { json } = await client.post("/api/otp/confirm", { password, code: used });
   assert.ok(json.auth_ok, `${user} is enrolled`);
-  return { client, key, next: () => { server.advance(30); return server.code(key); } };
+  return { client, key, used, next: () => { server.advance(30); return server.code(key); } };
 }
 
 // At the overview of somebody enrolled, in her own session.
@@ -96,8 +97,8 @@ const message = async (page) => {
 // --- words ---
 
 test("every refusal of a code has its words in its place", async (t) => {
-  const { page, key } = await atSecondStep(t, "words");
-  await enter(page, "#code", server.code(key));
+  const { page, key, used } = await atSecondStep(t, "words");
+  await enter(page, "#code", used);
   assert.equal(await errorAt(page, "code"), kUsed);
   await enter(page, "#code", server.wrongCode(key));
   await page.waitForFunction(() => document.getElementById("code-error").textContent.startsWith("That code is not right."));
