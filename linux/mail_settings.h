@@ -23,7 +23,7 @@ struct MailServer {
     std::string user; // empty: no authentication
     std::string password;
     std::string from;              // the sender's address
-    std::string caFile;            // PEM; empty: the system's certificates
+    std::string caFile;            // PEM, besides the system's certificates; may be empty
     bool privateAddresses = false; // may stand on a private or loopback address
 };
 
