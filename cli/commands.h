@@ -62,6 +62,21 @@ void ListMailQueue();
 void RetryQueuedMail(int64_t id);
 void DropQueuedMail(int64_t id);
 
+// mail_account_commands.cpp
+struct NewMailAccountTexts {
+    std::string alias;
+    ServerTexts server;
+    std::string to; // of the test mail; empty: the recovery address, or the sender's own
+    bool passwordStdin = false;
+    bool isDefault = false;
+    bool test = true;
+};
+void AddMailAccountCommand(const std::string& typedName, const NewMailAccountTexts& texts);
+void TestMailAccount(const std::string& typedName, const std::string& alias, const std::string& address);
+void SetDefaultMailAccountCommand(const std::string& typedName, const std::string& alias);
+void RemoveMailAccountCommand(const std::string& typedName, const std::string& alias); // asks
+void ListMailAccounts(const std::string& typedName);
+
 // audit_command.cpp
 struct AuditChoice {
     std::string account; // as typed; empty: all

@@ -80,6 +80,7 @@ struct Words {
     int minutes = 10;
     int64_t number = 0;
     tavr::console::ServerTexts server;
+    tavr::console::NewMailAccountTexts mailAccount;
     tavr::console::AuditChoice audit;
     bool rootOnly = false;
     bool yes = false;
@@ -272,22 +273,28 @@ void DefineSessionCommands(CLI::App& program, Words& words)
     });
 }
 
+// What a mail server is reached with.
+void AddServer(CLI::App* command, tavr::console::ServerTexts& texts)
+{
+    command->add_option("--host", texts.host, "name or address of the server")->type_name("HOST");
+    command->add_option("--port", texts.port, "its port")->type_name("N")->check(CLI::Range(1, 65535));
+    command->add_option("--security", texts.security, "starttls, tls or none")
+        ->type_name("KIND")
+        ->check(CLI::IsMember({"starttls", "tls", "none"}));
+    command->add_option("--user", texts.user, "name to log in with; an empty one: without")
+        ->type_name("NAME")
+        ->expected(1);
+    command->add_option("--from", texts.from, "address that mails come from")->type_name("ADDRESS");
+}
+
 void DefineMailServerCommand(CLI::App& mail, Words& words)
 {
     CLI::App* server =
         mail.add_subcommand("server", "set up the mail server of the system's own mails")->fallthrough();
     server->require_subcommand(0, 1);
     tavr::console::ServerTexts& texts = words.server;
-    server->add_option("--host", texts.host, "name or address of the server")->type_name("HOST");
-    server->add_option("--port", texts.port, "its port")->type_name("N")->check(CLI::Range(1, 65535));
-    server->add_option("--security", texts.security, "starttls, tls or none")
-        ->type_name("KIND")
-        ->check(CLI::IsMember({"starttls", "tls", "none"}));
-    server->add_option("--user", texts.user, "name to log in with; an empty one: without")
-        ->type_name("NAME")
-        ->expected(1);
-    server->add_option("--from", texts.from, "address that mails come from")->type_name("ADDRESS");
-    server->add_option("--ca-file", texts.caFile, "certificates to trust, PEM; an empty one: the system's")
+    AddServer(server, texts);
+    server->add_option("--ca-file", texts.caFile, "certificates to trust besides the system's, PEM")
         ->type_name("FILE")
         ->expected(1);
     server->add_flag("--password-stdin", words.passwordStdin, "read the password from standard input");
@@ -328,6 +335,48 @@ void DefineMailQueueCommand(CLI::App& mail, Words& words)
     };
     add("retry", "try a mail again now", tavr::console::RetryQueuedMail);
     add("drop", "give up a mail, wipe its text", tavr::console::DropQueuedMail);
+}
+
+void DefineMailAccountCommands(CLI::App& program, Words& words)
+{
+    CLI::App* accounts =
+        program.add_subcommand("mail-account", "users' own mail accounts, which send their codes")
+            ->require_subcommand(1)
+            ->fallthrough();
+    const auto define = [&](const char* name, const char* what, bool ofOne, void (*command)(Words&)) {
+        CLI::App* defined = accounts->add_subcommand(name, what)->fallthrough();
+        AddName(defined, words);
+        if (ofOne) {
+            defined->add_option("ALIAS", words.mailAccount.alias, "what the user calls the mail account")
+                ->required();
+        }
+        defined->callback([&words, command] { words.command = [&words, command] { command(words); }; });
+        return defined;
+    };
+
+    CLI::App* add = define("add", "add a mail account, if a test mail can be sent", true, [](Words& said) {
+        said.mailAccount.passwordStdin = said.passwordStdin;
+        tavr::console::AddMailAccountCommand(said.name, said.mailAccount);
+    });
+    AddServer(add, words.mailAccount.server);
+    add->add_flag("--password-stdin", words.passwordStdin, "read the password from standard input");
+    add->add_option("--to", words.mailAccount.to, "where the test mail goes")->type_name("ADDRESS");
+    add->add_flag("--default", words.mailAccount.isDefault, "make it the one that sends");
+    add->add_flag("--no-test{false}", words.mailAccount.test, "add it without a test mail");
+
+    CLI::App* test = define("test", "send a test mail now", true, [](Words& said) {
+        tavr::console::TestMailAccount(said.name, said.mailAccount.alias, said.mailAccount.to);
+    });
+    test->add_option("--to", words.mailAccount.to, "where it goes")->type_name("ADDRESS");
+    define("default", "make a mail account the one that sends", true, [](Words& said) {
+        tavr::console::SetDefaultMailAccountCommand(said.name, said.mailAccount.alias);
+    });
+    CLI::App* remove = define("remove", "remove a mail account with its password", true, [](Words& said) {
+        tavr::console::RemoveMailAccountCommand(said.name, said.mailAccount.alias);
+    });
+    AddYes(remove, words);
+    define("list", "list a user's mail accounts", false,
+           [](Words& said) { tavr::console::ListMailAccounts(said.name); });
 }
 
 void DefineMailCommands(CLI::App& program, Words& words)
@@ -391,6 +440,7 @@ int Run(int argc, char** argv)
     DefineOtpCommands(program, words);
     DefineSessionCommands(program, words);
     DefineMailCommands(program, words);
+    DefineMailAccountCommands(program, words);
     DefineAuditCommand(program, words);
     // Before the line is read, so that its errors are told in JSON too.
     tavr::console::UseJson(std::find(argv, argv + argc, std::string_view("--json")) != argv + argc);

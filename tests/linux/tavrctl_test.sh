@@ -288,6 +288,46 @@ is 3 '*no mail with the number 1 waits' tavrctl mail queue retry 1
 is 3 '*"err":"no_such_mail"*' tavrctl mail queue drop 1 --json
 is 2 '*' tavrctl mail queue drop
 is 0 'no mail server is set up' tavrctl mail server off
+
+# --- Mail accounts of users; what needs a mail server is in tests/webapi/mail_account_test.sh ---
+add() { tavrctl mail-account add alice "$@"; }
+is 0 '' tavrctl mail-account list alice
+is 0 'added mail account home of alice, the default, which was not tested' \
+    add home --host mx.home.example --from alice@home.example --user alice --password-stdin --no-test <<<'mail word'
+is 0 '{"mail_account":{"alias":"b*ro","from":"a@b.example","host":"::1","is_default":false,"port":465,"security":"tls","type":"smtp","user":""},"success":true,"tested_to":null,"user":"alice"}' \
+    add büro --host ::1 --from a@b.example --security tls --no-test --json
+is 0 $'büro\t-\t::1\t465\ttls\t-\ta@b.example\nhome\tdefault\tmx.home.example\t587\tstarttls\talice\talice@home.example' tavrctl mail-account list Alice
+owned tavr-web:tavr-web 600 /usr/tavr/etc/preference/alice/emailaccount.db
+! grep -aqr 'mail word' /usr/tavr/etc /var/lib/tavr || fail "a mail password in the clear"
+is 5 '*a mail account home already' add home --host mx.home.example --from a@b.example --no-test
+is 0 'mail account büro is the default of alice' tavrctl mail-account default alice büro
+is 0 $'büro\tdefault\t*home\t-\t*' tavrctl mail-account list alice
+is 0 'added mail account third of alice, the default, which was not tested' add third --host mx.example --from a@b.example --default --no-test
+is 0 'removed mail account third of alice; no other is the default now' tavrctl mail-account remove alice third
+is 0 '{"alias":"b*ro","success":true,"user":"alice"}' tavrctl mail-account remove alice büro --yes --json
+is 0 '*"mail_accounts":\[*"alias":"home"*\],"success":true}' tavrctl mail-account list alice --json
+is 3 '*no mail account third' tavrctl mail-account remove alice third
+is 3 '*"err":"no_such_mail_account"*' tavrctl mail-account default alice third --json
+is 3 '*no mail account third' tavrctl mail-account test alice third
+is 3 '*no user carol' tavrctl mail-account list carol
+is 2 '*the alias is*' add '' --host mx.example --from a@b.example --no-test
+is 2 '*the alias is*' add $'a\nb' --host mx.example --from a@b.example --no-test
+is 2 '*the server is*' add x --host 'mx example' --from a@b.example --no-test
+is 2 '*the server is*' add x --from a@b.example --no-test
+is 2 '*the port is none of 25, 465 and 587' add x --host mx.example --port 2525 --from a@b.example --no-test
+is 2 '*the sender is*' add x --host mx.example --from 'a@b.example,c@d.example' --no-test
+is 2 '*the sender is*' add x --host mx.example --no-test
+is 2 '*the name to log in with is*' add x --host mx.example --from a@b.example --user $'a\nb' --password-stdin --no-test <<<x
+is 2 '*go together' add x --host mx.example --from a@b.example --user alice --no-test
+is 2 '*go together' add x --host mx.example --from a@b.example --password-stdin --no-test <<<x
+is 2 '*no mail address*' add x --host mx.example --from a@b.example --to 'a@b.example c@d.example'
+is 2 '*--security*' add x --host mx.example --from a@b.example --security ssl
+is 1 '*tavr-webapid does not run*' add x --host mx.example --from a@b.example
+is 1 '*"err":"no_service"*' tavrctl mail-account test alice home --json
+is 0 $'home\t-\t*' tavrctl mail-account list alice
+chmod 000 /usr/tavr/etc/preference/alice/emailaccount.db
+is 1 '*database: cannot read*' tavrctl mail-account list alice
+chmod 600 /usr/tavr/etc/preference/alice/emailaccount.db
 is 0 'mail_password=""' cat /etc/tavr/secrets
 
 # --- Rights ---
