@@ -104,6 +104,7 @@ struct Sender {
     std::set<int64_t> out; // taken out, without a result yet
     std::string countedIn; // the start of the machine whose times the rows have
     bool textInLog = true; // the write-ahead log may still hold a text that is finished
+    int64_t lastCut = -1;  // BootSeconds
 };
 
 Sender& ThisSender()
@@ -149,12 +150,17 @@ void CountFromThisStart()
     sender.countedIn = ThisBoot();
 }
 
-// Finished texts are overwritten in the database; the log that still holds them is cut. Somebody who reads at
-// this moment puts that off.
-void WipeLog()
+// Finished texts are overwritten in the database; the log that still holds them is cut. That costs several
+// syncs: while there is more to do, once a second. Somebody who reads at this moment puts it off.
+enum class Work { Done, GoesOn };
+void WipeLog(Work work)
 {
     Sender& sender = ThisSender();
-    sender.textInLog = sender.textInLog && !MailDatabase().CutLog(kWipeWaitMilliseconds);
+    const int64_t now = BootSeconds();
+    if (sender.textInLog && (work == Work::Done || now != sender.lastCut)) {
+        sender.lastCut = now;
+        sender.textInLog = !MailDatabase().CutLog(kWipeWaitMilliseconds);
+    }
 }
 
 struct Row {
@@ -321,8 +327,8 @@ std::vector<QueuedMail> DueMails(size_t most)
         return {};
     }
     CountFromThisStart();
-    WipeLog();
     std::vector<Row> rows = DueRows(most);
+    WipeLog(rows.empty() && ThisSender().out.empty() ? Work::Done : Work::GoesOn);
     if (rows.empty()) {
         return {};
     }
@@ -366,7 +372,7 @@ void StoreResults(std::span<const QueueResult> results)
         syslog(LOG_WARNING, "mail %lld is given up: %d %s", static_cast<long long>(result->id), result->reply,
                result->text.c_str());
     }
-    WipeLog();
+    WipeLog(Work::GoesOn);
 }
 
 int64_t SecondsUntilDue()
@@ -375,6 +381,7 @@ int64_t SecondsUntilDue()
         return kLookAgainSeconds;
     }
     CountFromThisStart();
+    WipeLog(Work::GoesOn);
     const std::set<int64_t>& out = ThisSender().out;
     Statement ask =
         MailDatabase().Prepare("SELECT id, due FROM mail WHERE state = 'waiting' ORDER BY due, id");
@@ -423,7 +430,7 @@ bool DropMail(int64_t id)
         .Run();
     const bool dropped = db.Changes() == 1;
     ThisSender().textInLog = ThisSender().textInLog || dropped;
-    WipeLog();
+    WipeLog(Work::Done);
     return dropped;
 }
 

@@ -51,8 +51,10 @@ struct QueuedMail {
 std::vector<QueuedMail> DueMails(size_t most);
 
 // What became of mails that were taken out, in one transaction. One that is sent, or not to be tried again,
-// or that has waited too long is finished: its text is wiped from the files. When it throws nothing is
-// stored, and the same results are to be stored later.
+// or that has waited too long is finished: its text is wiped from the database now, and from the database's
+// log within a second of further calls, or when DueMails finds no more to do. So many results at a time are
+// cheaper, and whoever has stored one asks DueMails again. When it throws nothing is stored, and the same
+// results are to be stored later.
 struct QueueResult {
     int64_t id = 0;
     bool sent = false;
