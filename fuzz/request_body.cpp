@@ -36,6 +36,6 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size)
         Require(text.size() <= member.limit && text.find('\0') == std::string::npos);
         Require(member.form != Form::Base32Key || text.size() >= 16);
     }
-    Wipe(*body);
+    tavr::Wipe(*body);
     return 0;
 }

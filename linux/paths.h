@@ -31,7 +31,8 @@ inline constexpr char kRunDir[] = "/run/tavr"; // root 0755
 inline constexpr char kMailTemplateDir[] = "/usr/share/tavr-otp/mail"; // <language>/<tag>, as installed
 inline constexpr char kOwnMailTemplateDir[] = "/etc/tavr/mail";        // likewise, the administrator's
 
-inline constexpr char kWebApiSocket[] = "/run/tavrscgi-fastapi.sock"; // platform/webapi.h
+inline constexpr char kWebApiSocket[] = "/run/tavrscgi-fastapi.sock";   // platform/webapi.h
+inline constexpr char kWebApiLockFile[] = "/var/lib/tavr/webapid.lock"; // held by the one service
 
 inline constexpr char kSecretFileName[] = "otp_secret"; // in an account's preference directory
 inline constexpr char kSecretToolPath[] = "/usr/bin/google-authenticator";

@@ -3,16 +3,16 @@
 #include "linux/clock.h"
 #include "linux/descriptor.h"
 #include "linux/error.h"
+#include "linux/unix_socket.h"
 #include "linux/webapi_frame.h"
 
 #include <poll.h>
 #include <sodium.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
+#include <optional>
 #include <utility>
 
 using tavr::Error;
@@ -118,14 +118,12 @@ DomainSockConnection::~DomainSockConnection()
 
 bool DomainSockConnection::Connect()
 {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (descriptor_ >= 0 || path_.empty() || path_.size() >= sizeof address.sun_path) {
+    const std::optional<sockaddr_un> address = tavr::UnixAddress(path_);
+    if (descriptor_ >= 0 || !address) {
         return Failed(Error::BadParameter);
     }
-    std::memcpy(address.sun_path, path_.c_str(), path_.size() + 1);
     tavr::Descriptor connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!connection || !ConnectInTime(connection.Get(), address)) {
+    if (!connection || !ConnectInTime(connection.Get(), *address)) {
         return Failed(Error::OpenFailed);
     }
     descriptor_ = connection.Release();

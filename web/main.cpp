@@ -3,18 +3,15 @@
 #include "web/mail_places.h"
 #include "web/server.h"
 
+#include "linux/daemon.h"
 #include "linux/paths.h"
+#include "linux/unix_socket.h"
 
-#include <fcntl.h>
 #include <getopt.h>
 #include <grp.h>
 #include <pwd.h>
 #include <sodium.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -26,6 +23,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -39,7 +37,6 @@ using std::chrono::milliseconds;
 constexpr char kDefaultSocket[] = "/run/tavr/otp-web.sock";
 constexpr char kWebServerGroup[] = "www-data";
 constexpr int kMostWorkers = 64;
-constexpr int kBacklog = 1024;
 constexpr milliseconds kGrace{1900};      // for requests that run when the end comes
 constexpr milliseconds kLongEnough{1000}; // a worker that lived so long has not failed at its start
 constexpr milliseconds kFirstDelay{100};
@@ -68,24 +65,12 @@ struct Worker {
     milliseconds delay{0};  // after the next failed start
 };
 
-[[noreturn]] void Misuse(const char* text)
-{
-    std::fprintf(stderr, "tavr-otp-web: %s (see --help)\n", text);
-    std::exit(2);
-}
-
-[[noreturn]] void Die(const std::string& text)
-{
-    std::fprintf(stderr, "tavr-otp-web: %s\n", text.c_str());
-    std::exit(1);
-}
-
 int ReadWorkers(std::string_view text)
 {
     int number = 0;
     const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     if (error != std::errc() || stop != text.data() + text.size() || number < 1 || number > kMostWorkers) {
-        Misuse("--workers takes a number from 1 to 64");
+        tavr::Misuse("--workers takes a number from 1 to 64");
     }
     return number;
 }
@@ -105,6 +90,9 @@ Options ReadOptions(int argc, char** argv)
             break;
         case 's':
             options.socket = optarg;
+            if (!tavr::UnixAddress(options.socket)) {
+                tavr::Misuse("--socket takes a path of 1 to 107 bytes");
+            }
             break;
         case 'h':
             std::fputs(kUsage, stdout);
@@ -113,67 +101,27 @@ Options ReadOptions(int argc, char** argv)
             std::puts("tavr-otp-web " TAVR_VERSION);
             std::exit(0);
         default:
-            Misuse("wrong option");
+            tavr::Misuse("wrong option");
         }
     }
     if (optind != argc) {
-        Misuse("no arguments are taken");
+        tavr::Misuse("no arguments are taken");
     }
     return options;
 }
 
-sockaddr_un AddressOf(const std::string& path)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof address.sun_path) {
-        Misuse("--socket takes a path of 1 to 107 bytes");
-    }
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    return address;
-}
-
-int NewSocket()
-{
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) {
-        Die(std::string("cannot make a socket: ") + std::strerror(errno));
-    }
-    return fd;
-}
-
-// A socket that nobody listens on any more is left over from a program that was killed.
-void RemoveLeftOver(const sockaddr_un& address)
-{
-    const int probe = NewSocket();
-    const bool answered =
-        connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 || errno == EAGAIN;
-    close(probe);
-    if (answered) {
-        Die(std::string("another one listens on ") + address.sun_path);
-    }
-    unlink(address.sun_path);
-}
-
 // Non-blocking, because more than one worker wakes up for a connection.
-int Listen(const std::string& path)
+tavr::Descriptor Listen(const std::string& path)
 {
     const group* webServer = getgrnam(kWebServerGroup);
     if (webServer == nullptr) {
-        Die(std::string("no group ") + kWebServerGroup);
+        tavr::Die(std::string("no group ") + kWebServerGroup);
     }
-    const sockaddr_un address = AddressOf(path);
-    RemoveLeftOver(address);
-    const int fd = NewSocket();
-    umask(S_IXUSR | S_IXGRP | S_IRWXO);
-    const bool listening = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-                           lchown(address.sun_path, 0, webServer->gr_gid) == 0 && listen(fd, kBacklog) == 0;
-    const int error = errno;
-    umask(S_IRWXG | S_IRWXO);
-    if (!listening) {
-        Die("cannot listen on " + path + ": " + std::strerror(error));
+    try {
+        return tavr::ListenAt(path, 0, webServer->gr_gid);
+    } catch (const std::runtime_error& error) {
+        tavr::Die(error.what());
     }
-    return fd;
 }
 
 // Group before user: only root may change the group. The saved ids stay root's, for the library's scopes.
@@ -279,44 +227,24 @@ void End(std::vector<Worker>& workers, const sigset_t& signals)
     send(SIGKILL);
 }
 
-// Lines of the library and of the workers alike; on standard error where no logger listens.
-void OpenLog()
-{
-    openlog("tavr-otp-web", LOG_PID | (access("/dev/log", W_OK) == 0 ? 0 : LOG_PERROR), LOG_DAEMON);
-}
-
-// Descriptors 0 to 2 are never sockets or databases.
-void OpenStandardStreams()
-{
-    for (int fd = 0; (fd = open("/dev/null", O_RDWR)) >= 0;) {
-        if (fd > STDERR_FILENO) {
-            close(fd);
-            return;
-        }
-    }
-}
-
 } // namespace
 
 int main(int argc, char** argv)
 {
     const Options options = ReadOptions(argc, argv);
     if (geteuid() != 0) {
-        Die("has to be started as root");
+        tavr::Die("has to be started as root");
     }
     const passwd* found = getpwnam(tavr::kServiceUser);
     if (found == nullptr || found->pw_uid == 0) {
-        Die(std::string("no account ") + tavr::kServiceUser);
+        tavr::Die(std::string("no account ") + tavr::kServiceUser);
     }
     const passwd service = *found;
     if (sodium_init() < 0) {
-        Die("no source of random bits");
+        tavr::Die("no source of random bits");
     }
-    close_range(STDERR_FILENO + 1, ~0U, 0); // whatever the starter has left open
-    OpenStandardStreams();
-    OpenLog();
-    const rlimit noCore{0, 0};
-    setrlimit(RLIMIT_CORE, &noCore);
+    tavr::PrepareProcess(STDERR_FILENO + 1);
+    tavr::OpenLog("tavr-otp-web");
 
     sigset_t signals;
     sigemptyset(&signals);
@@ -325,13 +253,13 @@ int main(int argc, char** argv)
     }
     sigprocmask(SIG_BLOCK, &signals, nullptr);
 
-    const int listener = Listen(options.socket);
+    tavr::Descriptor listener = Listen(options.socket);
     if (!tavr::web::MakeMailPlaces(options.workers)) {
-        Die(std::string("cannot make a file in memory: ") + std::strerror(errno));
+        tavr::Die(std::string("cannot make a file in memory: ") + std::strerror(errno));
     }
     std::vector<Worker> workers(static_cast<size_t>(options.workers));
-    KeepRunning(workers, listener, service, signals);
-    close(listener);
+    KeepRunning(workers, listener.Get(), service, signals);
+    listener = tavr::Descriptor();
     unlink(options.socket.c_str());
     End(workers, signals);
     return 0;

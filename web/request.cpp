@@ -2,19 +2,13 @@
 
 #include "linux/session.h"
 
-#include <json/reader.h>
-#include <sodium.h>
-
 #include <algorithm>
-#include <memory>
 
 namespace tavr::web
 {
 
 namespace
 {
-
-constexpr int kNesting = 16;
 
 char Lower(char c)
 {
@@ -49,66 +43,6 @@ bool IsIdentifier(std::string_view text)
            text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
 }
 
-// Bytes of the character at the front: none for what is no UTF-8 (over-long, a surrogate, beyond U+10FFFF,
-// cut).
-size_t CharacterSize(std::string_view text)
-{
-    const auto byte = [text](size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned char first = byte(0);
-    if (first < 0x80) {
-        return 1;
-    }
-    const size_t size = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-    if (first < 0xC2 || first > 0xF4 || text.size() < size) {
-        return 0;
-    }
-    for (size_t i = 1; i < size; ++i) {
-        if ((byte(i) & 0xC0) != 0x80) {
-            return 0;
-        }
-    }
-    const unsigned char second = byte(1);
-    const bool wrong = (first == 0xE0 && second < 0xA0) || (first == 0xED && second > 0x9F) ||
-                       (first == 0xF0 && second < 0x90) || (first == 0xF4 && second > 0x8F);
-    return wrong ? 0 : size;
-}
-
-bool IsUtf8(std::string_view text)
-{
-    while (!text.empty()) {
-        const size_t size = CharacterSize(text);
-        if (size == 0) {
-            return false;
-        }
-        text.remove_prefix(size);
-    }
-    return true;
-}
-
-std::unique_ptr<Json::CharReader> StrictReader()
-{
-    Json::CharReaderBuilder builder;
-    Json::CharReaderBuilder::strictMode(&builder.settings_);
-    builder["stackLimit"] = kNesting;
-    return std::unique_ptr<Json::CharReader>(builder.newCharReader());
-}
-
-std::optional<Json::Value> ParseObject(std::string_view text)
-{
-    Json::Value value;
-    try {
-        if (!StrictReader()->parse(text.data(), text.data() + text.size(), &value, nullptr) ||
-            !value.isObject()) {
-            Wipe(value);
-            return std::nullopt;
-        }
-    } catch (const Json::Exception&) { // what jsoncpp says to a document that nests too deep
-        Wipe(value);
-        return std::nullopt;
-    }
-    return value;
-}
-
 bool HasForm(std::string_view text, Form form)
 {
     switch (form) {
@@ -123,19 +57,11 @@ bool HasForm(std::string_view text, Form form)
 
 bool Fits(const Json::Value& object, const Member& member)
 {
-    const Json::Value* value =
-        object.find(member.name, member.name + std::char_traits<char>::length(member.name));
-    if (value == nullptr) {
+    if (object.find(member.name, member.name + std::char_traits<char>::length(member.name)) == nullptr) {
         return member.optional;
     }
-    const char* begin = nullptr;
-    const char* end = nullptr;
-    if (!value->isString() || !value->getString(&begin, &end)) {
-        return false;
-    }
-    const std::string_view text(begin, static_cast<size_t>(end - begin));
-    return text.size() <= member.limit && text.find('\0') == std::string_view::npos && IsUtf8(text) &&
-           HasForm(text, member.form);
+    const std::optional<std::string_view> text = TextMember(object, member.name);
+    return text && text->size() <= member.limit && HasForm(*text, member.form);
 }
 
 } // namespace
@@ -181,33 +107,13 @@ bool IsJsonContentType(std::string_view contentType)
 
 std::optional<Json::Value> ParseBody(std::string_view body, std::span<const Member> members)
 {
-    if (!IsUtf8(body)) {
-        return std::nullopt;
-    }
-    std::optional<Json::Value> object = ParseObject(body);
+    std::optional<Json::Value> object = ParseStrictObject(body);
     if (object && !std::all_of(members.begin(), members.end(),
                                [&](const Member& member) { return Fits(*object, member); })) {
         Wipe(*object);
         return std::nullopt;
     }
     return object;
-}
-
-void Wipe(Json::Value& value)
-{
-    if (value.isString()) {
-        const char* begin = nullptr;
-        const char* end = nullptr;
-        if (value.getString(&begin, &end)) {
-            sodium_memzero(const_cast<char*>(begin), static_cast<size_t>(end - begin));
-        }
-        return;
-    }
-    if (value.isObject() || value.isArray()) {
-        for (Json::Value& member : value) {
-            Wipe(member);
-        }
-    }
 }
 
 } // namespace tavr::web

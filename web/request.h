@@ -2,7 +2,7 @@
 // cookies, origin, body. Everything in it is hostile until one of these functions has accepted it.
 #pragma once
 
-#include <json/value.h>
+#include "linux/untrusted_json.h"
 
 #include <optional>
 #include <span>
@@ -50,8 +50,5 @@ struct Member {
 // The body as an object in which every one of `members` is a text of its form and within its limit, without a
 // NUL. Empty for anything else: not UTF-8, no strict JSON, no object, nested deeply, a member missing.
 std::optional<Json::Value> ParseBody(std::string_view body, std::span<const Member> members);
-
-// Overwrites every text in it.
-void Wipe(Json::Value& value);
 
 } // namespace tavr::web
