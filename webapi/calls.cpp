@@ -1,0 +1,113 @@
+#include "webapi/calls.h"
+
+#include "linux/accounts.h"
+#include "linux/error.h"
+#include "linux/request.h"
+#include "platform/core.h"
+#include "platform/users.h"
+
+#include <syslog.h>
+
+#include <algorithm>
+#include <memory>
+#include <span>
+
+namespace tavr::webapi
+{
+
+namespace
+{
+
+// --- TAVR.Core.NormalUser ---
+
+struct FreeUser {
+    void operator()(TAVRUser* user) const noexcept { TAVRUserFree(user); }
+};
+
+Code CodeOfLookUp()
+{
+    switch (static_cast<Error>(KLIBCErrGet())) {
+    case Error::NoSuchUser:
+    case Error::BadName:
+    case Error::DirectoryNotConfigured:
+        return Code::NoAccount;
+    default:
+        return Code::Unavailable;
+    }
+}
+
+void GetNormalUser(const Request& request, const Reply& reply, Tools& /*tools*/)
+{
+    if (request.runner.empty()) {
+        reply.Refuse(Code::BadArgument);
+        return;
+    }
+    TAVRUser* found = nullptr;
+    if (TAVRUserGet(request.runner.c_str(), &found) < 0) {
+        reply.Refuse(CodeOfLookUp());
+        return;
+    }
+    const std::unique_ptr<TAVRUser, FreeUser> user(found);
+    Json::Value data;
+    data["email"] = user->mail != nullptr ? user->mail : "";
+    data["name"] = user->name;
+    data["uid"] = user->uid;
+    reply.Data(std::move(data));
+}
+
+// --- The table ---
+
+struct Call {
+    const char* api;
+    const char* method;
+    int version;
+    void (*run)(const Request& request, const Reply& reply, Tools& tools);
+};
+
+constexpr Call kCalls[] = {
+    {"TAVR.Core.NormalUser", "get", 1, GetNormalUser},
+};
+
+// The call, or which part of its name is unknown.
+struct Found {
+    const Call* call = nullptr;
+    Code code = Code::UnknownApi;
+};
+
+Found FindCall(const Request& request)
+{
+    Found found;
+    for (const Call& call : kCalls) {
+        if (request.api != call.api) {
+            continue;
+        }
+        found.code = std::max(found.code, Code::UnknownMethod);
+        if (request.method == call.method) {
+            found.code = Code::UnknownVersion;
+            if (request.version == call.version) {
+                return {&call, Code::None};
+            }
+        }
+    }
+    return found;
+}
+
+} // namespace
+
+void RunCall(const Request& request, const Reply& reply, Tools& tools)
+{
+    const Found found = FindCall(request);
+    if (found.call == nullptr) {
+        reply.Refuse(found.code);
+        return;
+    }
+    try {
+        StartRequest();
+        found.call->run(request, reply, tools);
+    } catch (const std::exception& error) {
+        syslog(LOG_ERR, "%s %s: %s", found.call->api, found.call->method, error.what());
+        reply.Refuse(Code::Internal);
+    }
+}
+
+} // namespace tavr::webapi

@@ -1,0 +1,145 @@
+#include "webapi/loop.h"
+
+#include "linux/clock.h"
+#include "webapi/server.h"
+#include "webapi/transfers.h"
+
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <stdexcept>
+#include <system_error>
+
+namespace tavr::webapi
+{
+
+namespace
+{
+
+using std::chrono::milliseconds;
+
+constexpr int64_t kDrainSeconds = 12; // more than a mail may take
+constexpr uint64_t kSignalId = 0;
+constexpr size_t kMostConnections = 2000;
+constexpr size_t kOtherDescriptors = 128; // databases, mail servers, the log
+
+Descriptor Require(int descriptor, const char* what)
+{
+    if (descriptor < 0) {
+        throw std::system_error(errno, std::generic_category(), what);
+    }
+    return Descriptor(descriptor);
+}
+
+Descriptor Signals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    return Require(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK), "signalfd");
+}
+
+// As many as the machine lets this process have.
+size_t MostConnections()
+{
+    rlimit files{};
+    getrlimit(RLIMIT_NOFILE, &files);
+    files.rlim_cur = std::min<rlim_t>(files.rlim_max, kMostConnections + kOtherDescriptors);
+    setrlimit(RLIMIT_NOFILE, &files);
+    getrlimit(RLIMIT_NOFILE, &files);
+    return files.rlim_cur > 2 * kOtherDescriptors ? files.rlim_cur - kOtherDescriptors : kOtherDescriptors;
+}
+
+// The nearer of two times in seconds; negative: never.
+int64_t Sooner(int64_t a, int64_t b)
+{
+    return a < 0 || (b >= 0 && b < a) ? b : a;
+}
+
+class Loop
+{
+public:
+    Loop(Descriptor listener, uid_t service)
+        : epoll_(Require(epoll_create1(EPOLL_CLOEXEC), "epoll")),
+          signals_(Signals()),
+          tools_{transfers_},
+          server_(std::move(listener), epoll_.Get(), service, MostConnections(), tools_)
+    {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u64 = kSignalId;
+        if (epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, signals_.Get(), &event) != 0) {
+            throw std::system_error(errno, std::generic_category(), "epoll");
+        }
+    }
+
+    void Run()
+    {
+        while (!Ended()) {
+            const int64_t next = Sooner(server_.Expire(), drainEnd_ < 0 ? -1 : drainEnd_ - BootSeconds());
+            const milliseconds longest(next < 0 ? -1 : next * 1000);
+            if (transfers_.Running() > 0) {
+                transfers_.Wait(epoll_.Get(), longest);
+                TakeEvents(milliseconds(0));
+                transfers_.GoOn();
+            } else {
+                TakeEvents(longest);
+            }
+        }
+    }
+
+private:
+    void TakeEvents(milliseconds longest)
+    {
+        epoll_event events[64];
+        const int count = epoll_wait(epoll_.Get(), events, 64, static_cast<int>(longest.count()));
+        for (int i = 0; i < count; ++i) {
+            if (events[i].data.u64 == kSignalId) {
+                OnSignal();
+            } else {
+                server_.OnEvent(events[i].data.u64);
+            }
+        }
+    }
+
+    void OnSignal()
+    {
+        signalfd_siginfo info{};
+        while (read(signals_.Get(), &info, sizeof info) == sizeof info) {
+            drainEnd_ = drainEnd_ < 0 ? BootSeconds() + kDrainSeconds : BootSeconds();
+        }
+        server_.Close();
+    }
+
+    [[nodiscard]] bool Ended() const
+    {
+        if (drainEnd_ < 0) {
+            return false;
+        }
+        return (server_.IsEmpty() && transfers_.Running() == 0) || BootSeconds() >= drainEnd_;
+    }
+
+    Descriptor epoll_;
+    Descriptor signals_;
+    int64_t drainEnd_ = -1; // BootSeconds; -1: not ending
+    Transfers transfers_;
+    Tools tools_;
+    Server server_;
+};
+
+} // namespace
+
+void Serve(Descriptor listener, uid_t service)
+{
+    Loop(std::move(listener), service).Run();
+}
+
+} // namespace tavr::webapi

@@ -1,0 +1,76 @@
+// A request as a caller sends it, taken apart, and the form of an answer. Callers are judged before anything
+// of this is looked at; what they send is hostile all the same.
+#pragma once
+
+#include "linux/webapi_frame.h"
+
+#include <json/value.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tavr::webapi
+{
+
+// The numbers in an answer's "error"; doc/webapi.md lists them, and they stay.
+enum class Code : int {
+    None = 0,
+    Internal = 1,    // a fault of the service; its log says more
+    Busy = 2,        // too many connections or calls, or the service is ending: worth another try
+    NotAllowed = 3,  // the caller is neither root nor the service's account
+    BadLength = 4,   // nothing announced, or more than a request may have
+    Malformed = 5,   // no strict JSON object, no call in it
+    UnknownApi = 10, //
+    UnknownMethod = 11,
+    UnknownVersion = 12,
+    BadArgument = 13, // one is missing or not of its type
+    NoAccount = 20,   // nobody of that name
+    Unavailable = 21, // accounts or settings could not be read
+};
+
+// One message as it comes in, piece by piece.
+class IncomingMessage
+{
+public:
+    enum class State { Unfinished, Whole, BadLength };
+
+    // Nothing that follows a whole message is kept.
+    State Add(std::string_view piece);
+
+    std::string& Text() { return text_; } // of a whole one
+    [[nodiscard]] size_t Held() const { return text_.size(); }
+
+private:
+    FrameHead head_{};
+    size_t headBytes_ = 0;
+    size_t size_ = 0; // as announced
+    std::string text_;
+};
+
+struct Request {
+    std::string api;
+    std::string method;
+    int version = 0;
+    Json::Value params; // an object; may hold a mail with a code in it
+    std::string runner; // on whose behalf; empty when it was not said
+
+    Request() = default;
+    Request(const Request&) = delete;
+    Request& operator=(const Request&) = delete;
+    ~Request(); // overwrites the texts
+};
+
+// Code::None, or why there is no request in it.
+Code ParseRequest(std::string_view text, Request& request);
+
+// A text that a call takes. Empty when it is missing or no text.
+std::optional<std::string> TextArgument(const Json::Value& params, std::string_view name);
+
+Json::Value Success(Json::Value data);
+Json::Value Refusal(Code code);
+
+// Framed, ready to be sent.
+std::string ToMessage(const Json::Value& answer);
+
+} // namespace tavr::webapi
