@@ -26,8 +26,6 @@ namespace
 namespace fs = std::filesystem;
 
 constexpr char kPassword[] = "a password";
-const char* const kPlaces[] = {"/var/lib/tavr", "/usr/tavr/etc"};
-constexpr char kKept[] = "/run/kept";
 constexpr char kIdentifierFile[] = "/var/lib/tavr/identifier";
 
 class KilledRemoval : public FreshServer
@@ -37,16 +35,7 @@ protected:
     {
         FreshServer::SetUp();
         AsWorker([] { EnrolAndSignIn(); });
-        CopyPlaces("", kKept);
-    }
-
-    static void CopyPlaces(const std::string& from, const std::string& to)
-    {
-        for (const char* const place : kPlaces) {
-            const std::string command = "mkdir -p " + to + place + " && find " + to + place +
-                                        " -mindepth 1 -delete && cp -a " + from + place + "/. " + to + place;
-            ASSERT_EQ(0, std::system(command.c_str())); // NOLINT(concurrency-mt-unsafe)
-        }
+        KeepState();
     }
 
     // An enrolled account with a session and a half sign-in.
@@ -81,7 +70,7 @@ protected:
 
     void ExpectNothingUsableAfterKillAt(long stop, long& stops)
     {
-        CopyPlaces(kKept, "");
+        RestoreState();
         const Steps steps = RunKilledAt(stop, Remove);
         stops = steps.stops;
         if (!steps.killed) {

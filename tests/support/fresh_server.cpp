@@ -33,12 +33,18 @@ namespace
 namespace fs = std::filesystem;
 
 constexpr char kClockFile[] = "/run/tavr-test-clock";
+const std::string kKept = "/run/kept";
 
 void Require(bool done, const std::string& what)
 {
     if (!done) {
         throw std::runtime_error(what);
     }
+}
+
+void Shell(const std::string& command)
+{
+    Require(std::system(command.c_str()) == 0, command); // NOLINT(concurrency-mt-unsafe)
 }
 
 void Empty(const std::string& folder, uid_t owner, mode_t mode)
@@ -180,6 +186,32 @@ void FreshServer::LimitFolder(const std::string& folder, long bytes)
 void FreshServer::MakeReadOnly(const std::string& folder)
 {
     ASSERT_EQ(0, mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
+}
+
+void FreshServer::KeepState()
+{
+    Shell("rm -rf " + kKept + "; mkdir -p " + kKept + "/state " + kKept + "/data " + kKept +
+          "/waiting; cp -a " + kStateDir + "/. " + kKept + "/state; cp -a " + kDataDir + "/. " + kKept +
+          "/data; cp -a " + kWaitingDir + "/OTP_* " + kKept + "/waiting 2>/dev/null || true");
+}
+
+void FreshServer::RestoreState()
+{
+    Shell(std::string("find ") + kStateDir + ' ' + kDataDir + " -mindepth 1 -delete; rm -rf " + kWaitingDir +
+          "/OTP_* " + kWaitingDir + "/.OTP_*; cp -a " + kKept + "/state/. " + kStateDir + "; cp -a " + kKept +
+          "/data/. " + kDataDir + "; cp -a " + kKept + "/waiting/OTP_* " + kWaitingDir +
+          " 2>/dev/null || true");
+}
+
+int RunLowered(const std::function<int()>& work)
+{
+    try {
+        Lower();
+        return work();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s\n", error.what());
+        return 90;
+    }
 }
 
 Account MakeAccount(const std::string& name)

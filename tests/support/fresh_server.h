@@ -36,9 +36,17 @@ protected:
     void LimitFolder(const std::string& folder, long bytes);
     void MakeReadOnly(const std::string& folder); // a folder that LimitFolder was called for
 
+    // State folder, preference tree and waiting secrets as they are now, and back to that.
+    void KeepState();
+    void RestoreState();
+
 private:
     std::vector<std::string> mounts_;
 };
+
+// Runs `work` in this process with a web worker's ids for the rest of its life, for a child of the stepper.
+// What it throws is the exit status 90.
+int RunLowered(const std::function<int()>& work);
 
 // --- For work in a child ---
 

@@ -13,15 +13,10 @@ namespace tavr::test
 class KilledWriter : public FreshServer
 {
 protected:
-    // Every run begins with the state folder and the preference tree as they are now.
-    static void KeepState();
-
-    // Runs `work` as a worker, which calls MarkStart, anew for each of its system calls, killed there (with
-    // KILL_STRIDE in the environment, for each so many-th), and `check` on what is left; its argument tells
-    // whether the work came to its end. The work gives whether it succeeded.
+    // Runs `work` as a worker, which calls MarkStart, anew on the kept state for each of its system calls,
+    // killed there (with KILL_STRIDE in the environment, for each so many-th), and `check` on what is left;
+    // its argument tells whether the work came to its end. The work gives whether it succeeded.
     void AtEveryCall(const std::function<bool()>& work, const std::function<void(bool)>& check);
-
-    static void Shell(const std::string& command);
 };
 
 } // namespace tavr::test
