@@ -18,12 +18,16 @@ void ShowOtpStatus(const std::string& typedName)
                           " is enrolled: " + FaultText(state.fault));
     }
     const bool enrolled = state.enrolment == Enrolment::Yes;
-    Say(account.name + (enrolled ? ": enrolled, " + std::to_string(state.codesLeft) + " emergency codes left"
-                                 : ": not enrolled"));
+    const bool closed = SecondStepOf(account.uid).closed;
+    Say(account.name +
+        (enrolled ? ": enrolled, " + std::to_string(state.codesLeft) + " emergency codes left"
+                  : ": not enrolled") +
+        (closed ? ", closed by too many wrong codes" : ""));
     Json::Value answer;
     answer["user"] = account.name;
     answer["uid"] = account.uid;
     answer["enrolled"] = enrolled;
+    answer["closed"] = closed;
     if (enrolled) {
         answer["codes_left"] = state.codesLeft;
     }
@@ -35,9 +39,8 @@ void ResetOtp(const std::string& typedName)
 {
     const Account account = ExistingAccount(typedName);
     Confirm("Remove the second step of " + account.name + "? The user has to enrol anew.");
-    const int64_t sessions = MarkSwitchingOff(account.uid);
+    const int64_t sessions = MarkSwitchingOff(account, AuditEvent::Reset);
     const EnrolmentState state = Settle(account);
-    Audit(AuditEvent::Reset, account);
     if (state.enrolment != Enrolment::No) {
         throw Failure(Exit::Failed, "otp_unavailable",
                       account.name +

@@ -9,19 +9,6 @@ namespace tavr::console
 namespace
 {
 
-const char* TextOf(SessionState state)
-{
-    switch (state) {
-    case SessionState::Live:
-        return "live";
-    case SessionState::CodeRequired:
-        return "code_required";
-    case SessionState::EnrolmentRequired:
-        return "enrolment_required";
-    }
-    return "";
-}
-
 Json::Value ToJson(const ListedSession& session)
 {
     Json::Value entry;

@@ -1,5 +1,6 @@
 #include "cli/commands.h"
 #include "cli/console.h"
+#include "linux/attempts.h"
 #include "linux/audit.h"
 #include "linux/enrolment.h"
 #include "linux/session.h"
@@ -57,8 +58,7 @@ void AnswerAccount(const Account& account)
 // cannot be removed stays dead, as the vault knows none of its references any more.
 void RetireSignin(const Account& account)
 {
-    MarkSwitchingOff(account.uid);
-    EndSessionsOf(account.uid);
+    MarkSwitchingOff(account, std::nullopt);
     if (Settle(account).enrolment == Enrolment::No) {
         return;
     }
@@ -85,6 +85,7 @@ void AddUser(const std::string& typedName, const UserTexts& texts, bool isAdmin)
         throw Failure(Exit::Exists, "user_exists", "there is a user " + account.name + " already");
     }
     Audit(AuditEvent::AccountAdded, *added);
+    ForgetPasswords(added->name); // tries on a former account of the name, or on none
     Say("added user " + added->name + " with number " + std::to_string(added->uid) +
         (isAdmin ? ", an administrator" : ""));
     AnswerAccount(*added);
@@ -147,7 +148,6 @@ void RemoveUser(const std::string& typedName)
     if (!removal.removed) {
         throw Failure(Exit::NotFound, "no_such_user", account.name + " has just been removed");
     }
-    EndSessionsOf(account.uid); // of a sign-in that was under way
     Audit(AuditEvent::AccountRemoved, account);
     if (!removal.cleaned) {
         throw Failure(Exit::Failed, "not_cleaned",
@@ -157,7 +157,6 @@ void RemoveUser(const std::string& typedName)
     AnswerAccount(account);
 }
 
-// Sessions are ended on both ways: one that was opened by a sign-in under way must not wake up later.
 void DisableUser(const std::string& typedName)
 {
     const Account account = ExistingAccount(typedName);
@@ -173,7 +172,6 @@ void DisableUser(const std::string& typedName)
 void EnableUser(const std::string& typedName)
 {
     const Account account = ExistingAccount(typedName);
-    EndSessionsOf(account.uid);
     if (!SetDisabled(account.uid, false)) {
         throw Failure(Exit::NotFound, "no_such_user", account.name + " has just been removed");
     }

@@ -57,6 +57,9 @@ INSERT INTO account_group (name, description) VALUES
     R"(
 ALTER TABLE account ADD COLUMN disabled INTEGER NOT NULL DEFAULT 0 CHECK (disabled IN (0, 1));
 )",
+    R"(
+ALTER TABLE account ADD COLUMN generation INTEGER NOT NULL DEFAULT 0;
+)",
 };
 
 constexpr uint32_t kAdministratorsGid = 65536;
@@ -67,7 +70,8 @@ constexpr unsigned long kHashCost = 5;
 
 #define ACCOUNT_COLUMNS                                                                                      \
     "uid, gid, name, description, mail, "                                                                    \
-    "EXISTS (SELECT 1 FROM membership AS m WHERE m.uid = account.uid AND m.gid = 65536), disabled"
+    "EXISTS (SELECT 1 FROM membership AS m WHERE m.uid = account.uid AND m.gid = 65536), disabled, "         \
+    "generation"
 
 Account ReadAccount(const Statement& row)
 {
@@ -79,6 +83,7 @@ Account ReadAccount(const Statement& row)
     account.mail = row.Text(4);
     account.isAdmin = row.Int(5) != 0;
     account.disabled = row.Int(6) != 0;
+    account.generation = row.Int(7);
     return account;
 }
 
@@ -210,6 +215,24 @@ bool IsNameGiven(Database& db, const std::string& name)
     return db.Prepare("SELECT 1 FROM account WHERE name = ?").Bind(1, name).Step();
 }
 
+// --- Memberships -------------------------------------------------------------------------------------------
+
+// `sql` writes or deletes one row; false: there was nothing to change.
+bool ChangeMembership(const char* sql, const Account& account, const Group& group)
+{
+    Database& db = AccountsDatabase();
+    Transaction transaction(db);
+    db.Prepare(sql).Bind(1, account.uid).Bind(2, group.gid).Run();
+    if (db.Changes() != 1) {
+        return false;
+    }
+    if (group.gid == kAdministratorsGid) {
+        db.Prepare("UPDATE account SET generation = generation + 1 WHERE uid = ?").Bind(1, account.uid).Run();
+    }
+    transaction.Commit();
+    return true;
+}
+
 // --- Texts -------------------------------------------------------------------------------------------------
 
 const char* TextProblem(std::string_view text, size_t most)
@@ -255,7 +278,7 @@ std::optional<Account> CheckPassword(std::string_view canonicalName, std::string
         find.Bind(1, canonicalName);
         if (find.Step()) {
             account = ReadAccount(find);
-            stored = find.Text(7);
+            stored = find.Text(8);
         }
     }
     const bool hashed = !stored.empty() && stored.front() == '$'; // else no password opens it
@@ -387,7 +410,7 @@ bool ChangeAccount(uint32_t uid, const AccountChange& change)
 bool SetPassword(uint32_t uid, std::string_view password)
 {
     Database& db = AccountsDatabase();
-    db.Prepare("UPDATE account SET password = ? WHERE uid = ?")
+    db.Prepare("UPDATE account SET password = ?, generation = generation + 1 WHERE uid = ?")
         .Bind(1, HashPassword(password, NewSetting()))
         .Bind(2, uid)
         .Run();
@@ -397,7 +420,10 @@ bool SetPassword(uint32_t uid, std::string_view password)
 bool SetDisabled(uint32_t uid, bool disabled)
 {
     Database& db = AccountsDatabase();
-    db.Prepare("UPDATE account SET disabled = ? WHERE uid = ?").Bind(1, disabled ? 1 : 0).Bind(2, uid).Run();
+    db.Prepare("UPDATE account SET disabled = ?1, generation = generation + ?1 WHERE uid = ?2")
+        .Bind(1, disabled ? 1 : 0)
+        .Bind(2, uid)
+        .Run();
     return db.Changes() == 1;
 }
 
@@ -454,22 +480,13 @@ bool JoinGroup(const Account& account, const Group& group)
     if (account.gid == group.gid) {
         return false;
     }
-    Database& db = AccountsDatabase();
-    db.Prepare("INSERT INTO membership (uid, gid) VALUES (?, ?) ON CONFLICT DO NOTHING")
-        .Bind(1, account.uid)
-        .Bind(2, group.gid)
-        .Run();
-    return db.Changes() == 1;
+    return ChangeMembership("INSERT INTO membership (uid, gid) VALUES (?, ?) ON CONFLICT DO NOTHING", account,
+                            group);
 }
 
 bool LeaveGroup(const Account& account, const Group& group)
 {
-    Database& db = AccountsDatabase();
-    db.Prepare("DELETE FROM membership WHERE uid = ? AND gid = ?")
-        .Bind(1, account.uid)
-        .Bind(2, group.gid)
-        .Run();
-    return db.Changes() == 1;
+    return ChangeMembership("DELETE FROM membership WHERE uid = ? AND gid = ?", account, group);
 }
 
 bool MakePreferenceDirectory(const Account& account)

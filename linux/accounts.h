@@ -29,7 +29,8 @@ struct Account {
     std::string description;
     std::string mail;
     bool isAdmin = false;
-    bool disabled = false; // no password is right for it, and its sessions are dead
+    bool disabled = false;  // no password is right for it, and its sessions are dead
+    int64_t generation = 0; // raised by what no session may outlive: see SetPassword, SetDisabled, JoinGroup
 };
 
 inline constexpr char kUsers[] = "users"; // the primary group of every local account
@@ -88,6 +89,9 @@ struct AccountChange {
     std::optional<std::string> mail;
 };
 bool ChangeAccount(uint32_t uid, const AccountChange& change);
+
+// A new password and disabling raise the account's generation in the same write: sessions of an earlier one
+// are dead from then on (session.h), and so is what a sign-in under way still opens.
 bool SetPassword(uint32_t uid, std::string_view password);
 bool SetDisabled(uint32_t uid, bool disabled);
 
@@ -103,6 +107,7 @@ std::optional<Group> AddGroup(std::string_view canonicalName, std::string_view d
 bool IsBuiltIn(const Group& group); // not to be removed
 bool RemoveGroup(
     const Group& group); // false: there is none, it is built in, or the primary one of an account
+// Joining and leaving the administrators raise the account's generation.
 bool JoinGroup(const Account& account, const Group& group);  // false: was a member already
 bool LeaveGroup(const Account& account, const Group& group); // false: was none
 

@@ -82,6 +82,11 @@ Limit MakeLimit(const char* kind, std::string_view whose, int most)
     return {key, most};
 }
 
+Limit LimitOfName(std::string_view name)
+{
+    return MakeLimit("name", name, kPasswordsOfName);
+}
+
 // Whoever has one IPv6 address has the 64 bits below its network as well.
 std::string NetworkOf(const std::string& address)
 {
@@ -264,9 +269,8 @@ void NoteToldStep(Transaction& /*inside*/, uint32_t account, int64_t step)
 
 PasswordTry CountPassword(std::string_view typedName, std::string_view clientAddress)
 {
-    const std::string name = CanonicalName(typedName).value_or(std::string(typedName));
     const Limit limits[] = {
-        MakeLimit("name", name, kPasswordsOfName),
+        LimitOfName(CanonicalName(typedName).value_or(std::string(typedName))),
         MakeLimit("address", NetworkOf(std::string(clientAddress)), kPasswordsOfAddress),
     };
     return Count(limits);
@@ -313,6 +317,14 @@ void GiveBack(const MailTry& counted)
 {
     const WithoutSync unsynced;
     SigninDatabase().Prepare("DELETE FROM code_mail WHERE id = ?1").Bind(1, counted.row).Run();
+}
+
+void ForgetPasswords(std::string_view canonicalName)
+{
+    SigninDatabase()
+        .Prepare("DELETE FROM password_try WHERE key = ?1")
+        .BindBlob(1, LimitOfName(canonicalName).key)
+        .Run();
 }
 
 } // namespace tavr

@@ -73,6 +73,9 @@ PasswordTry CountRepeatedPassword(std::string_view sessionId); // Session::id
 // The password was right, or could not be compared.
 void GiveBack(const PasswordTry& counted);
 
+// For the console, when a name is given anew: what was tried on it before is forgotten.
+void ForgetPasswords(std::string_view canonicalName);
+
 // --- Emergency codes by mail ---
 //
 // Three an hour and ten a day for an account. They take the password, so no stranger can use them up.

@@ -51,6 +51,7 @@ std::optional<Account> Authenticate(const TavrLogin& login)
     request.passwordCompared = true;
     if (account) {
         request.passwordOf = account->uid;
+        request.passwordGeneration = account->generation;
     }
     return account;
 }
@@ -67,6 +68,8 @@ int Login(char* sid, const TavrLogin& login)
     switch (tavr::OpenSession(*account)) {
     case tavr::Grant::SecondStepMissing:
         return kSecondStepMissing;
+    case tavr::Grant::Ended:
+        return kRefused;
     case tavr::Grant::Fault:
         return kNotKnown;
     case tavr::Grant::Opened:

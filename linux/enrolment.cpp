@@ -1,7 +1,6 @@
 #include "linux/enrolment.h"
 
 #include "linux/account_lock.h"
-#include "linux/audit.h"
 #include "linux/cipher.h"
 #include "linux/clock.h"
 #include "linux/ids.h"
@@ -145,6 +144,17 @@ void DropSpentLines(const Preference& preference, const std::string& text, const
     }
 }
 
+// All at once: the secret takes its place, sessions that were opened without it end, and the audit has it.
+void Activate(const Account& account, const StoredSecret& confirmed, AuditEvent event)
+{
+    Transaction transaction(SigninDatabase());
+    MakeActive(transaction, confirmed);
+    EndSessionsOf(account.uid);
+    const AuditedGrant audited(event, account, "-");
+    transaction.Commit();
+    audited.Committed();
+}
+
 EnrolmentState SettleLocked(const Account& account)
 {
     const Preference preference = OpenPreference(account);
@@ -178,8 +188,7 @@ EnrolmentState SettleLocked(const Account& account)
         return Enrolled(*active);
     }
     if (Carries(text, confirmed)) {
-        MakeActive(*confirmed);
-        Audit(active == nullptr ? AuditEvent::Enrolled : AuditEvent::Renewed, account);
+        Activate(account, *confirmed, active == nullptr ? AuditEvent::Enrolled : AuditEvent::Renewed);
         return Enrolled(*confirmed);
     }
     throw VaultError(Fault::SecretFile);
@@ -408,18 +417,25 @@ void ClearWaiting(Clear which)
     }
 }
 
-int64_t MarkSwitchingOff(uint32_t account)
+int64_t MarkSwitchingOff(const Account& account, std::optional<AuditEvent> event)
 {
     const EffectiveIds service = EffectiveIds::Service();
     RequireServiceIds(service);
-    const AccountLock lock(account);
+    const AccountLock lock(account.uid);
     if (!lock.Held()) {
         throw DatabaseError(0, "the account's lock cannot be had");
     }
     Transaction transaction(SigninDatabase());
-    MarkAsSwitchingOff(account);
-    const int64_t ended = EndSessionsOf(account);
+    MarkAsSwitchingOff(account.uid);
+    const int64_t ended = EndSessionsOf(account.uid);
+    std::optional<AuditedGrant> audited;
+    if (event) {
+        audited.emplace(*event, account, "-");
+    }
     transaction.Commit();
+    if (audited) {
+        audited->Committed();
+    }
     return ended;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "linux/accounts.h"
+#include "linux/audit.h"
 #include "linux/request.h"
 #include "linux/secret_file.h"
 
@@ -72,9 +73,9 @@ void RetireWaiting(uint32_t account);
 enum class Clear { All, TooOld };
 void ClearWaiting(Clear which);
 
-// Switching off and reset: marks the account and ends its sessions and half sign-ins, both or neither; the
-// next Settle removes file and secrets, whoever asks it and however often this was cut short. Throws
-// DatabaseError.
-int64_t MarkSwitchingOff(uint32_t account); // how many ended
+// Switching off and reset: marks the account, ends its sessions and half sign-ins and stores the audit's row
+// of `event` (none: the account is being removed), all or nothing; the next Settle removes file and secrets,
+// whoever asks it and however often this was cut short. Gives how many sessions ended; throws DatabaseError.
+int64_t MarkSwitchingOff(const Account& account, std::optional<AuditEvent> event);
 
 } // namespace tavr

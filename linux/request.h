@@ -44,6 +44,7 @@ struct Request {
     // What this request has proved. Written by the platform alone.
     bool passwordCompared = false;      // a password was found right or wrong
     std::optional<uint32_t> passwordOf; // account whose password was right
+    int64_t passwordGeneration = 0;     // the account's generation that this password belongs to
     std::optional<uint32_t> codeOf;     // account whose code was accepted
 
     // The account whose references the cipher answers for (cipher.h).

@@ -66,19 +66,6 @@ std::string NewIdentifier()
     return identifier;
 }
 
-const char* TextOf(SessionState state)
-{
-    switch (state) {
-    case SessionState::Live:
-        return "live";
-    case SessionState::CodeRequired:
-        return "code_required";
-    case SessionState::EnrolmentRequired:
-        return "enrolment_required";
-    }
-    return "";
-}
-
 SessionState StateOf(std::string_view text)
 {
     if (text == "live") {
@@ -94,6 +81,7 @@ struct Row {
     int64_t seen = 0;
     bool secondStep = false;
     int64_t confirmed = 0;
+    int64_t generation = 0;
 };
 
 Row RowOf(const Statement& found)
@@ -105,14 +93,15 @@ Row RowOf(const Statement& found)
     row.seen = found.Int(3);
     row.secondStep = found.Int(4) != 0;
     row.confirmed = found.Int(5);
+    row.generation = found.Int(6);
     return row;
 }
 
 // Rows of an earlier start of the machine are not found: their times mean nothing now.
 std::optional<Row> ReadRow(std::string_view id)
 {
-    Statement find = SigninDatabase().Prepare("SELECT account, state, opened, seen, second_step, confirmed"
-                                              " FROM session WHERE id = ?1 AND boot = ?2");
+    Statement find = SigninDatabase().Prepare("SELECT account, state, opened, seen, second_step, confirmed,"
+                                              " generation FROM session WHERE id = ?1 AND boot = ?2");
     find.BindBlob(1, id).Bind(2, BootId());
     if (!find.Step()) {
         return std::nullopt;
@@ -160,7 +149,7 @@ const char* ProofText(bool secondStep, bool confirmedNow)
 }
 
 // Asked inside the transaction that opens a session: what the request knows of the account may be old by now.
-// Whoever enrols it ends its other sessions afterwards, so none that knows the password alone can stay.
+// Enrolling ends the account's sessions, so none that knows the password alone can stay.
 bool EnrolledSince(Database& db, const Account& account)
 {
     Statement find =
@@ -168,32 +157,72 @@ bool EnrolledSince(Database& db, const Account& account)
     return find.Bind(1, account.uid).Step();
 }
 
-// A new row and the identifier that stands for it, durable when this returns. Empty for a live session
-// without second step whose account has one by now.
-std::string Open(const Account& account, SessionState state, bool secondStep, bool confirmedNow)
+// The account that a session may be of: as it stands now, if that is what the session was opened on.
+std::optional<Account> FindOwner(uint32_t uid, int64_t generation)
+{
+    std::optional<Account> account = FindAccount(uid);
+    const bool same = account && !account->disabled && account->generation == generation;
+    return same ? std::move(account) : std::nullopt;
+}
+
+// Takes the half sign-in that a session is opened on; false: it has ended, or has led to a session already.
+bool TakeHalf(Database& db, const Session& half)
+{
+    db.Prepare("DELETE FROM session WHERE id = ?1").BindBlob(1, half.id).Run();
+    return db.Changes() == 1;
+}
+
+struct NewSession {
+    const Account& account;
+    SessionState state;
+    const Session* half = nullptr;
+    bool secondStep = false;
+    bool confirmedNow = false;
+};
+
+void Insert(Database& db, const NewSession& session, const std::string& id, int64_t now)
+{
+    Statement insert = db.Prepare(
+        "INSERT INTO session (id, account, state, boot, opened, seen, second_step, confirmed, generation)"
+        " VALUES (?1, ?2, ?3, ?4, ?5, ?5, ?6, ?7, ?8)");
+    insert.BindBlob(1, id).Bind(2, session.account.uid).Bind(3, TextOf(session.state)).Bind(4, BootId());
+    insert.Bind(5, now).Bind(6, session.secondStep ? 1 : 0).Bind(7, session.confirmedNow ? now : 0);
+    insert.Bind(8, session.account.generation).Run();
+}
+
+struct Opening {
+    Grant grant = Grant::Opened;
+    std::string identifier; // with Opened
+};
+
+// A new row and the identifier that stands for it, durable when this returns. Whoever changes the account
+// after it was looked at here raises its generation, with which this row is dead.
+Opening Open(const NewSession& session)
 {
     Database& db = SigninDatabase();
     const int64_t now = BootSeconds();
     const std::string identifier = NewIdentifier();
     Transaction transaction(db);
-    if (state == SessionState::Live && !secondStep && EnrolledSince(db, account)) {
-        return {};
+    if (!FindOwner(session.account.uid, session.account.generation) ||
+        (session.half != nullptr && !TakeHalf(db, *session.half))) {
+        return {Grant::Ended, {}};
+    }
+    const bool isLive = session.state == SessionState::Live;
+    if (isLive && !session.secondStep && EnrolledSince(db, session.account)) {
+        return {Grant::SecondStepMissing, {}};
     }
     ClearOld(db, now);
-    Statement insert =
-        db.Prepare("INSERT INTO session (id, account, state, boot, opened, seen, second_step, confirmed)"
-                   " VALUES (?1, ?2, ?3, ?4, ?5, ?5, ?6, ?7)");
-    insert.BindBlob(1, HashOf(identifier)).Bind(2, account.uid).Bind(3, TextOf(state)).Bind(4, BootId());
-    insert.Bind(5, now).Bind(6, secondStep ? 1 : 0).Bind(7, confirmedNow ? now : 0).Run();
+    Insert(db, session, HashOf(identifier), now);
     std::optional<AuditedGrant> audited;
-    if (state == SessionState::Live) {
-        audited.emplace(AuditEvent::SignIn, account, ProofText(secondStep, confirmedNow));
+    if (isLive) {
+        audited.emplace(AuditEvent::SignIn, session.account,
+                        ProofText(session.secondStep, session.confirmedNow));
     }
     transaction.Commit();
     if (audited) {
         audited->Committed();
     }
-    return identifier;
+    return {Grant::Opened, identifier};
 }
 
 void Renew(const std::string& id, Row& row, const Limits& limits, int64_t now)
@@ -208,6 +237,19 @@ void Renew(const std::string& id, Row& row, const Limits& limits, int64_t now)
 
 } // namespace
 
+const char* TextOf(SessionState state)
+{
+    switch (state) {
+    case SessionState::Live:
+        return "live";
+    case SessionState::CodeRequired:
+        return "code_required";
+    case SessionState::EnrolmentRequired:
+        return "enrolment_required";
+    }
+    return "";
+}
+
 bool SecondStepMissing(const Account& account)
 {
     const Request& request = CurrentRequest();
@@ -219,7 +261,7 @@ bool SecondStepMissing(const Account& account)
     return !known || request.facts->enrolled || request.facts->demanded;
 }
 
-Grant OpenSession(const Account& account)
+Grant OpenSession(const Account& account, const Session* half)
 {
     if (SecondStepMissing(account)) {
         return Grant::SecondStepMissing;
@@ -237,18 +279,19 @@ Grant OpenSession(const Account& account)
     const bool confirmed =
         secondStep && LastLibraryAnswer() && LastLibraryAnswer()->result == CodeResult::Accepted;
     try {
-        request.newSid = Open(account, SessionState::Live, secondStep, confirmed);
+        const Opening opening = Open({account, SessionState::Live, half, secondStep, confirmed});
+        request.newSid = opening.identifier;
+        return opening.grant;
     } catch (const DatabaseError& error) {
         syslog(LOG_ERR, "cannot open a session for %s: %s", account.name.c_str(), error.what());
         NoteFault(Fault::StateUnavailable);
         return Grant::Fault;
     }
-    return request.newSid.empty() ? Grant::SecondStepMissing : Grant::Opened;
 }
 
 std::string OpenPending(const Account& account, SessionState state)
 {
-    return Open(account, state, false, false);
+    return Open({account, state}).identifier;
 }
 
 std::optional<Session> FindSession(std::string_view identifier)
@@ -264,8 +307,8 @@ std::optional<Session> FindSession(std::string_view identifier)
     if (!row || SecondsLeft(*row, limits, now) <= 0) {
         return std::nullopt;
     }
-    std::optional<Account> account = FindAccount(row->account);
-    if (!account || account->disabled) {
+    std::optional<Account> account = FindOwner(row->account, row->generation);
+    if (!account) {
         return std::nullopt;
     }
     Renew(session.id, *row, limits, now);
@@ -290,28 +333,22 @@ int64_t EndSessionsOf(uint32_t account)
     return db.Changes();
 }
 
-void EndOtherSessionsOf(uint32_t account, std::string_view keptIdentifier)
-{
-    Statement end = SigninDatabase().Prepare("DELETE FROM session WHERE account = ?1 AND id <> ?2");
-    end.Bind(1, account).BindBlob(2, HashOf(keptIdentifier)).Run();
-}
-
 std::vector<ListedSession> ListSessions(std::optional<uint32_t> account)
 {
     const Limits limits;
     const int64_t now = BootSeconds();
     std::vector<ListedSession> sessions;
     Statement list = SigninDatabase().Prepare(
-        "SELECT account, state, opened, seen, second_step, confirmed, id FROM session"
+        "SELECT account, state, opened, seen, second_step, confirmed, generation, id FROM session"
         " WHERE boot = ?1 AND (?2 IS NULL OR account = ?2) ORDER BY account, opened");
     list.Bind(1, BootId());
     account ? list.Bind(2, int64_t{*account}) : list.BindNull(2);
     while (list.Step()) {
         const Row row = RowOf(list);
         const int64_t left = SecondsLeft(row, limits, now);
-        std::optional<Account> owner = left > 0 ? FindAccount(row.account) : std::nullopt;
-        if (owner && !owner->disabled) {
-            sessions.push_back({Hex(list.Text(6).substr(0, kHandleBytes)), std::move(*owner), row.state,
+        std::optional<Account> owner = left > 0 ? FindOwner(row.account, row.generation) : std::nullopt;
+        if (owner) {
+            sessions.push_back({Hex(list.Text(7).substr(0, kHandleBytes)), std::move(*owner), row.state,
                                 row.secondStep, now - row.opened, now - row.seen, left});
         }
     }

@@ -18,6 +18,7 @@ enum class SessionState {
     CodeRequired,      // password accepted, second step missing
     EnrolmentRequired, // password accepted, policy demands an enrolment that is missing
 };
+const char* TextOf(SessionState state); // live, code_required, enrolment_required
 
 struct Session {
     std::string id; // hash of the identifier, as stored
@@ -32,25 +33,32 @@ struct Session {
 // The rule, and the only place that opens sessions. Called by the platform's login after the password and by
 // the second step from a half sign-in. Opens a live session for `account` only if
 //   - the request's facts are about this account and it needs no second step (not enrolled, not demanded),
-//   and
-//     it has not been enrolled since, or
-//   - this very request has had the account's code accepted and the account settles as enrolled.
+//     and it has not been enrolled since, or
+//   - this very request has had the account's code accepted and the account settles as enrolled,
+// and what the request rests on still holds when the session is stored: the account stands, is not disabled
+// and is of the generation that `account` was read in, with the password or the half sign-in; and `half`,
+// where the password was proved by an earlier request, is still there. It is replaced by the session.
 bool SecondStepMissing(const Account& account); // by that rule, as far as this request knows
-enum class Grant { Opened, SecondStepMissing, Fault };
-Grant OpenSession(const Account& account); // on Opened: CurrentRequest().newSid
+enum class Grant {
+    Opened,
+    SecondStepMissing,
+    Ended, // what the request rests on holds no more; nothing is opened
+    Fault,
+};
+Grant OpenSession(const Account& account,
+                  const Session* half = nullptr); // on Opened: CurrentRequest().newSid
 
-// A half sign-in after an accepted password. Gives the identifier; throws DatabaseError. Lives 5 minutes, 30
-// where an enrolment is demanded.
+// A half sign-in after an accepted password. Gives the identifier, empty when the password holds no more (as
+// above); throws DatabaseError. Lives 5 minutes, 30 where an enrolment is demanded.
 std::string OpenPending(const Account& account, SessionState state);
 
 // The session that an identifier stands for, its idle time renewed; empty when there is none, it has ended,
-// or its account is gone or disabled. Throws DatabaseError. The renewal is written once in a tenth of the
-// idle time (a minute at most), so a session may end that much early and never late.
+// or its account is gone, disabled or of another generation. Throws DatabaseError. The renewal is written
+// once in a tenth of the idle time (a minute at most), so a session may end that much early and never late.
 std::optional<Session> FindSession(std::string_view identifier);
 
 void EndSession(const Session& session); // throws DatabaseError
 int64_t EndSessionsOf(uint32_t account); // live and half ones, gives how many rows; throws DatabaseError
-void EndOtherSessionsOf(uint32_t account, std::string_view keptIdentifier); // throws DatabaseError
 
 // For the console: sessions that have not ended, by handles that are of no use to a browser.
 struct ListedSession {

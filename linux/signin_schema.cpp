@@ -103,6 +103,10 @@ CREATE TABLE code_mail (
 ) STRICT;
 CREATE INDEX code_mail_of_account ON code_mail (account);
 )",
+    // A session is dead once its account's generation (accounts.h) is another.
+    R"(
+ALTER TABLE session ADD COLUMN generation INTEGER NOT NULL DEFAULT 0;
+)",
 };
 
 } // namespace

@@ -323,10 +323,9 @@ bool SpendCode(Transaction& /*inside*/, const StoredSecret& secret, std::string_
     return db.Changes() == 1;
 }
 
-void MakeActive(const StoredSecret& secret)
+void MakeActive(Transaction& /*inside*/, const StoredSecret& secret)
 {
     Database& db = SigninDatabase();
-    Transaction transaction(db);
     DeleteSecret(secret.account, SecretState::Active);
     db.Prepare(
           "UPDATE secret SET state = 'active' WHERE reference = ?1 AND account = ?2 AND state = 'confirmed'")
@@ -336,7 +335,6 @@ void MakeActive(const StoredSecret& secret)
     if (db.Changes() != 1) {
         throw VaultError(Fault::VaultDamaged);
     }
-    transaction.Commit();
 }
 
 void RetireWaitingSecret(uint32_t account)

@@ -98,7 +98,8 @@ bool AcceptStep(Transaction& inside, const StoredSecret& secret, int64_t step, i
 // there.
 bool SpendCode(Transaction& inside, const StoredSecret& secret, std::string_view reference);
 
-void MakeActive(const StoredSecret& secret); // the former active one is retired with its codes
+// In the caller's transaction; the former active one is retired with its codes.
+void MakeActive(Transaction& inside, const StoredSecret& secret);
 void RetireWaitingSecret(uint32_t account);
 bool ClaimWaitingSecret(const StoredSecret& secret, std::string_view session); // false: it waits no more
 

@@ -8,11 +8,6 @@ namespace tavr::web
 namespace
 {
 
-const char* PendingText(SessionState state)
-{
-    return state == SessionState::CodeRequired ? "code_required" : "enrolment_required";
-}
-
 // The secret that this session's wizard made and did not confirm.
 void DropWaitingOf(const Session& session)
 {
@@ -29,7 +24,7 @@ Answer ShowSession(Call& call)
     if (!call.live) {
         Answer answer = Refusal(401, "not_signed_in");
         if (call.pending) {
-            answer.body["state"] = PendingText(call.pending->state);
+            answer.body["state"] = TextOf(call.pending->state);
             answer.body["TavrToken"] = call.pending->token;
             answer.body["user"] = call.pending->account.name;
         }

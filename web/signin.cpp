@@ -33,7 +33,9 @@ std::optional<Account> ComparePassword(const char* user, const char* password)
     OTPWizardHandler handler;
     const bool accepted = handler.AuthUserAccount(user, password, false, true);
     if (accepted && request.passwordOf) {
-        return FindAccount(*request.passwordOf);
+        std::optional<Account> account = FindAccount(*request.passwordOf);
+        const bool stillRight = account && account->generation == request.passwordGeneration;
+        return stillRight ? account : std::nullopt;
     }
     if (!request.passwordCompared && request.fault == Fault::None) {
         throw std::runtime_error("the password could not be compared");
@@ -63,11 +65,20 @@ void EndFormer(const Call& call, Answer& answer)
     ClearCookie(answer, call.request, signedIn ? "pending" : "sid");
 }
 
+Answer WrongPassword(const Call& call)
+{
+    Audit(AuditEvent::PasswordRefused, call.Text("user"), "signin");
+    return Refusal(401, "bad_credentials");
+}
+
 Answer HalfWay(const Call& call, const Account& account, SessionState state)
 {
     const std::string identifier = OpenPending(account, state);
+    if (identifier.empty()) {
+        return WrongPassword(call); // it was right a moment ago
+    }
     Answer answer = Success();
-    answer.body["state"] = state == SessionState::CodeRequired ? "code_required" : "enrolment_required";
+    answer.body["state"] = TextOf(state);
     answer.body["user"] = account.name;
     answer.body["TavrToken"] = TokenOf(identifier);
     SetCookie(answer, call.request, "pending", identifier);
@@ -77,13 +88,6 @@ Answer HalfWay(const Call& call, const Account& account, SessionState state)
 
 Answer SignedIn(const Call& call, const Account& account)
 {
-    const Grant grant = OpenSession(account);
-    if (grant == Grant::SecondStepMissing) {
-        return HalfWay(call, account, SessionState::CodeRequired); // enrolled since the facts were learned
-    }
-    if (grant != Grant::Opened) {
-        return Unavailable();
-    }
     const std::string& identifier = CurrentRequest().newSid;
     Answer answer = Success();
     answer.body["state"] = "signed_in";
@@ -108,8 +112,7 @@ Answer SignIn(Call& call)
         return Unavailable();
     }
     if (!account) {
-        Audit(AuditEvent::PasswordRefused, call.Text("user"), "signin");
-        return Refusal(401, "bad_credentials");
+        return WrongPassword(call);
     }
     if (LearnFacts(*account).enrolment == Enrolment::Fault) {
         return Unavailable();
@@ -124,7 +127,17 @@ Answer SignIn(Call& call)
     if (facts.demanded) {
         return HalfWay(call, *account, SessionState::EnrolmentRequired);
     }
-    return SignedIn(call, *account);
+    switch (OpenSession(*account)) {
+    case Grant::Opened:
+        return SignedIn(call, *account);
+    case Grant::SecondStepMissing:
+        return HalfWay(call, *account, SessionState::CodeRequired); // enrolled since the facts were learned
+    case Grant::Ended:
+        return WrongPassword(call);
+    case Grant::Fault:
+        break;
+    }
+    return Unavailable();
 }
 
 Answer SignInCode(Call& call)
@@ -132,7 +145,16 @@ Answer SignInCode(Call& call)
     if (std::optional<Answer> refusal = RefuseCode(*call.session, call.Text("code"))) {
         return std::move(*refusal);
     }
-    return SignedIn(call, call.session->account);
+    switch (OpenSession(call.session->account, call.session)) {
+    case Grant::Opened:
+        return SignedIn(call, call.session->account);
+    case Grant::Ended:
+        return Refusal(403, "no_pending_signin");
+    case Grant::SecondStepMissing: // not with an accepted code
+    case Grant::Fault:
+        break;
+    }
+    return Unavailable();
 }
 
 std::optional<Answer> RefuseCodeAnswer(const CodeAnswer& answer)

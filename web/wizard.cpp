@@ -36,6 +36,7 @@ constexpr size_t kMailBuffer = 4096;
 // A step that has got past the password. A refusal ends it.
 struct Step {
     OTPWizardHandler handler;
+    std::optional<AccountLock> lock; // of BeginLocked
     EnrolmentState state;
     std::optional<Answer> refusal;
 };
@@ -75,17 +76,37 @@ bool KnowsTooLittle(const Session& session, const EnrolmentState& state)
     return state.enrolment == Enrolment::Yes && !session.secondStep;
 }
 
+std::optional<Answer> RefuseByEnrolment(Step& step, const Session& session)
+{
+    step.state = LearnFacts(session.account);
+    if (step.state.enrolment == Enrolment::Fault) {
+        return Unavailable();
+    }
+    return KnowsTooLittle(session, step.state) ? std::optional(Refusal(401, "not_signed_in")) : std::nullopt;
+}
+
 void Begin(Step& step, const Call& call)
+{
+    step.refusal = RefusePassword(step.handler, call);
+    if (!step.refusal) {
+        step.refusal = RefuseByEnrolment(step, *call.session);
+    }
+}
+
+// Likewise for a step that changes what the account is: from here to its end nobody else settles, spends,
+// confirms or switches off.
+void BeginLocked(Step& step, const Call& call)
 {
     step.refusal = RefusePassword(step.handler, call);
     if (step.refusal) {
         return;
     }
-    step.state = LearnFacts(call.session->account);
-    if (step.state.enrolment == Enrolment::Fault) {
+    step.lock.emplace(call.session->account.uid);
+    if (step.lock->Held()) {
+        step.refusal = RefuseByEnrolment(step, *call.session);
+    } else {
+        NoteFault(Fault::StateUnavailable);
         step.refusal = Unavailable();
-    } else if (KnowsTooLittle(*call.session, step.state)) {
-        step.refusal = Refusal(401, "not_signed_in");
     }
 }
 
@@ -322,22 +343,10 @@ Answer WizardLabel(Call& call)
 Answer WizardConfirm(Call& call)
 {
     const Account& account = call.session->account;
-    OTPWizardHandler handler;
-    if (std::optional<Answer> refusal = RefusePassword(handler, call)) {
-        return std::move(*refusal);
-    }
-    // From here to the end, so that nobody else settles, spends or switches off in between.
-    const AccountLock lock(account.uid);
-    if (!lock.Held()) {
-        NoteFault(Fault::StateUnavailable);
-        return Unavailable();
-    }
-    const EnrolmentState before = LearnFacts(account);
-    if (before.enrolment == Enrolment::Fault) {
-        return Unavailable();
-    }
-    if (KnowsTooLittle(*call.session, before)) {
-        return Refusal(401, "not_signed_in");
+    Step step;
+    BeginLocked(step, call);
+    if (step.refusal) {
+        return std::move(*step.refusal);
     }
     if (!MayConfirm(*call.session)) {
         return Refusal(409, "no_setup");
@@ -345,8 +354,8 @@ Answer WizardConfirm(Call& call)
     if (const std::optional<CodeAnswer> verdict = RefusalBeforeCode(account)) {
         return std::move(*RefuseCodeAnswer(*verdict));
     }
-    handler.AuthOTPcode(call.Text("code"), account.uid);
-    Json::Value response = handler.GetResponse();
+    step.handler.AuthOTPcode(call.Text("code"), account.uid);
+    Json::Value response = step.handler.GetResponse();
     if (std::optional<Answer> refusal = RefuseByVerifier(response)) {
         return std::move(*refusal);
     }
@@ -356,8 +365,7 @@ Answer WizardConfirm(Call& call)
         return Unavailable();
     }
     Answer answer = FromLibrary(std::move(response));
-    if (const std::string& sid = CurrentRequest().newSid; !sid.empty()) {
-        EndOtherSessionsOf(account.uid, sid); // the one that asked, and any that knew the password alone
+    if (!CurrentRequest().newSid.empty()) {
         HandOutSession(call, answer);
     }
     return answer;
@@ -405,22 +413,10 @@ Answer WizardStatus(Call& call)
 Answer WizardDisable(Call& call)
 {
     const Account& account = call.session->account;
-    OTPWizardHandler handler;
-    if (std::optional<Answer> refusal = RefusePassword(handler, call)) {
-        return std::move(*refusal);
-    }
-    // From here to the end, so that no confirmation comes in between.
-    const AccountLock lock(account.uid);
-    if (!lock.Held()) {
-        NoteFault(Fault::StateUnavailable);
-        return Unavailable();
-    }
-    const EnrolmentState before = LearnFacts(account);
-    if (before.enrolment == Enrolment::Fault) {
-        return Unavailable();
-    }
-    if (KnowsTooLittle(*call.session, before)) {
-        return Refusal(401, "not_signed_in");
+    Step step;
+    BeginLocked(step, call);
+    if (step.refusal) {
+        return std::move(*step.refusal);
     }
     if (CurrentRequest().facts->demanded) {
         return Refusal(403, "otp_enforced");
@@ -428,13 +424,18 @@ Answer WizardDisable(Call& call)
     if (std::optional<Answer> refusal = RefuseCode(*call.session, call.Text("code"))) {
         return std::move(*refusal);
     }
-    MarkSwitchingOff(
-        account.uid); // its sessions have ended with this; the file goes when the account settles
-    if (LearnFacts(account).enrolment != Enrolment::No || OpenSession(account) != Grant::Opened) {
+    MarkSwitchingOff(account, AuditEvent::SwitchedOff); // the file goes when the account settles
+    if (LearnFacts(account).enrolment != Enrolment::No) {
         return Unavailable();
     }
-    Audit(AuditEvent::SwitchedOff, account);
     DropWaiting(account.uid);
+    const Grant grant = OpenSession(account);
+    if (grant == Grant::Ended) {
+        return Refusal(401, "not_signed_in");
+    }
+    if (grant != Grant::Opened) {
+        return Unavailable();
+    }
     Answer answer = Success();
     answer.body["TavrToken"] = TokenOf(CurrentRequest().newSid);
     HandOutSession(call, answer);

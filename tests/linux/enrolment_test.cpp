@@ -203,7 +203,7 @@ TEST_F(Settling, SwitchingOffRemovesFileAndSecretsHoweverOftenItWasCut)
         const Account alice = MakeAccount("alice");
         const SecretFileText references = MakeEnrolled(alice);
         Make(alice);
-        MarkSwitchingOff(alice.uid);
+        MarkSwitchingOff(alice, AuditEvent::Reset);
         EXPECT_TRUE(FileIsThere(alice)) << "marking does no more";
         EXPECT_EQ(Enrolment::No, Settle(alice).enrolment);
         EXPECT_FALSE(FileIsThere(alice));
@@ -212,9 +212,9 @@ TEST_F(Settling, SwitchingOffRemovesFileAndSecretsHoweverOftenItWasCut)
 
         WriteFile(SecretPath(alice.name), RenderSecretFile(references));
         ExpectFault(alice, Fault::SecretFile, "the old file put back is no enrolment, and not nothing");
-        MarkSwitchingOff(alice.uid); // as after a kill between mark and removal, file or not
+        MarkSwitchingOff(alice, AuditEvent::Reset); // as after a kill between mark and removal, file or not
         EXPECT_EQ(Enrolment::No, Settle(alice).enrolment);
-        MarkSwitchingOff(alice.uid);
+        MarkSwitchingOff(alice, AuditEvent::Reset);
         EXPECT_EQ(Enrolment::No, Settle(alice).enrolment);
     });
 }
@@ -227,7 +227,7 @@ TEST_F(Settling, SwitchingOffEndsTheSessionsWithTheMark)
         MakeEnrolled(alice);
         const std::string half = OpenPending(alice, SessionState::CodeRequired);
         const std::string others = OpenPending(bob, SessionState::CodeRequired);
-        MarkSwitchingOff(alice.uid);
+        MarkSwitchingOff(alice, AuditEvent::Reset);
         EXPECT_FALSE(FindSession(half));
         EXPECT_TRUE(FindSession(others));
     });
@@ -242,7 +242,7 @@ TEST_F(Settling, SwitchingOffIsNotMarkedWhenTheSessionsCannotBeEnded)
         SigninDatabase()
             .Prepare("CREATE TRIGGER kept BEFORE DELETE ON session BEGIN SELECT RAISE(FAIL, 'kept'); END")
             .Run();
-        EXPECT_THROW(MarkSwitchingOff(alice.uid), DatabaseError);
+        EXPECT_THROW(MarkSwitchingOff(alice, AuditEvent::Reset), DatabaseError);
         EXPECT_EQ(Enrolment::Yes, Settle(alice).enrolment);
         EXPECT_TRUE(FindSession(half));
     });
@@ -255,7 +255,7 @@ TEST_F(Settling, ACodeOfASecretThatWasSwitchedOffProvesNothing)
         MakeEnrolled(alice);
         StartRequest();
         CurrentRequest().codeOf = alice.uid;
-        MarkSwitchingOff(alice.uid);
+        MarkSwitchingOff(alice, AuditEvent::Reset);
         EXPECT_EQ(Enrolment::No, Settle(alice).enrolment);
         EXPECT_FALSE(CurrentRequest().codeOf);
         EXPECT_EQ(Grant::SecondStepMissing, OpenSession(alice)) << "until its facts are learned anew";
@@ -271,7 +271,7 @@ TEST_F(Settling, AStepStaysUsedWhenTheSecretIsGone)
         const Account alice = MakeAccount("alice");
         MakeEnrolled(alice);
         const int64_t used = LastStep(Stored(alice, SecretState::Active), 1000);
-        MarkSwitchingOff(alice.uid);
+        MarkSwitchingOff(alice, AuditEvent::Reset);
         Settle(alice);
         Make(alice);
         const StoredSecret next = Stored(alice, SecretState::Waiting);

@@ -231,7 +231,7 @@ int SwitchOff(const std::string& key)
     if (tavr::VerifyCode(*account, code).result != tavr::CodeResult::Accepted) {
         return 1;
     }
-    tavr::MarkSwitchingOff(account->uid);
+    tavr::MarkSwitchingOff(*account, tavr::AuditEvent::SwitchedOff);
     return tavr::Settle(*account).enrolment == tavr::Enrolment::No ? 0 : 2;
 }
 

@@ -376,7 +376,7 @@ TEST_F(Sessions, AHeapOfOldRowsGoesInSmallPieces)
     SigninDatabase()
         .Prepare("INSERT INTO session WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i "
                  "< 20000)"
-                 " SELECT CAST(i AS BLOB), 1026, 'live', iif(i % 2, 'another', ?1), 0, 0, 0, 0 FROM n")
+                 " SELECT CAST(i AS BLOB), 1026, 'live', iif(i % 2, 'another', ?1), 0, 0, 0, 0, 0 FROM n")
         .Bind(1, BootId())
         .Run();
     SetClock(0, kHour);
@@ -419,17 +419,52 @@ TEST_F(Sessions, EndAllOfAnAccount)
     EXPECT_TRUE(FindSession(others));
 }
 
-TEST_F(Sessions, EndAllButOne)
+TEST_F(Sessions, DieWithTheGenerationOfTheirAccount)
 {
-    const std::string former = SignIn(mia);
-    const std::string half = OpenPending(mia, SessionState::EnrolmentRequired);
-    const std::string kept = SignIn(mia);
+    const std::string live = SignIn(mia);
+    const std::string half = OpenPending(mia, SessionState::CodeRequired);
     const std::string others = SignIn(leo);
-    EndOtherSessionsOf(mia.uid, kept);
-    EXPECT_FALSE(FindSession(former));
+    Fake().accounts["mia"].generation = 1;
+    EXPECT_FALSE(FindSession(live));
     EXPECT_FALSE(FindSession(half));
-    EXPECT_TRUE(FindSession(kept));
     EXPECT_TRUE(FindSession(others));
+    EXPECT_TRUE(ListSessions(mia.uid).empty());
+    mia.generation = 1;
+    EXPECT_TRUE(FindSession(SignIn(mia)));
+}
+
+TEST_F(Sessions, AreNotOpenedOnWhatHoldsNoMore)
+{
+    const auto expectNothingOpened = [&](const char* reason) {
+        StartRequest();
+        CurrentRequest().facts = Request::Facts{mia.uid, false, false};
+        EXPECT_EQ(Grant::Ended, OpenSession(mia)) << reason;
+        EXPECT_EQ(Fault::None, CurrentRequest().fault) << reason;
+        EXPECT_EQ("", OpenPending(mia, SessionState::CodeRequired)) << reason;
+        EXPECT_EQ(0, Rows()) << reason;
+    };
+    Fake().accounts["mia"].generation = 1;
+    expectNothingOpened("the account was read in an earlier generation");
+    Fake().accounts["mia"].generation = 0;
+    Fake().accounts["mia"].disabled = true;
+    expectNothingOpened("it is disabled");
+    Fake().accounts.erase("mia");
+    expectNothingOpened("it is gone");
+}
+
+TEST_F(Sessions, TakeThePlaceOfTheHalfSignInOnce)
+{
+    Fake().settlesAs[1026] = Enrolment::Yes;
+    const std::string identifier = OpenPending(mia, SessionState::CodeRequired);
+    const std::optional<Session> half = FindSession(identifier);
+    ASSERT_TRUE(half);
+    CurrentRequest().codeOf = 1026;
+    EXPECT_EQ(Grant::Opened, OpenSession(mia, &*half));
+    EXPECT_FALSE(FindSession(identifier));
+    EXPECT_TRUE(FindSession(CurrentRequest().newSid));
+    EXPECT_EQ(1, Rows());
+    EXPECT_EQ(Grant::Ended, OpenSession(mia, &*half)) << "it has led to a session already";
+    EXPECT_EQ(1, Rows());
 }
 
 TEST_F(Sessions, DieWithTheirAccount)

@@ -2,18 +2,12 @@
 // route: without it this file does not compile.
 #include "web/route_table.h"
 
-#include "linux/cipher.h"
-#include "linux/clock.h"
 #include "linux/enrolment.h"
-#include "linux/names.h"
-#include "linux/paths.h"
-#include "linux/vault.h"
 #include "tests/support/fresh_server.h"
 #include "tests/web/asking.h"
 #include "web/mail_places.h"
 
 #include <gtest/gtest.h>
-#include <json/json.h>
 
 #include <algorithm>
 #include <array>
@@ -28,9 +22,6 @@ namespace tavr::web
 namespace
 {
 
-constexpr char kRightPassword[] = "the right pässword";
-constexpr char kSampleKey[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZ234567";
-
 // --- What is expected
 // -------------------------------------------------------------------------------------------
 
@@ -40,7 +31,7 @@ enum State : size_t {
     EnrolmentDemanded, // not enrolled: half sign-in
     SignedIn,          // not enrolled
     SignedInWithCode,
-    BeforeEnrolment, // signed in with the password alone, and the account has been enrolled since
+    BeforeEnrolment, // half sign-in for a demanded enrolment, and the account has been enrolled since
     Administrator,   // not enrolled
     Expired,         // this and the following: signed in with a code, and a half sign-in beside it
     SignedOut,
@@ -84,7 +75,7 @@ constexpr Row kRows[] = {
     {"POST", "/api/signin/code",  true,  {kNoHalf,  kOk,      kNoHalf,   kNoHalf,    kNoHalf,    kNoHalf,  kNoHalf,  kNoHalf,  kNoHalf,  kNoHalf,  kNoHalf}},
     {"POST", "/api/signin/emergency", true, {kNoHalf, kNoMail, kNoHalf,  kNoHalf,    kNoHalf,    kNoHalf,  kNoHalf,  kNoHalf,  kNoHalf,  kNoHalf,  kNoHalf}},
     {"POST", "/api/signout",      true,  {kWho,     kOk,      kOk,       kOk,        kOk,        kOk,      kOk,      kWho,     kWho,     kWho,     kWho}},
-    {"GET",  "/api/session",      false, {kWho,     kWho,     kWho,      kOk,        kOk,        kOk,      kOk,      kWho,     kWho,     kWho,     kWho}},
+    {"GET",  "/api/session",      false, {kWho,     kWho,     kWho,      kOk,        kOk,        kWho,     kOk,      kWho,     kWho,     kWho,     kWho}},
     {"POST", "/api/otp/qr",       true,  {kWho,     kWho,     kOk,       kOk,        kOk,        kWho,     kOk,      kWho,     kWho,     kWho,     kWho}},
     {"POST", "/api/otp/renew",    true,  {kWho,     kWho,     kWho,      kNoCode,    kOk,        kWho,     kNoCode,  kWho,     kWho,     kWho,     kWho}},
     {"POST", "/api/otp/label",    true,  {kWho,     kWho,     kOk,       kOk,        kOk,        kOk,      kOk,      kWho,     kWho,     kWho,     kWho}},
@@ -133,18 +124,6 @@ static_assert(EveryStateHasItsCell(), "every row needs a cell for each state");
 // --- Somebody who asks
 // -------------------------------------------------------------------------------------------
 
-std::string Open(const Account& account, bool withCode)
-{
-    StartRequest();
-    if (withCode) {
-        CurrentRequest().codeOf = account.uid;
-    } else {
-        CurrentRequest().facts = Request::Facts{account.uid, false, false};
-    }
-    EXPECT_EQ(Grant::Opened, OpenSession(account));
-    return CurrentRequest().newSid;
-}
-
 void OpenBoth(Somebody& somebody)
 {
     somebody.key = Enrol(somebody.account);
@@ -172,8 +151,8 @@ void Enter(Somebody& somebody, State state)
         somebody.sid = Open(account, true);
         break;
     case BeforeEnrolment:
-        somebody.sid = Open(account, false);
         somebody.key = Enrol(account);
+        somebody.pending = OpenPending(account, SessionState::EnrolmentRequired);
         break;
     case Expired:
         OpenBoth(somebody);
@@ -212,26 +191,6 @@ Somebody SomebodyWhoIs(State state)
     return somebody;
 }
 
-// --- What is asked
-// -----------------------------------------------------------------------------------------------
-
-HttpRequest RequestOf(const Row& row, const Somebody& somebody)
-{
-    return RequestOf(row.method, row.path, somebody);
-}
-
-std::string FullBody(const Somebody& somebody)
-{
-    Json::Value body;
-    body["user"] = somebody.account.name;
-    body["password"] = kRightPassword;
-    body["code"] = CodeNow(somebody);
-    body["account_name"] = "a label";
-    body["key"] = kSampleKey;
-    body["mail"] = "somebody@home.example";
-    return body.toStyledString();
-}
-
 class Routes : public test::FreshServer
 {
 protected:
@@ -252,7 +211,7 @@ TEST_F(Routes, ServeEveryStateAsTheTableSays)
         for (const Row& row : kRows) {
             for (size_t state = 0; state < kStates; ++state, ++cells) {
                 const Somebody somebody = SomebodyWhoIs(static_cast<State>(state));
-                const Answer answer = Ask(RequestOf(row, somebody), FullBody(somebody));
+                const Answer answer = Ask(RequestOf(row.method, row.path, somebody), FullBody(somebody));
                 EXPECT_EQ(row.expected[state], Said(answer)) << row.path << ", " << kStateNames[state];
                 EXPECT_EQ(Said(answer) == kOk, answer.body["success"].asBool())
                     << row.path << ", " << kStateNames[state];
@@ -270,7 +229,7 @@ TEST_F(Routes, GiveAnEndedSessionNothingWhicheverCookieItComesIn)
                 Somebody somebody = SomebodyWhoIs(state);
                 std::swap(somebody.sid, somebody.pending);
                 somebody.token = TokenOf(somebody.sid);
-                const Answer answer = Ask(RequestOf(row, somebody), FullBody(somebody));
+                const Answer answer = Ask(RequestOf(row.method, row.path, somebody), FullBody(somebody));
                 EXPECT_EQ(row.expected[state], Said(answer)) << row.path << ", " << kStateNames[state];
             }
         }
@@ -289,7 +248,7 @@ TEST_F(Routes, FindNobodyByACookieThatComesTwiceOrIsTooLong)
                 for (const std::string& cookies : {own + "; " + own, own + "; " + name + '=' + planted.sid,
                                                    name + '=' + planted.sid + ";" + own,
                                                    own + "; " + name + "=", own + std::string(8192, 'a')}) {
-                    HttpRequest http = RequestOf(row, somebody);
+                    HttpRequest http = RequestOf(row.method, row.path, somebody);
                     http.cookies = cookies;
                     EXPECT_EQ(row.expected[Nobody], Said(Ask(http, FullBody(somebody))))
                         << row.path << ' ' << cookies.substr(0, 200);
@@ -304,7 +263,7 @@ TEST_F(Routes, FindASessionBesideEightKibibytesOfOtherCookies)
     AsWorker([] {
         for (const Row& row : kRows) {
             const Somebody somebody = SomebodyWhoIs(SignedInWithCode);
-            HttpRequest http = RequestOf(row, somebody);
+            HttpRequest http = RequestOf(row.method, row.path, somebody);
             http.cookies =
                 "a=" + std::string(8192, 'b') + "; " + http.cookies + "; c=" + std::string(8192, 'd');
             EXPECT_EQ(row.expected[SignedInWithCode], Said(Ask(http, FullBody(somebody)))) << row.path;
@@ -338,7 +297,7 @@ void ForEachChange(const std::function<void(const Row&, const Somebody&, HttpReq
         }
         const Somebody somebody = SomebodyFor(row);
         const int64_t sessions = Sessions();
-        const HttpRequest http = RequestOf(row, somebody);
+        const HttpRequest http = RequestOf(row.method, row.path, somebody);
         EXPECT_EQ("400 bad_request", Said(Ask(http, "[]"))) << row.path;
         ask(row, somebody, http);
         EXPECT_EQ(sessions, Sessions()) << row.path;
@@ -454,7 +413,7 @@ TEST_F(Routes, AnswerTheirOwnMethodAlone)
                 if (std::string_view(method) == row.method) {
                     continue;
                 }
-                HttpRequest http = RequestOf(row, somebody);
+                HttpRequest http = RequestOf(row.method, row.path, somebody);
                 http.method = method;
                 const Answer answer = Ask(http, FullBody(somebody));
                 EXPECT_EQ("405 method_not_allowed", Said(answer)) << method << ' ' << row.path;
