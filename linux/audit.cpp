@@ -48,6 +48,8 @@ EventWords WordsOf(AuditEvent event)
         return {"password", "throttled", LOG_NOTICE, Keep::LineOnly};
     case AuditEvent::CodeRefused:
         return {"code", "refused", LOG_NOTICE};
+    case AuditEvent::CodeNotCompared:
+        return {"code", "refused", LOG_NOTICE, Keep::LineOnly};
     case AuditEvent::CodeReplayed:
         return {"code", "replayed", LOG_NOTICE};
     case AuditEvent::CodeThrottled:
@@ -122,6 +124,7 @@ const char* NoticeOf(AuditEvent event)
     case AuditEvent::PasswordRefused:
     case AuditEvent::PasswordThrottled:
     case AuditEvent::CodeRefused: // the verifier tells of some in a row
+    case AuditEvent::CodeNotCompared:
     case AuditEvent::CodeReplayed:
     case AuditEvent::CodeThrottled:
     case AuditEvent::CodeClosed:

@@ -19,6 +19,7 @@ enum class AuditEvent {
     PasswordRefused,   //
     PasswordThrottled, // not compared; a line without a row, so that a flood does not fill the disk
     CodeRefused,       //
+    CodeNotCompared,   // it has not the form of a code, or there is no secret; a line without a row
     CodeReplayed,      // right, but of a step already used
     CodeThrottled,     // not compared; a line without a row
     CodeClosed,        // not compared, as the second step is closed; a line without a row
@@ -53,8 +54,9 @@ void Audit(AuditEvent event, const Account& account, const char* detail = "-");
 void Audit(AuditEvent event, std::string_view typedName,
            const char* detail = "-"); // of whom nothing is known
 
-// For what is granted: made inside the transaction that grants, it stores the row there, so that nothing is
-// granted without it; the line follows when the grant is durable. Making it throws DatabaseError.
+// For what is granted, and for what takes a second step away: made inside the transaction that does it, it
+// stores the row there, so that nothing is done without it; the line follows when that is durable. Making it
+// throws DatabaseError.
 class AuditedGrant
 {
 public:

@@ -32,6 +32,8 @@ constexpr int64_t kHintSteps = 10 * 60 / kStepSeconds; // how far off a phone's 
 constexpr int kLongestTemporaryMinutes = 24 * 60;
 constexpr int kFailuresTold = 3; // in a row: the account's owner gets a notice, once
 
+constexpr CodeAnswer kNotCompared = {CodeResult::Wrong, 0, Fault::None, CodeKind::None, false};
+
 // --- Which secret a code is for ---
 
 enum class Place {
@@ -231,7 +233,7 @@ CodeAnswer Decide(const Account& account, std::string_view code, Place place)
     KeptWrong() = {};
     const Form form = FormOf(code, place);
     if (form == Form::None) {
-        return {CodeResult::Wrong};
+        return kNotCompared;
     }
     CodeAnswer answer;
     const Fault fault = FaultIn([&] { answer = CountAndCompare(account, code, place, form); });
@@ -288,7 +290,7 @@ CodeAnswer Audited(const Account& account, const CodeAnswer& answer, const char*
 {
     switch (answer.result) {
     case CodeResult::Wrong:
-        Audit(AuditEvent::CodeRefused, account, detail);
+        Audit(answer.compared ? AuditEvent::CodeRefused : AuditEvent::CodeNotCompared, account, detail);
         break;
     case CodeResult::Used:
         Audit(AuditEvent::CodeReplayed, account, detail);
@@ -398,7 +400,7 @@ CodeAnswer VerifyCode(const Account& account, std::string_view code)
         return FaultAnswer(state.fault);
     }
     if (state.enrolment == Enrolment::No) {
-        return Audited(account, {CodeResult::Wrong}, "signin");
+        return Audited(account, kNotCompared, "signin");
     }
     const CodeAnswer answer = Decide(account, code, Place::Permanent);
     if (answer.kind == CodeKind::Emergency) {

@@ -40,6 +40,7 @@ struct CodeAnswer {
     int retryAfterSeconds = 0;      // Throttled only
     Fault fault = Fault::None;      // Fault only
     CodeKind kind = CodeKind::None; // Accepted only
+    bool compared = true;           // Wrong only: false for what has not the form of a code, or has no secret
 };
 
 // Checks `code` against the account's active secret. When accepted, the request's codeOf is the account. The

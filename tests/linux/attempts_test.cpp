@@ -221,6 +221,27 @@ TEST_F(Counter, CountsNeitherReplaysNorWhatIsNoCode)
     });
 }
 
+TEST_F(Counter, AFloodOfWhatIsNoCodeLeavesNoRows)
+{
+    AsWorker([] {
+        const Person alice = Find("alice");
+        const Account bob = MakeAccount("bob"); // who has no second step
+        const auto rows = [] {
+            Statement count = SigninDatabase().Prepare("SELECT count(*) FROM audit");
+            return count.Step() ? count.Int(0) : -1;
+        };
+        const int64_t before = rows();
+        for (const char* text : {"", "12345", "1234567", "abcdef", "\xd9\xa1\xd9\xa2\xd9\xa3"}) {
+            ASSERT_EQ(CodeResult::Wrong, Verify(alice, text).result) << text;
+        }
+        StartRequest();
+        ASSERT_EQ(CodeResult::Wrong, VerifyCode(bob, "123456").result);
+        EXPECT_EQ(before, rows());
+        Fail(alice, 1);
+        EXPECT_EQ(before + 1, rows()) << "one that was compared";
+    });
+}
+
 TEST_F(Counter, CountsEmergencyCodesWithTheOthers)
 {
     AsWorker([] {
@@ -611,6 +632,20 @@ TEST_F(Passwords, ARightOneGivesItsReservationBack)
         Statement level = SigninDatabase().Prepare("PRAGMA synchronous");
         ASSERT_TRUE(level.Step());
         EXPECT_EQ(2, level.Int(0)) << "every other commit is durable";
+    });
+}
+
+TEST_F(Passwords, ANameThatIsGivenAnewBeginsAnew)
+{
+    AsWorker([] {
+        for (int i = 0; i < 10; ++i) {
+            EXPECT_EQ(0, Wait("alice", "192.0.2.1"));
+            EXPECT_EQ(0, Wait("bob", "192.0.2.2"));
+        }
+        ForgetPasswords("alice");
+        EXPECT_EQ(0, Wait("alice", "192.0.2.3"));
+        EXPECT_GT(Wait("bob", "192.0.2.3"), 0) << "another's stay";
+        EXPECT_EQ(10 + 20 + 2, Rows()) << "and so do those of the addresses";
     });
 }
 

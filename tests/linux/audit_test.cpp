@@ -111,6 +111,7 @@ TEST_F(AuditTrail, NamesEveryEvent)
         {AuditEvent::PasswordRefused, LOG_NOTICE, true, "event=password outcome=refused"},
         {AuditEvent::PasswordThrottled, LOG_NOTICE, false, "event=password outcome=throttled"},
         {AuditEvent::CodeRefused, LOG_NOTICE, true, "event=code outcome=refused"},
+        {AuditEvent::CodeNotCompared, LOG_NOTICE, false, "event=code outcome=refused"},
         {AuditEvent::CodeReplayed, LOG_NOTICE, true, "event=code outcome=replayed"},
         {AuditEvent::CodeThrottled, LOG_NOTICE, false, "event=code outcome=throttled"},
         {AuditEvent::CodeClosed, LOG_NOTICE, false, "event=code outcome=closed"},
