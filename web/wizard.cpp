@@ -400,6 +400,7 @@ Answer WizardStatus(Call& call)
     }
     Answer answer = Success();
     answer.body["enrolled"] = state.enrolment == Enrolment::Yes;
+    answer.body["closed"] = SecondStepOf(account.uid).closed;
     answer.body["enforced"] = CurrentRequest().facts->demanded;
     const std::string mail = ReadMail(account);
     if (!mail.empty()) {

@@ -416,11 +416,12 @@ test("where it is demanded it is not offered to switch off, and a refusal says w
 
   await page.route("**/api/otp/status", async (route) => {
     const answer = await (await route.fetch()).json();
-    await route.fulfill(json(200, { ...answer, enforced: true }));
+    await route.fulfill(json(200, { ...answer, enforced: true, closed: true }));
   });
   await page.reload();
   await atOverview(page, { on: true });
   assert.equal(await page.textContent("#enforced:visible"), words);
+  assert.equal(await page.textContent("#closed:visible"), kClosed);
   assert.ok(!await page.isVisible("#switch-off"));
   assert.ok(await page.isVisible("#new-phone"));
 });

@@ -36,7 +36,7 @@ function readQr(answer) {
 test("an account enrols, and from then on signs in with password and code", async () => {
   const alice = await Wizard.start(server, "alice");
   assert.deepEqual(await alice.status(),
-    { success: true, enrolled: false, enforced: false, mail_writable: true, codes_left: 0 });
+    { success: true, enrolled: false, closed: false, enforced: false, mail_writable: true, codes_left: 0 });
 
   const qr = await alice.qr("alice at home");
   assert.deepEqual(Object.keys(qr.json).sort(), ["img", "key", "success"]);
@@ -66,7 +66,7 @@ test("an account enrols, and from then on signs in with password and code", asyn
   assert.equal((await alice.client.get("/api/session")).json.TavrToken, confirmed.json.TavrToken);
 
   assert.deepEqual((await alice.mail("alice@home.example")).json, { success: true, saved: true });
-  assert.deepEqual(await alice.status(), { success: true, enrolled: true, enforced: false,
+  assert.deepEqual(await alice.status(), { success: true, enrolled: true, closed: false, enforced: false,
     mail: "a***@home.example", mail_writable: true, codes_left: 10 });
 
   const shown = await alice.qr();
@@ -132,7 +132,7 @@ describe("each step", () => {
       assertRefused(await carol.client.post(`/api/otp/${path}`, body), 400, "bad_request", path);
     }
     assert.deepEqual(await carol.status(),
-      { success: true, enrolled: false, enforced: false, mail_writable: true, codes_left: 0 });
+      { success: true, enrolled: false, closed: false, enforced: false, mail_writable: true, codes_left: 0 });
   });
 
   test("keeps to the limits of its members", async () => {

@@ -146,7 +146,7 @@ is 0 $'*1029\tbob\tadministrator\t*' tavrctl user list
 
 # --- Two-step sign-in ---
 is 0 'alice: not enrolled' tavrctl otp status Alice
-is 0 '{"enrolled":false,"success":true,"uid":1026,"user":"alice"}' tavrctl otp status alice --json
+is 0 '{"closed":false,"enrolled":false,"success":true,"uid":1026,"user":"alice"}' tavrctl otp status alice --json
 is 3 '*"err":"no_such_user"*' tavrctl otp status carol --json
 mkdir -m 700 /usr/tavr/etc/preference/alice && echo 'GEZDGNBVGY3TQOJQ' >/usr/tavr/etc/preference/alice/otp_secret
 chmod 600 /usr/tavr/etc/preference/alice/otp_secret

@@ -1,4 +1,4 @@
-// Every key that the pages, the routes and the library use has a text, and every text has a user.
+// Every key that the pages, the routes, the library and the HTTP reference name has a text, and every text has a user.
 import assert from "node:assert/strict";
 import { readdirSync, readFileSync } from "node:fs";
 import { dirname, join } from "node:path";
@@ -45,7 +45,15 @@ function sentByLibrary() {
   ];
 }
 
-const used = { pages: usedInPages(), routes: sentByRoutes(), library: sentByLibrary() };
+// The errors that doc/http-api.md tells clients of, in its table and where it shows an answer.
+function documented() {
+  const reference = read(join(source, "doc/http-api.md"));
+  const rows = all(/^\| [45]\d\d \| ([^|]+) \|/gm, reference).flatMap((cell) => all(/`([a-z_]+)`/g, cell));
+  return [...rows, ...all(/"err":"([a-z_]+)"/g, reference)].map((key) => `web:${key}`);
+}
+
+const used = { pages: usedInPages(), routes: sentByRoutes(), library: sentByLibrary(),
+  "HTTP reference": documented() };
 
 test("the search for keys finds what is known to be there", () => {
   assert.ok(used.pages.includes("wizard:scan_heading"));
@@ -53,6 +61,8 @@ test("the search for keys finds what is known to be there", () => {
   assert.ok(used.routes.includes("web:bad_credentials"));
   assert.ok(used.routes.includes("web:no_pending_signin"));
   assert.ok(used.routes.includes("web:otp_code_used"));
+  assert.ok(used["HTTP reference"].includes("web:otp_closed"));
+  assert.ok(used["HTTP reference"].includes("web:policy_unavailable"));
   assert.deepEqual(new Set(used.library),
     new Set(["personal_settings:otp_auth_failed", "personal_settings:failed_to_set_ldap_otp_mail", "web:no_mail_address",
       "web:otp_no_emergency_code", "web:mail_service_not_enable"]));

@@ -141,6 +141,7 @@ async function showStatus() {
   byId("state-text").textContent = text(status.enrolled ? "settings:on_text" : "settings:off_text");
   byId("enforced").hidden = !status.enforced;
   byId("enforced").textContent = text(status.enrolled ? "web:otp_enforced" : "settings:enforced");
+  byId("closed").hidden = !status.closed;
   byId("facts").hidden = !status.enrolled;
   byId("codes-left").textContent = text("settings:codes_left", { n: status.codes_left ?? 0 });
   byId("mail-now").textContent = status.mail || text("settings:mail_none");
