@@ -1,34 +1,14 @@
 // A whole enrolment as a person does it, with the mouse and with the keyboard alone.
 import assert from "node:assert/strict";
-import test, { after, before } from "node:test";
+import test from "node:test";
 
-import { newVisitor, readQr, startBrowser } from "../support/browser.mjs";
-import { startServer } from "../support/server.mjs";
+import { readQr } from "../support/browser.mjs";
+import { openStage } from "./stage.mjs";
 import {
   atOverview, atStep, errorAt, givePassword, shownKey, signIn, signOut, startSetup, tabTo as walkTo, typeCode,
 } from "./steps.mjs";
 
-let server;
-let browser;
-
-before(async () => {
-  server = await startServer({ accounts: { alice: [], bob: [], carol: ["--mail", "carol@example.com"] } });
-  browser = await startBrowser();
-});
-
-after(async () => {
-  await browser?.close();
-  await server?.stop();
-});
-
-async function visit(t, options) {
-  const { context, problems } = await newVisitor(browser, server.url, options);
-  t.after(async () => {
-    await context.close();
-    assert.deepEqual(problems, []);
-  });
-  return context.newPage();
-}
+const { server, visit } = await openStage({ alice: [], bob: [], carol: ["--mail", "carol@example.com"] });
 
 // Everything a page could leave behind: nothing of what must stay secret may be in it.
 async function assertNothingKept(page, secrets) {

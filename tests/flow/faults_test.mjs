@@ -2,36 +2,20 @@
 import assert from "node:assert/strict";
 import { readdirSync, readFileSync, renameSync, writeFileSync } from "node:fs";
 import { join } from "node:path";
-import test, { after, before } from "node:test";
+import test from "node:test";
 
-import { newVisitor, startBrowser } from "../support/browser.mjs";
-import { run, startServer } from "../support/server.mjs";
+import { run } from "../support/server.mjs";
+import { openStage, plain } from "./stage.mjs";
 import { atOverview, atStep, enrol, errorAt, givePassword, signIn, signOut, startSetup, typeCode } from "./steps.mjs";
 
 const kPreferences = "/usr/tavr/etc/preference";
 const kMachineKey = "/etc/tavr/otp.key";
 const kQrTool = "/usr/bin/qrencode";
 
-let server;
-let browser;
-
-before(async () => {
-  server = await startServer({ accounts: { alice: [], bob: [], carol: [], dave: [] } });
-  browser = await startBrowser();
-});
-
-after(async () => {
-  await browser?.close();
-  await server?.stop();
-});
+const { server, visit } = await openStage(plain(["alice", "bob", "carol", "dave"]));
 
 async function signedIn(t, user) {
-  const { context, problems } = await newVisitor(browser, server.url);
-  t.after(async () => {
-    await context.close();
-    assert.deepEqual(problems, []);
-  });
-  const page = await context.newPage();
+  const page = await visit(t);
   await signIn(page, user, server.passwords[user]);
   await atOverview(page, { on: false });
   return page;

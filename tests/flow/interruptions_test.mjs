@@ -1,37 +1,15 @@
 // What goes wrong in the middle of a setup, and what the pages say then.
 import assert from "node:assert/strict";
-import test, { after, before } from "node:test";
+import test from "node:test";
 
-import { newVisitor, readQr, startBrowser } from "../support/browser.mjs";
-import { startServer } from "../support/server.mjs";
+import { readQr } from "../support/browser.mjs";
+import { openStage, plain } from "./stage.mjs";
 import {
   atOverview, atStep, enrol, errorAt, givePassword, shownKey, signIn, signOut, startSetup, typeCode,
 } from "./steps.mjs";
 
-let server;
-let browser;
-
-before(async () => {
-  server = await startServer({
-    accounts: Object.fromEntries(["reload", "tabs", "back", "expired", "label", "fault", "lost", "unknown", "demanded",
-      "messages", "clipboard", "signout"].map((name) => [name, []])),
-  });
-  browser = await startBrowser();
-});
-
-after(async () => {
-  await browser?.close();
-  await server?.stop();
-});
-
-async function visit(t) {
-  const { context, problems } = await newVisitor(browser, server.url);
-  t.after(async () => {
-    await context.close();
-    assert.deepEqual(problems, []);
-  });
-  return context.newPage();
-}
+const { server, visit, visitor } = await openStage(plain(["reload", "tabs", "back", "expired", "label", "fault", "lost", "unknown",
+  "demanded", "messages", "clipboard", "signout"]));
 
 async function signedIn(t, user) {
   const page = await visit(t);
@@ -335,7 +313,7 @@ test("the key is copied, over plain HTTP too", async (t) => {
 });
 
 test("a catalogue that does not arrive leaves words, not an empty page", async (t) => {
-  const { context } = await newVisitor(browser, server.url);
+  const { context } = await visitor();
   t.after(() => context.close());
   const page = await context.newPage();
   await page.route("**/messages/*.json", (route) => route.fulfill({ status: 500, body: "" }));

@@ -1,38 +1,18 @@
 // The second step from day to day, as a person meets it: refused codes and waits, a new phone, switching off.
 import assert from "node:assert/strict";
-import test, { after, before } from "node:test";
+import test from "node:test";
 
-import { kWindows, looker, newVisitor, readQr, startBrowser } from "../support/browser.mjs";
-import { run, startServer } from "../support/server.mjs";
+import { kWindows, looker, readQr } from "../support/browser.mjs";
+import { run } from "../support/server.mjs";
 import { Client } from "./client.mjs";
+import { openStage, plain } from "./stage.mjs";
 import { atOverview, atStep, errorAt, shownKey, signIn, signOut, tabTo, typeCode } from "./steps.mjs";
 
 const kClosed = "There were too many wrong codes, so the second step is closed. Please ask your administrator to open it again.";
 const kUsed = "That code was already used. Please wait for the next one.";
 
-let server;
-let browser;
-
-before(async () => {
-  const names = ["words", "wait", "many", "emergency", "clock", "ahead", "phone", "fault", "reload", "tabs", "off", "enforced",
-    "elsewhere", "keyboard", "looks"];
-  server = await startServer({ accounts: Object.fromEntries(names.map((name) => [name, []])) });
-  browser = await startBrowser();
-});
-
-after(async () => {
-  await browser?.close();
-  await server?.stop();
-});
-
-async function visit(t, options) {
-  const { context, problems } = await newVisitor(browser, server.url, options);
-  t.after(async () => {
-    await context.close();
-    assert.deepEqual(problems, []);
-  });
-  return context.newPage();
-}
+const { server, visit } = await openStage(plain(["words", "wait", "many", "emergency", "clock", "ahead", "phone",
+  "fault", "reload", "tabs", "off", "enforced", "elsewhere", "keyboard", "looks"]));
 
 // Enrols `user` by the interface. Gives the client, which is signed in, the key, and the code that confirmed it.
 async function enrolled(user) {
