@@ -257,26 +257,22 @@ int KLIBGroupInfoGidGet(const char* name, int /*flags*/, uint32_t** gids, int* c
 namespace
 {
 
-// What both enumerations ask of their arguments; 0 when there is something to look through.
-int CheckEnumeration(int source, int offset, int limit)
-{
-    if (offset < 0 || limit < -1) {
-        return Fail(Error::BadParameter);
-    }
-    return source == kSourceLocal ? 0 : Fail(Error::DirectoryNotConfigured);
-}
-
 // Every entry whose name or description holds the query, ASCII letters of either case, in the order of names.
-constexpr char kFindUsers[] = "SELECT name, uid, description FROM account "
-                              "WHERE ?1 = '' OR name LIKE ?2 ESCAPE '!' OR description LIKE ?2 ESCAPE '!' "
-                              "ORDER BY name LIMIT ?3 OFFSET ?4";
-constexpr char kCountUsers[] = "SELECT count(*) FROM account "
-                               "WHERE ?1 = '' OR name LIKE ?2 ESCAPE '!' OR description LIKE ?2 ESCAPE '!'";
-constexpr char kFindGroups[] = "SELECT name, gid, description FROM account_group "
-                               "WHERE ?1 = '' OR name LIKE ?2 ESCAPE '!' OR description LIKE ?2 ESCAPE '!' "
-                               "ORDER BY name LIMIT ?3 OFFSET ?4";
-constexpr char kCountGroups[] = "SELECT count(*) FROM account_group "
-                                "WHERE ?1 = '' OR name LIKE ?2 ESCAPE '!' OR description LIKE ?2 ESCAPE '!'";
+#define MATCHING "WHERE ?1 = '' OR name LIKE ?2 ESCAPE '!' OR description LIKE ?2 ESCAPE '!'"
+
+struct Search {
+    const char* find;
+    const char* count;
+};
+
+constexpr Search kFindUsers = {
+    "SELECT name, uid, description FROM account " MATCHING " ORDER BY name LIMIT ?3 OFFSET ?4",
+    "SELECT count(*) FROM account " MATCHING,
+};
+constexpr Search kFindGroups = {
+    "SELECT name, gid, description FROM account_group " MATCHING " ORDER BY name LIMIT ?3 OFFSET ?4",
+    "SELECT count(*) FROM account_group " MATCHING,
+};
 
 std::string LikePattern(std::string_view query)
 {
@@ -290,17 +286,25 @@ std::string LikePattern(std::string_view query)
     return pattern + '%';
 }
 
-struct Search {
-    const char* find;
-    const char* count;
+struct Page {
+    int source;
+    int offset;
+    int limit; // -1: all
+    const char* query;
 };
 
-// Gives the number of all matches; calls each(row) for those of the page.
-template<class Each>
-int Enumerate(const Search& search, int offset, int limit, const char* query, Each each)
+// Gives the number of all matches; calls `row` with an entry made of each row of the page.
+template<class Row, class ToEntry>
+int Enumerate(const Search& search, const Page& page, Row row, void* userData, ToEntry toEntry)
 {
+    if (row == nullptr || page.offset < 0 || page.limit < -1) {
+        return Fail(Error::BadParameter);
+    }
+    if (page.source != kSourceLocal) {
+        return Fail(Error::DirectoryNotConfigured);
+    }
     return Guarded([&] {
-        const std::string text = query == nullptr ? "" : query;
+        const std::string text = page.query == nullptr ? "" : page.query;
         tavr::Database& db = tavr::AccountsDatabase();
         int total = 0;
         {
@@ -309,9 +313,12 @@ int Enumerate(const Search& search, int offset, int limit, const char* query, Ea
             total = count.Step() ? static_cast<int>(count.Int(0)) : 0;
         }
         tavr::Statement find = db.Prepare(search.find);
-        find.Bind(1, text).Bind(2, LikePattern(text)).Bind(3, limit).Bind(4, offset);
+        find.Bind(1, text).Bind(2, LikePattern(text)).Bind(3, page.limit).Bind(4, page.offset);
         while (find.Step()) {
-            each(find);
+            const std::string name = find.Text(0);
+            const std::string description = find.Text(2);
+            const auto entry = toEntry(name.c_str(), static_cast<uint32_t>(find.Int(1)), description.c_str());
+            row(&entry, userData);
         }
         return total;
     });
@@ -322,33 +329,17 @@ int Enumerate(const Search& search, int offset, int limit, const char* query, Ea
 int KLIBUserInfoEnumBySubstr(int source, const char* /*domain*/, int offset, int limit, const char* query,
                              int /*flags*/, KLIBUserInfoRow row, void* userData)
 {
-    if (row == nullptr) {
-        return Fail(Error::BadParameter);
-    }
-    if (CheckEnumeration(source, offset, limit) < 0) {
-        return -1;
-    }
-    return Enumerate({kFindUsers, kCountUsers}, offset, limit, query, [&](const tavr::Statement& found) {
-        const std::string name = found.Text(0);
-        const std::string description = found.Text(2);
-        const KLIBUserInfo entry{name.c_str(), static_cast<uint32_t>(found.Int(1)), description.c_str(),
-                                 kSourceLocal};
-        row(&entry, userData);
-    });
+    return Enumerate(kFindUsers, {source, offset, limit, query}, row, userData,
+                     [](const char* name, uint32_t uid, const char* description) {
+                         return KLIBUserInfo{name, uid, description, kSourceLocal};
+                     });
 }
 
 int KLIBGroupInfoEnumBySubstr(int source, const char* /*domain*/, int offset, int limit, const char* query,
                               int /*flags*/, KLIBGroupInfoRow row, void* userData)
 {
-    if (row == nullptr) {
-        return Fail(Error::BadParameter);
-    }
-    if (CheckEnumeration(source, offset, limit) < 0) {
-        return -1;
-    }
-    return Enumerate({kFindGroups, kCountGroups}, offset, limit, query, [&](const tavr::Statement& found) {
-        const std::string name = found.Text(0);
-        const KLIBGroupInfo entry{name.c_str(), static_cast<uint32_t>(found.Int(1)), kSourceLocal};
-        row(&entry, userData);
-    });
+    return Enumerate(kFindGroups, {source, offset, limit, query}, row, userData,
+                     [](const char* name, uint32_t gid, const char* /*description*/) {
+                         return KLIBGroupInfo{name, gid, kSourceLocal};
+                     });
 }
