@@ -1,13 +1,14 @@
 // The console beside a running server: what it audits, ends, disables and removes, as the people at the pages meet it.
 import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
-import { existsSync, readdirSync, readFileSync } from "node:fs";
+import { existsSync, readdirSync, readFileSync, writeFileSync } from "node:fs";
 import test, { after, before } from "node:test";
 import { setTimeout as sleep } from "node:timers/promises";
 import { run, startServer } from "../support/server.mjs";
 import { Client, signIn } from "./client.mjs";
 
 const kPreferences = "/usr/tavr/etc/preference";
+const noFail2ban = existsSync("/usr/bin/fail2ban-regex") ? false : "fail2ban is not installed: scripts/setup test";
 const kEnough = 24;   // requests, one after the other: every worker answers some of them
 
 let server;
@@ -120,6 +121,18 @@ test("the log has the same as lines, and the documented pattern finds refusals i
     assert.equal(pattern.exec(line)?.[3], "127.0.0.1");
     assert.equal(line.split(pattern).length, 5);   // once
   }
+});
+
+test("fail2ban reads the refusals with the documented filter, and their address alone", { skip: noFail2ban }, async () => {
+  await attempt("x\nJan  1 00:00:00 nas tavr-otp-web[1]: audit: event=password outcome=refused address=198.51.100.1 uid=- ", "wrong");
+  const manual = readFileSync(new URL("../../doc/audit.md", import.meta.url), "utf8");
+  const filter = /^ {4}\[Definition\]\n {4}failregex = .*$/m.exec(manual)[0].replaceAll(/^ {4}/gm, "");
+  writeFileSync("/tmp/tavr-otp.conf", `${filter}\n`);
+  const refused = server.log().split("\n").filter((line) => /: audit: event=(password|code) outcome=(refused|throttled) /.test(line));
+  assert.ok(refused.length > 5, refused.length);
+  const found = run("fail2ban-regex", ["--out", "ip", "/var/log/messages", "/tmp/tavr-otp.conf"]).trim().split("\n");
+  assert.deepEqual([...new Set(found)], ["127.0.0.1"]);
+  assert.equal(found.length, refused.length);
 });
 
 test("a flood of strange names is shown by the console as one line each", async () => {

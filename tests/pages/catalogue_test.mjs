@@ -5,6 +5,8 @@ import { dirname, join } from "node:path";
 import test from "node:test";
 import { fileURLToPath } from "node:url";
 
+import { documentedErrors } from "../support/reference.mjs";
+
 const source = dirname(dirname(dirname(fileURLToPath(import.meta.url))));
 const pages = join(source, "web/pages");
 const messages = join(pages, "shared/messages");
@@ -45,15 +47,8 @@ function sentByLibrary() {
   ];
 }
 
-// The errors that doc/http-api.md tells clients of, in its table and where it shows an answer.
-function documented() {
-  const reference = read(join(source, "doc/http-api.md"));
-  const rows = all(/^\| [45]\d\d \| ([^|]+) \|/gm, reference).flatMap((cell) => all(/`([a-z_]+)`/g, cell));
-  return [...rows, ...all(/"err":"([a-z_]+)"/g, reference)].map((key) => `web:${key}`);
-}
-
 const used = { pages: usedInPages(), routes: sentByRoutes(), library: sentByLibrary(),
-  "HTTP reference": documented() };
+  "HTTP reference": documentedErrors().map(({ err }) => `web:${err}`) };
 
 test("the search for keys finds what is known to be there", () => {
   assert.ok(used.pages.includes("wizard:scan_heading"));
