@@ -67,8 +67,9 @@ struct Subject {
     // So that the same code is good again.
     static void Forget()
     {
-        SigninDatabase().Prepare("UPDATE secret SET last_step = -1").Run();
-        SigninDatabase().Prepare("UPDATE account_mark SET last_step = -1").Run();
+        SigninDatabase()
+            .Prepare("UPDATE account_mark SET last_step = -1, active_step = -1, confirmed_step = -1")
+            .Run();
     }
 };
 

@@ -204,7 +204,8 @@ void ClearOldMails(uint32_t account)
 
 SecondStep SecondStepOf(uint32_t account)
 {
-    Statement ask = SigninDatabase().Prepare("SELECT failures, boot, at FROM second_step WHERE account = ?1");
+    Statement ask = SigninDatabase().Prepare(
+        "SELECT failures, failed_boot, failed_at FROM account_mark WHERE account = ?1");
     ask.Bind(1, int64_t{account});
     if (!ask.Step()) {
         return {};
@@ -219,8 +220,9 @@ SecondStep SecondStepOf(uint32_t account)
 void CountFailure(Transaction& /*inside*/, uint32_t account)
 {
     SigninDatabase()
-        .Prepare("INSERT INTO second_step (account, failures, boot, at) VALUES (?1, 1, ?2, ?3)"
-                 " ON CONFLICT (account) DO UPDATE SET failures = failures + 1, boot = ?2, at = ?3")
+        .Prepare("INSERT INTO account_mark (account, failures, failed_boot, failed_at) VALUES (?1, 1, ?2, ?3)"
+                 " ON CONFLICT (account) DO UPDATE"
+                 " SET failures = failures + 1, failed_boot = ?2, failed_at = ?3")
         .Bind(1, int64_t{account})
         .Bind(2, ThisBoot())
         .Bind(3, BootSeconds())
@@ -230,7 +232,7 @@ void CountFailure(Transaction& /*inside*/, uint32_t account)
 void ForgetFailures(Transaction& /*inside*/, uint32_t account)
 {
     SigninDatabase()
-        .Prepare("UPDATE second_step SET failures = 0 WHERE account = ?1")
+        .Prepare("UPDATE account_mark SET failures = 0 WHERE account = ?1")
         .Bind(1, int64_t{account})
         .Run();
 }
@@ -250,7 +252,7 @@ bool OpenSecondStep(const Account& account)
 
 int64_t ToldStep(uint32_t account)
 {
-    Statement ask = SigninDatabase().Prepare("SELECT told_step FROM second_step WHERE account = ?1");
+    Statement ask = SigninDatabase().Prepare("SELECT told_step FROM account_mark WHERE account = ?1");
     ask.Bind(1, int64_t{account});
     return ask.Step() ? ask.Int(0) : -1;
 }
@@ -258,7 +260,7 @@ int64_t ToldStep(uint32_t account)
 void NoteToldStep(Transaction& /*inside*/, uint32_t account, int64_t step)
 {
     Database& db = SigninDatabase();
-    db.Prepare("UPDATE second_step SET told_step = ?2 WHERE account = ?1")
+    db.Prepare("UPDATE account_mark SET told_step = ?2 WHERE account = ?1")
         .Bind(1, int64_t{account})
         .Bind(2, step)
         .Run();

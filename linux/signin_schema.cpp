@@ -107,6 +107,24 @@ CREATE INDEX code_mail_of_account ON code_mail (account);
     R"(
 ALTER TABLE session ADD COLUMN generation INTEGER NOT NULL DEFAULT 0;
 )",
+    // What a code changes stands in one row, so that storing it is storing one page.
+    R"(
+ALTER TABLE account_mark ADD COLUMN active_step INTEGER NOT NULL DEFAULT -1;    -- last accepted of this secret
+ALTER TABLE account_mark ADD COLUMN confirmed_step INTEGER NOT NULL DEFAULT -1; -- likewise
+ALTER TABLE account_mark ADD COLUMN told_step INTEGER NOT NULL DEFAULT -1;      -- as second_step had it
+ALTER TABLE account_mark ADD COLUMN failures INTEGER NOT NULL DEFAULT 0;        -- likewise; in a row
+ALTER TABLE account_mark ADD COLUMN failed_boot TEXT NOT NULL DEFAULT '';       -- the last of them
+ALTER TABLE account_mark ADD COLUMN failed_at INTEGER NOT NULL DEFAULT 0;
+INSERT OR IGNORE INTO account_mark (account) SELECT account FROM secret UNION SELECT account FROM second_step;
+UPDATE account_mark SET active_step = secret.last_step FROM secret
+    WHERE secret.account = account_mark.account AND secret.state = 'active';
+UPDATE account_mark SET confirmed_step = secret.last_step FROM secret
+    WHERE secret.account = account_mark.account AND secret.state = 'confirmed';
+UPDATE account_mark SET told_step = s.told_step, failures = s.failures, failed_boot = s.boot, failed_at = s.at
+    FROM second_step AS s WHERE s.account = account_mark.account;
+DROP TABLE second_step;
+ALTER TABLE secret DROP COLUMN last_step;
+)",
 };
 
 } // namespace

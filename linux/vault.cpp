@@ -114,18 +114,6 @@ SecretState StateOf(const std::string& text)
     throw VaultError(Fault::VaultDamaged);
 }
 
-std::vector<CodeLine> CodesOf(const std::string& secretReference)
-{
-    std::vector<CodeLine> codes;
-    Statement ask =
-        SigninDatabase().Prepare("SELECT reference, spent FROM code WHERE secret = ?1 ORDER BY position");
-    ask.Bind(1, secretReference);
-    while (ask.Step()) {
-        codes.push_back({ask.Text(0), ask.Int(1) != 0});
-    }
-    return codes;
-}
-
 void DeleteSecret(uint32_t account, SecretState state)
 {
     SigninDatabase()
@@ -175,17 +163,19 @@ bool HoldsSealedRows()
 std::vector<StoredSecret> SecretsOf(uint32_t account)
 {
     std::vector<StoredSecret> secrets;
-    {
-        Statement ask = SigninDatabase().Prepare(
-            "SELECT reference, state, session, made_boot, made FROM secret WHERE account = ?1");
-        ask.Bind(1, int64_t{account});
-        while (ask.Step()) {
+    Statement ask = SigninDatabase().Prepare(
+        "SELECT secret.reference, state, session, made_boot, made, code.reference, spent"
+        " FROM secret LEFT JOIN code ON code.secret = secret.reference WHERE account = ?1"
+        " ORDER BY state, position");
+    ask.Bind(1, int64_t{account});
+    while (ask.Step()) {
+        if (secrets.empty() || secrets.back().reference != ask.Text(0)) {
             secrets.push_back(
                 {ask.Text(0), account, StateOf(ask.Text(1)), ask.Text(2), ask.Text(3), ask.Int(4), {}});
         }
-    }
-    for (StoredSecret& secret : secrets) {
-        secret.codes = CodesOf(secret.reference);
+        if (!ask.IsNull(5)) {
+            secrets.back().codes.push_back({ask.Text(5), ask.Int(6) != 0});
+        }
     }
     return secrets;
 }
@@ -273,14 +263,15 @@ void CheckVault()
 int64_t LastStep(const StoredSecret& secret, int64_t newestStep)
 {
     Statement ask = SigninDatabase().Prepare(
-        "SELECT secret.last_step, coalesce((SELECT last_step FROM account_mark WHERE account = ?2), -1)"
-        " FROM secret WHERE secret.reference = ?1");
-    ask.Bind(1, secret.reference).Bind(2, int64_t{secret.account});
+        "SELECT CASE state WHEN 'active' THEN active_step WHEN 'confirmed' THEN confirmed_step END, last_step"
+        " FROM secret LEFT JOIN account_mark USING (account)"
+        " WHERE reference = ?1 AND account = ?2 AND state = ?3");
+    ask.Bind(1, secret.reference).Bind(2, int64_t{secret.account}).Bind(3, StateText(secret.state));
     if (!ask.Step()) {
-        throw VaultError(Fault::SecretFile); // retired since it was read
+        throw VaultError(Fault::SecretFile); // another state since it was read
     }
-    const int64_t ofSecret = ask.Int(0);
-    const int64_t ofAccount = ask.Int(1);
+    const int64_t ofSecret = ask.IsNull(0) ? -1 : ask.Int(0);
+    const int64_t ofAccount = ask.IsNull(1) ? -1 : ask.Int(1);
     return ofAccount > newestStep ? ofSecret : std::max(ofSecret, ofAccount);
 }
 
@@ -292,24 +283,17 @@ bool AcceptStep(Transaction& /*inside*/, const StoredSecret& secret, int64_t ste
     Database& db = SigninDatabase();
     if (secret.state == SecretState::Waiting) {
         DeleteSecret(secret.account, SecretState::Confirmed);
+        db.Prepare("UPDATE secret SET state = 'confirmed' WHERE reference = ?1")
+            .Bind(1, secret.reference)
+            .Run();
     }
-    const SecretState state = secret.state == SecretState::Waiting ? SecretState::Confirmed : secret.state;
-    db.Prepare("UPDATE secret SET last_step = ?1, state = ?2"
-               " WHERE reference = ?3 AND account = ?4 AND state = ?5 AND last_step < ?1")
-        .Bind(1, step)
-        .Bind(2, StateText(state))
-        .Bind(3, secret.reference)
-        .Bind(4, int64_t{secret.account})
-        .Bind(5, StateText(secret.state))
-        .Run();
-    if (db.Changes() != 1) {
-        throw VaultError(Fault::SecretFile); // another state since it was read
-    }
-    db.Prepare("INSERT INTO account_mark (account, last_step) VALUES (?1, ?2)"
-               " ON CONFLICT (account) DO UPDATE SET last_step = excluded.last_step")
-        .Bind(1, int64_t{secret.account})
-        .Bind(2, step)
-        .Run();
+    const char* const store =
+        secret.state == SecretState::Active
+            ? "INSERT INTO account_mark (account, last_step, active_step) VALUES (?1, ?2, ?2)"
+              " ON CONFLICT (account) DO UPDATE SET last_step = ?2, active_step = ?2"
+            : "INSERT INTO account_mark (account, last_step, confirmed_step) VALUES (?1, ?2, ?2)"
+              " ON CONFLICT (account) DO UPDATE SET last_step = ?2, confirmed_step = ?2";
+    db.Prepare(store).Bind(1, int64_t{secret.account}).Bind(2, step).Run();
     return true;
 }
 
@@ -335,6 +319,9 @@ void MakeActive(Transaction& /*inside*/, const StoredSecret& secret)
     if (db.Changes() != 1) {
         throw VaultError(Fault::VaultDamaged);
     }
+    db.Prepare("UPDATE account_mark SET active_step = confirmed_step, confirmed_step = -1 WHERE account = ?1")
+        .Bind(1, int64_t{secret.account})
+        .Run();
 }
 
 void RetireWaitingSecret(uint32_t account)
@@ -374,8 +361,8 @@ void FinishSwitchingOff(uint32_t account)
     Transaction transaction(db);
     db.Prepare("DELETE FROM secret WHERE account = ?1").Bind(1, int64_t{account}).Run();
     db.Prepare("DELETE FROM temporary_code WHERE account = ?1").Bind(1, int64_t{account}).Run();
-    db.Prepare("DELETE FROM second_step WHERE account = ?1").Bind(1, int64_t{account}).Run();
-    db.Prepare("UPDATE account_mark SET switching_off = 0 WHERE account = ?1")
+    db.Prepare("UPDATE account_mark SET switching_off = 0, active_step = -1, confirmed_step = -1,"
+               " told_step = -1, failures = 0 WHERE account = ?1")
         .Bind(1, int64_t{account})
         .Run();
     transaction.Commit();

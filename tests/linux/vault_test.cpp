@@ -1,6 +1,7 @@
 // The vault and the cipher over it: what a reference gives, to whom, and what the machine key is worth.
 #include "linux/vault.h"
 
+#include "linux/attempts.h"
 #include "linux/cipher.h"
 #include "linux/enrolment.h"
 #include "linux/ids.h"
@@ -80,6 +81,43 @@ TEST_F(Vault, GivesTheTextOfBothSpellingsOfALiveReference)
             EXPECT_EQ(code.text, Decipher(reference + "========").text);
         }
         EXPECT_EQ(Fault::None, CurrentRequest().fault);
+    });
+}
+
+TEST_F(Vault, KeepsUsedStepsAndCountersOfAnEarlierVersion)
+{
+    AsWorker([] {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(SQLITE_OK, sqlite3_open(kSigninDatabase, &db));
+        const char* const sql = R"(
+CREATE TABLE secret (reference TEXT PRIMARY KEY, account INTEGER NOT NULL, sealed BLOB NOT NULL, state TEXT NOT NULL,
+    last_step INTEGER NOT NULL DEFAULT -1, session BLOB, made_boot TEXT NOT NULL, made INTEGER NOT NULL)
+    STRICT, WITHOUT ROWID;
+CREATE TABLE code (reference TEXT PRIMARY KEY, secret TEXT NOT NULL REFERENCES secret (reference) ON DELETE CASCADE,
+    position INTEGER NOT NULL, sealed BLOB NOT NULL, spent INTEGER NOT NULL DEFAULT 0) STRICT, WITHOUT ROWID;
+CREATE TABLE account_mark (account INTEGER PRIMARY KEY, switching_off INTEGER NOT NULL DEFAULT 0,
+    last_step INTEGER NOT NULL DEFAULT -1) STRICT;
+CREATE TABLE second_step (account INTEGER PRIMARY KEY, failures INTEGER NOT NULL, boot TEXT NOT NULL,
+    at INTEGER NOT NULL, told_step INTEGER NOT NULL DEFAULT -1) STRICT;
+INSERT INTO secret VALUES ('a', 1026, x'00', 'active', 7, NULL, '', 0), ('c', 1026, x'00', 'confirmed', 9, NULL, '', 0),
+    ('w', 1026, x'00', 'waiting', -1, NULL, '', 0), ('b', 1027, x'00', 'active', 5, NULL, '', 0);
+INSERT INTO account_mark VALUES (1026, 0, 8), (1028, 1, 3);
+INSERT INTO second_step VALUES (1027, 4, 'boot', 11, 12), (1029, 50, 'boot', 13, -1);
+PRAGMA user_version = 6;)";
+        ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, sql, nullptr, nullptr, nullptr)) << sqlite3_errmsg(db);
+        sqlite3_close(db);
+
+        const auto secret = [](uint32_t account, size_t at) { return SecretsOf(account).at(at); };
+        EXPECT_EQ(8, LastStep(secret(1026, 0), 100));
+        EXPECT_EQ(7, LastStep(secret(1026, 0), 1)) << "its own";
+        EXPECT_EQ(9, LastStep(secret(1026, 1), 1));
+        EXPECT_EQ(-1, LastStep(secret(1026, 2), 1));
+        EXPECT_EQ(5, LastStep(secret(1027, 0), 100));
+        EXPECT_EQ(4, SecondStepOf(1027).failures);
+        EXPECT_EQ(12, ToldStep(1027));
+        EXPECT_TRUE(SecondStepOf(1029).closed);
+        EXPECT_TRUE(IsSwitchingOff(1028));
+        EXPECT_EQ(0, SecondStepOf(1026).failures);
     });
 }
 
