@@ -107,11 +107,12 @@ const StoredSecret* Find(const std::vector<StoredSecret>& secrets, SecretState s
     return found == secrets.end() ? nullptr : &*found;
 }
 
-EnrolmentState Enrolled(const StoredSecret& secret)
+EnrolmentState Enrolled(StoredSecret secret)
 {
+    secret.state = SecretState::Active; // by now
     const auto left = std::count_if(secret.codes.begin(), secret.codes.end(),
                                     [](const CodeLine& code) { return !code.spent; });
-    return {Enrolment::Yes, Fault::None, static_cast<int>(left)};
+    return {Enrolment::Yes, Fault::None, static_cast<int>(left), std::move(secret)};
 }
 
 // The file as it should go on: what stands there, or the vault's own text where it is absent or incomplete.
@@ -167,7 +168,7 @@ EnrolmentState SettleLocked(const Account& account)
         if (CurrentRequest().codeOf == account.uid) {
             CurrentRequest().codeOf.reset(); // of a secret that is no more: it proves nothing from here on
         }
-        return {Enrolment::No, Fault::None, 0};
+        return {Enrolment::No};
     }
     const FoundFile found = ReadPlace(preference);
     if (found.found == Found::NotOurs) {
@@ -180,7 +181,7 @@ EnrolmentState SettleLocked(const Account& account)
         if (found.found == Found::Text) {
             throw VaultError(Fault::SecretFile);
         }
-        return {Enrolment::No, Fault::None, 0};
+        return {Enrolment::No};
     }
     const std::string text = MendedFile(preference, found, active, confirmed);
     if (Carries(text, active)) {
@@ -199,11 +200,6 @@ EnrolmentState SettleLocked(const Account& account)
 bool IsFresh(const StoredSecret& secret)
 {
     return secret.madeBoot == BootId() && BootSeconds() - secret.made < kWaitingSeconds;
-}
-
-std::string WaitingFileName(uint32_t account)
-{
-    return kWaitingFilePrefix + std::to_string(account);
 }
 
 // Only what is our own regular file goes; the tool says what is wrong with anything else.
@@ -339,12 +335,12 @@ EnrolmentState Settle(const Account& account)
 {
     const EffectiveIds service = EffectiveIds::Service();
     const AccountLock lock(account.uid);
-    EnrolmentState state{Enrolment::Fault, Fault::StateUnavailable, 0};
+    EnrolmentState state{Enrolment::Fault, Fault::StateUnavailable};
     if (service.Changed() && lock.Held()) {
         state.fault = FaultIn([&] { state = SettleLocked(account); });
     }
     if (state.fault != Fault::None) {
-        state = {Enrolment::Fault, state.fault, 0};
+        state = {Enrolment::Fault, state.fault};
         NoteFault(state.fault);
     }
     return state;
@@ -357,6 +353,11 @@ FoundFile FindSecretFile(const Account& account)
 }
 
 // --- Waiting secrets ---
+
+std::string WaitingFileName(uint32_t account)
+{
+    return kWaitingFilePrefix + std::to_string(account);
+}
 
 std::optional<WaitingSecret> FindWaiting(uint32_t account)
 {

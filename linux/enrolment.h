@@ -4,7 +4,7 @@
 #include "linux/accounts.h"
 #include "linux/audit.h"
 #include "linux/request.h"
-#include "linux/secret_file.h"
+#include "linux/vault.h"
 
 #include <optional>
 #include <string>
@@ -35,8 +35,9 @@ enum class Enrolment { No, Yes, Fault };
 
 struct EnrolmentState {
     Enrolment enrolment = Enrolment::Fault;
-    Fault fault = Fault::None; // with Enrolment::Fault
-    int codesLeft = 0;         // with Enrolment::Yes: emergency codes not yet spent
+    Fault fault = Fault::None;                         // with Enrolment::Fault
+    int codesLeft = 0;                                 // with Enrolment::Yes: emergency codes not yet spent
+    std::optional<StoredSecret> active = std::nullopt; // with Enrolment::Yes: what vault and file agree on
 };
 
 // Settles the account under its lock and says what it is. Writes files with the service's ids, whatever ids
@@ -57,6 +58,9 @@ struct WaitingSecret {
     int64_t madeBoot = 0; // BootSeconds
 };
 std::optional<WaitingSecret> FindWaiting(uint32_t account); // throws DatabaseError
+
+// The name that the secret tool's file for the account has in kWaitingDir.
+std::string WaitingFileName(uint32_t account);
 
 // Makes the waiting secret `session`'s own; false: none waits. With `keyBase32`, the key that was shown,
 // false also if the waiting secret is another one by now. Throws DatabaseError, VaultError.

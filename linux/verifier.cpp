@@ -36,35 +36,18 @@ constexpr CodeAnswer kNotCompared = {CodeResult::Wrong, 0, Fault::None, CodeKind
 
 // --- Which secret a code is for ---
 
-enum class Place {
-    Waiting,   // the tool's file in kWaitingDir
-    Permanent, // the one in the preference directory
-};
-
-FoundFile FindFile(const Account& account, Place place)
+// The one that is not active and whose reference is line 1 of the tool's file in kWaitingDir. Everything else
+// is a fault: no code could be right there, so none may be called wrong.
+StoredSecret WaitingSecretOf(const Account& account)
 {
-    if (place == Place::Permanent) {
-        return FindSecretFile(account);
-    }
     const Descriptor directory = OpenDirectoryNoLinks(kWaitingDir);
-    return directory ? ReadOwnFile(directory, kWaitingFilePrefix + std::to_string(account.uid)) : FoundFile();
-}
-
-bool MayStandAt(const StoredSecret& secret, Place place)
-{
-    return (secret.state == SecretState::Active) == (place == Place::Permanent);
-}
-
-// The secret whose reference is line 1 of the file at the place. Everything else is a fault: no code could be
-// right there, so none may be called wrong.
-StoredSecret SecretAt(const Account& account, Place place)
-{
-    const FoundFile found = FindFile(account, place);
+    const FoundFile found = directory ? ReadOwnFile(directory, WaitingFileName(account.uid)) : FoundFile();
     const std::optional<SecretFileText> file =
         found.found == Found::Text ? ParseSecretFile(found.text) : std::nullopt;
     const std::vector<StoredSecret> secrets = SecretsOf(account.uid);
     const auto secret = std::find_if(secrets.begin(), secrets.end(), [&](const StoredSecret& candidate) {
-        return file.has_value() && candidate.reference == file->secret && MayStandAt(candidate, place);
+        return file.has_value() && candidate.reference == file->secret &&
+               candidate.state != SecretState::Active;
     });
     if (secret == secrets.end()) {
         throw VaultError(Fault::SecretFile);
@@ -76,7 +59,7 @@ StoredSecret SecretAt(const Account& account, Place place)
 
 enum class Form { None, Totp, Single };
 
-Form FormOf(std::string_view code, Place place)
+Form FormOf(std::string_view code)
 {
     if (!std::all_of(code.begin(), code.end(), [](char c) { return c >= '0' && c <= '9'; })) {
         return Form::None;
@@ -84,7 +67,7 @@ Form FormOf(std::string_view code, Place place)
     if (code.size() == kTotpDigits) {
         return Form::Totp;
     }
-    return code.size() == kCodeDigits && place == Place::Permanent ? Form::Single : Form::None;
+    return code.size() == kCodeDigits ? Form::Single : Form::None;
 }
 
 bool IsCodeOfStep(const SecretBytes& secret, int64_t step, std::string_view code)
@@ -175,9 +158,9 @@ std::optional<CodeAnswer> RefusalOf(const SecondStep& counter)
 
 // One durable transaction: counted before the comparison, and the count and what came of it stored at once.
 // Until it is stored nobody has learned anything, and a try that ends before was none.
-CodeAnswer CountAndCompare(const Account& account, std::string_view code, Place place, Form form)
+CodeAnswer CountAndCompare(const Account& account, std::string_view code, Form form,
+                           const StoredSecret& secret)
 {
-    const StoredSecret secret = SecretAt(account, place);
     Transaction transaction(SigninDatabase());
     const SecondStep counter = SecondStepOf(account.uid);
     if (const auto refusal = RefusalOf(counter)) {
@@ -206,7 +189,7 @@ CodeAnswer CountAndCompare(const Account& account, std::string_view code, Place 
         Audit(AuditEvent::SecondStepClosed, account);
     }
     if (answer.result == CodeResult::Wrong && counter.failures + 1 == kFailuresTold &&
-        place == Place::Permanent) {
+        secret.state == SecretState::Active) {
         CurrentRequest().notices.push_back(
             {"OTP_notice_wrong_codes", account.uid, WallSeconds(), std::nullopt});
     }
@@ -216,8 +199,7 @@ CodeAnswer CountAndCompare(const Account& account, std::string_view code, Place 
 // What ClockOffsetMinutes may be asked about.
 struct CountedWrong {
     uint64_t request = 0;
-    uint32_t account = 0;
-    Place place = Place::Waiting;
+    StoredSecret secret;
     std::string code;
 };
 
@@ -227,16 +209,21 @@ CountedWrong& KeptWrong()
     return kept;
 }
 
-// The one place where a code is found good. Under the account's lock, with the service's ids.
-CodeAnswer Decide(const Account& account, std::string_view code, Place place)
+// The one place where a code is found good. Under the account's lock, with the service's ids. `active`: the
+// secret that the account settled with; empty: it is the waiting one's turn.
+CodeAnswer Decide(const Account& account, std::string_view code, const std::optional<StoredSecret>& active)
 {
     KeptWrong() = {};
-    const Form form = FormOf(code, place);
-    if (form == Form::None) {
+    const Form form = FormOf(code);
+    if (form == Form::None || (form == Form::Single && !active)) {
         return kNotCompared;
     }
     CodeAnswer answer;
-    const Fault fault = FaultIn([&] { answer = CountAndCompare(account, code, place, form); });
+    StoredSecret secret;
+    const Fault fault = FaultIn([&] {
+        secret = active ? *active : WaitingSecretOf(account);
+        answer = CountAndCompare(account, code, form, secret);
+    });
     if (fault != Fault::None) {
         NoteFault(fault);
         return {CodeResult::Fault, 0, fault};
@@ -245,7 +232,7 @@ CodeAnswer Decide(const Account& account, std::string_view code, Place place)
         CurrentRequest().codeOf = account.uid;
     }
     if (answer.result == CodeResult::Wrong && form == Form::Totp) {
-        KeptWrong() = {CurrentRequest().number, account.uid, place, std::string(code)};
+        KeptWrong() = {CurrentRequest().number, std::move(secret), std::string(code)};
     }
     return answer;
 }
@@ -267,14 +254,13 @@ std::optional<int64_t> StepsAhead(const SecretBytes& secret, int64_t present, st
 
 std::optional<int64_t> TellStepsAhead(const Account& account, const CountedWrong& wrong)
 {
-    const StoredSecret secret = SecretAt(account, wrong.place);
     SecretBytes bytes;
-    OpenOrThrow(secret, bytes);
+    OpenOrThrow(wrong.secret, bytes);
     Transaction transaction(SigninDatabase());
     const int64_t present = WallSeconds() / kStepSeconds;
     const std::optional<int64_t> ahead = StepsAhead(bytes, present, wrong.code);
     const bool isLater = ahead.has_value() && *ahead > 0;
-    if (!isLater || wrong.place == Place::Waiting) { // who sets up has seen the secret itself
+    if (!isLater || wrong.secret.state != SecretState::Active) { // who sets up has seen the secret itself
         return ahead;
     }
     if (ToldStep(account.uid) >= present - kWindow) {
@@ -350,17 +336,6 @@ std::optional<LibraryQuestion> ParseQuestion(int count, const char* const* texts
     return LibraryQuestion{values[0], values[1], values[2]};
 }
 
-std::optional<Place> PlaceOf(const Account& account, const std::string& path)
-{
-    if (path == std::string(kWaitingDir) + '/' + kWaitingFilePrefix + std::to_string(account.uid)) {
-        return Place::Waiting;
-    }
-    if (path == SecretPath(account.name)) {
-        return Place::Permanent;
-    }
-    return std::nullopt;
-}
-
 CodeAnswer AnswerLibrary(const LibraryQuestion& question)
 {
     const std::optional<std::string> name = CanonicalName(question.user);
@@ -371,19 +346,19 @@ CodeAnswer AnswerLibrary(const LibraryQuestion& question)
         LogFault(Fault::AccountsUnavailable, error.what());
         return FaultAnswer(Fault::AccountsUnavailable);
     }
-    const std::optional<Place> place = account.has_value() ? PlaceOf(*account, question.path) : std::nullopt;
-    if (!place.has_value()) {
-        return {CodeResult::Wrong};
-    }
-    if (*place == Place::Permanent) {
+    if (account.has_value() && question.path == SecretPath(account->name)) {
         return VerifyCode(*account, question.code);
+    }
+    if (!account.has_value() ||
+        question.path != std::string(kWaitingDir) + '/' + WaitingFileName(account->uid)) {
+        return {CodeResult::Wrong};
     }
     const EffectiveIds service = EffectiveIds::Service();
     const AccountLock lock(account->uid);
     if (!service.Changed() || !lock.Held()) {
         return FaultAnswer(Fault::StateUnavailable);
     }
-    return Audited(*account, Decide(*account, question.code, *place), "setup");
+    return Audited(*account, Decide(*account, question.code, std::nullopt), "setup");
 }
 
 } // namespace
@@ -402,7 +377,7 @@ CodeAnswer VerifyCode(const Account& account, std::string_view code)
     if (state.enrolment == Enrolment::No) {
         return Audited(account, kNotCompared, "signin");
     }
-    const CodeAnswer answer = Decide(account, code, Place::Permanent);
+    const CodeAnswer answer = Decide(account, code, state.active);
     if (answer.kind == CodeKind::Emergency) {
         Settle(account); // the file loses the spent code's line
     }
@@ -429,8 +404,8 @@ std::optional<int> ClockOffsetMinutes(const Account& account)
     KeptWrong() = {};
     const EffectiveIds service = EffectiveIds::Service();
     const AccountLock lock(account.uid);
-    if (wrong.request != CurrentRequest().number || wrong.account != account.uid || !service.Changed() ||
-        !lock.Held()) {
+    if (wrong.request != CurrentRequest().number || wrong.secret.account != account.uid ||
+        !service.Changed() || !lock.Held()) {
         return std::nullopt;
     }
     std::optional<int64_t> ahead;
