@@ -118,12 +118,11 @@ void ClearOld(int64_t now)
     if (now < kPasswordSeconds) {
         return;
     }
-    SigninDatabase()
-        .Prepare("DELETE FROM password_try WHERE id IN (SELECT id FROM password_try WHERE boot < ?1 LIMIT ?2)"
-                 " OR id IN (SELECT id FROM password_try WHERE boot > ?1 LIMIT ?2)")
-        .Bind(1, ThisBoot())
-        .Bind(2, kClearedAtOnce)
-        .Run();
+    for (const char* const otherBoot : // apart: together, by OR, they cost several times as much
+         {"DELETE FROM password_try WHERE id IN (SELECT id FROM password_try WHERE boot < ?1 LIMIT ?2)",
+          "DELETE FROM password_try WHERE id IN (SELECT id FROM password_try WHERE boot > ?1 LIMIT ?2)"}) {
+        SigninDatabase().Prepare(otherBoot).Bind(1, ThisBoot()).Bind(2, kClearedAtOnce).Run();
+    }
 }
 
 int WaitOf(const Limit& limit)

@@ -130,10 +130,12 @@ int64_t SecondsLeft(const Row& row, const Limits& limits, int64_t now)
 // has come with them for longer than any state lasts.
 void ClearOld(Database& db, int64_t now)
 {
-    Statement otherBoot =
-        db.Prepare("DELETE FROM session WHERE id IN (SELECT id FROM session WHERE boot < ?1 LIMIT ?2)"
-                   " OR id IN (SELECT id FROM session WHERE boot > ?1 LIMIT ?2)");
-    otherBoot.Bind(1, BootId()).Bind(2, kClearedAtOnce).Run();
+    // Apart: put together by OR they cost several times as much, even when there is nothing to clear.
+    for (const char* const otherBoot :
+         {"DELETE FROM session WHERE id IN (SELECT id FROM session WHERE boot < ?1 LIMIT ?2)",
+          "DELETE FROM session WHERE id IN (SELECT id FROM session WHERE boot > ?1 LIMIT ?2)"}) {
+        db.Prepare(otherBoot).Bind(1, BootId()).Bind(2, kClearedAtOnce).Run();
+    }
     Statement old = db.Prepare("DELETE FROM session WHERE id IN"
                                " (SELECT id FROM session WHERE boot = ?1 AND seen < ?2 LIMIT ?3)");
     old.Bind(1, BootId()).Bind(2, now - std::max(Limits().idle, kEnrolmentRequiredSeconds));
