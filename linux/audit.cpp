@@ -25,8 +25,8 @@ constexpr int64_t kDaySeconds = 24 * 60 * 60;
 constexpr int64_t kDaysKept = 365;
 constexpr int64_t kClearedAtOnce = 500; // rows in one transaction
 constexpr int64_t kPageRows = 500;
-constexpr int kBatches = 40;             // one after the other, so that others get in between
-constexpr int64_t kMostRows = 1'000'000; // whoever has a password can fail as often as he likes
+constexpr int kBatches = 40;           // one after the other, so that others get in between
+constexpr int64_t kMostRows = 250'000; // some 20 MiB; whoever has a password can fail as often as he likes
 
 enum class Keep { LineAndRow, LineOnly };
 

@@ -94,7 +94,7 @@ struct AuditQuery {
 void ForEachAuditRow(const AuditQuery& query, const std::function<void(const AuditRow&)>& each); // throws
 
 // Removes a bounded number of rows that are older than the setting audit_days, or not among the newest
-// million. Throws DatabaseError.
+// 250,000. Throws DatabaseError.
 void ClearAudit();
 
 } // namespace tavr
