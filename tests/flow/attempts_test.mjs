@@ -2,9 +2,9 @@
 import assert from "node:assert/strict";
 import { after, test } from "node:test";
 import { Client, send, signIn } from "./client.mjs";
-import { run, startServer } from "../support/server.mjs";
+import { rounds, run, startServer } from "../support/server.mjs";
 
-const server = await startServer({ accounts: { alice: [], bob: [], carol: [], dave: [] } });
+const server = await startServer({ accounts: { alice: [], bob: [], carol: [], dave: [], rita: [], sam: [] }, workers: 4 });
 after(() => server.stop());
 
 function assertRefused(answer, status, err) {
@@ -78,6 +78,51 @@ test("somebody who sets up hears how far the phone's clock is off", async () => 
   const refused = await half.post("/api/signin/code", { code: old });
   assert.equal(refused.status, 401);
   assert.equal(refused.json.clock_ahead_minutes, undefined, "never at sign-in");
+});
+
+test("a used code is refused as used in whatever session it comes", async () => {
+  const times = rounds(20, 2500);   // in each of four
+  const { client, key, password } = await enrol("rita");
+  const older = await signIn(server, "rita");
+  const code = server.code(key);
+  const posts = [async () => (await signIn(server, "rita")).post("/api/signin/code", { code })];
+  assert.equal((await posts[0]()).status, 200);
+  const newer = await signIn(server, "rita");
+  const replay = async (post, count = times) => {
+    for (let i = 0; i < count; i += 10) {
+      const answers = await Promise.all(Array.from({ length: 10 }, post));
+      answers.forEach((answer) => assertRefused(answer, 401, "otp_code_used"));
+    }
+  };
+  await replay(() => older.post("/api/signin/code", { code }));
+  await replay(() => newer.post("/api/signin/code", { code }));
+  await replay(() => client.post("/api/otp/renew", { password, code, account_name: "rita" }));
+  await server.restartWeb();
+  await replay(() => older.post("/api/signin/code", { code }));
+});
+
+// Eight half sign-ins, so that one that is used up leaves others.
+test("of 64 posts of one good code at once one signs in", async () => {
+  const { key } = await enrol("sam");
+  let halves = [];
+  for (let round = 0; round < rounds(3, 1000); ++round) {
+    server.advance(30);
+    if (round % 9 === 0) {   // they end after five minutes
+      halves = [];
+    }
+    while (halves.length < 8) {
+      halves.push(await signIn(server, "sam"));
+    }
+    const code = server.code(key);
+    const answers = await Promise.all(Array.from({ length: 64 }, (_, i) =>
+      halves[i % 8].copy().post("/api/signin/code", { code })));
+    const granted = answers.flatMap((answer, i) => (answer.status === 200 ? [i] : []));
+    assert.equal(granted.length, 1, `round ${round}`);
+    for (const answer of answers.filter(({ status }) => status !== 200)) {
+      assert.ok(["otp_code_used", "no_pending_signin"].includes(answer.json.err), `round ${round}: ${answer.text}`);
+    }
+    halves.splice(granted[0] % 8, 1);
+  }
 });
 
 test("fifty wrong codes close the second step", async () => {

@@ -10,14 +10,16 @@
 #include "linux/vault.h"
 #include "linux/verifier.h"
 
+#include "linux/session.h"
+
 #include "tests/support/fresh_server.h"
+#include "tests/support/rounds.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <new>
 #include <random>
 
@@ -27,12 +29,6 @@ namespace
 {
 
 constexpr int64_t kNow = 1'800'000'015;
-
-// Rounds of a test that is worth more of them than every build can wait for.
-int Rounds(int usual, int all)
-{
-    return std::getenv("TAVR_ALL_ROUNDS") != nullptr ? all : usual;
-}
 
 // An account with an active secret, of which no code was used. Its codes' digits, and its secret in base-32.
 struct Person {
@@ -122,6 +118,56 @@ void Fail(const Person& person, int times)
         ASSERT_EQ(CodeResult::Wrong, Verify(person, WrongCode(person, i)).result) << i;
     }
 }
+
+// What several processes found, in memory that they share.
+struct Tally {
+    std::atomic<int> accepted = 0;
+    std::atomic<int> wrong = 0;
+    std::atomic<int> used = 0;
+    std::atomic<int> refused = 0;
+    std::atomic<int> other = 0;
+    std::atomic<int> next = 0;
+
+    void Add(CodeResult result)
+    {
+        switch (result) {
+        case CodeResult::Accepted:
+            ++accepted;
+            break;
+        case CodeResult::Wrong:
+            ++wrong;
+            break;
+        case CodeResult::Used:
+            ++used;
+            break;
+        case CodeResult::Throttled:
+        case CodeResult::Closed:
+            ++refused;
+            break;
+        case CodeResult::Fault:
+            ++other;
+            break;
+        }
+    }
+};
+
+class Shared
+{
+public:
+    Shared()
+        : memory_(mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)),
+          tally_(new (memory_) Tally)
+    {
+    }
+    ~Shared() { munmap(memory_, sizeof(Tally)); }
+    Shared(const Shared&) = delete;
+    Shared& operator=(const Shared&) = delete;
+    Tally* operator->() const { return tally_; }
+
+private:
+    void* memory_;
+    Tally* tally_;
+};
 
 class Counter : public FreshServer
 {
@@ -270,31 +316,25 @@ TEST_F(Counter, IsEachAccountsOwn)
 
 TEST_F(Counter, ComparesFiftyCodesInAYearOfGuessingWhateverElseHappens)
 {
-    int results[2];
-    ASSERT_EQ(0, pipe(results));
-    int64_t now = 0;
-    int compared = 0;
-    for (int day = 0; day < 365; ++day) {
-        now += 24 * 3600;
-        AsWorker([now, day, &results] { // a new start of the service each day
+    const Shared tally;
+    const int days = Rounds(10, 365);
+    for (int day = 0; day < days; ++day) {
+        AsWorker([&tally, day] { // a new start of the service each day
             const Person alice = Find("alice");
-            char wrong = 0;
             for (int hour = 0; hour < 24; ++hour) { // and of the machine each week
-                SetClocks(now + hour * 3600, hour * 3600 + day % 7 * 24 * 3600,
-                          "start-" + std::to_string(day / 7));
-                const CodeResult result = Verify(alice, WrongCode(alice, day * 24 + hour)).result;
-                wrong = static_cast<char>(wrong + (result == CodeResult::Wrong ? 1 : 0));
+                const int passed = day * 24 + hour;
+                SetClocks(kNow + passed * 3600, passed % (7 * 24) * 3600, "start-" + std::to_string(day / 7));
+                StartRequest();
+                CurrentRequest().clientAddress = "192.0.2." + std::to_string(passed % 250);
+                const char* const spellings[] = {"alice", "ALICE", " Alice ", "\uff41lice"};
+                const std::optional<Account> named = FindAccount(*CanonicalName(spellings[hour % 4]));
+                const std::string half = OpenPending(named.value(), SessionState::CodeRequired);
+                tally->Add(VerifyCode(FindSession(half)->account, WrongCode(alice, passed)).result);
             }
-            ASSERT_EQ(1, write(results[1], &wrong, 1));
         });
-        char wrong = 0;
-        ASSERT_EQ(1, read(results[0], &wrong, 1));
-        compared += wrong;
-        if (day == 30) {
-            day = 330; // closed by then; nothing new can happen
-        }
     }
-    EXPECT_EQ(50, compared);
+    EXPECT_EQ(50, tally->wrong);
+    EXPECT_EQ(days * 24 - 50, tally->refused);
     AsWorker([] { EXPECT_EQ(CodeResult::Closed, Verify(Find("alice"), "123456").result); });
 }
 
@@ -346,56 +386,6 @@ TEST_F(Counter, AClockThatRunsBackwardsShortensNothing)
 }
 
 // --- Many at once ---
-
-// What several processes found, in memory that they share.
-struct Tally {
-    std::atomic<int> accepted = 0;
-    std::atomic<int> wrong = 0;
-    std::atomic<int> used = 0;
-    std::atomic<int> refused = 0;
-    std::atomic<int> other = 0;
-    std::atomic<int> next = 0;
-
-    void Add(CodeResult result)
-    {
-        switch (result) {
-        case CodeResult::Accepted:
-            ++accepted;
-            break;
-        case CodeResult::Wrong:
-            ++wrong;
-            break;
-        case CodeResult::Used:
-            ++used;
-            break;
-        case CodeResult::Throttled:
-        case CodeResult::Closed:
-            ++refused;
-            break;
-        case CodeResult::Fault:
-            ++other;
-            break;
-        }
-    }
-};
-
-class Shared
-{
-public:
-    Shared()
-        : memory_(mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)),
-          tally_(new (memory_) Tally)
-    {
-    }
-    ~Shared() { munmap(memory_, sizeof(Tally)); }
-    Shared(const Shared&) = delete;
-    Shared& operator=(const Shared&) = delete;
-    Tally* operator->() const { return tally_; }
-
-private:
-    void* memory_;
-    Tally* tally_;
-};
 
 TEST_F(Counter, GrantsNothingInTheSixthPlaceOfAThousandParallelGuesses)
 {

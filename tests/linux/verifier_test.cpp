@@ -15,9 +15,11 @@
 #include "platform/secrets.h"
 
 #include "tests/support/fresh_server.h"
+#include "tests/support/rounds.h"
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace tavr::test
@@ -91,6 +93,11 @@ std::string Enrol(const Account& account)
     return secret;
 }
 
+std::string ActiveSecret(const Account& account)
+{
+    return SecretText(account.uid, Settle(account).active.value().reference);
+}
+
 // --- Published vectors ---
 
 // RFC 4226, appendix D: the secret "12345678901234567890", counters 0 to 9.
@@ -133,15 +140,16 @@ TEST_F(Verifier, AcceptsTheStepBesideThePresentOneAndNoOther)
 {
     AsWorker([] {
         int account = 0;
-        // 1970, 2001, 2024, 2038 and after, 2106 and after, 2286; the first and the last second of a step.
+        // 1970 from its first step on, 2001, 2024, 2038 and after, 2106 and after, 2286; the first and the
+        // last second of a step.
         for (const int64_t step :
-             {11LL, 33333333LL, 57'000'000LL, 71'582'789LL, 143'165'577LL, 332'880'000LL}) {
+             {0LL, 1LL, 11LL, 33333333LL, 57'000'000LL, 71'582'789LL, 143'165'577LL, 332'880'000LL}) {
             for (const int second : {0, 29}) {
                 const Account owner = MakeAccount("user" + std::to_string(++account));
-                const std::string secret = MakeWaiting(owner);
+                const std::string secret = MakeWaiting(owner, "12345678901234567890"); // no two codes alike
                 AlignToSecond();
                 SetWallClock(30 * step + second);
-                for (int64_t away = -10; away <= 10; ++away) {
+                for (int64_t away = std::max<int64_t>(-10, -step); away <= 10; ++away) {
                     const CodeResult expected =
                         away >= -1 && away <= 1 ? CodeResult::Accepted : CodeResult::Wrong;
                     EXPECT_EQ(expected, Confirm(owner, CodeOf(secret, step + away))) << step << ' ' << away;
@@ -170,7 +178,7 @@ TEST_F(Verifier, AcceptsNoStepTwiceAndNoneBeforeTheLastAccepted)
     });
     AsWorker([] {
         const Account alice = *FindAccount("alice");
-        const std::string secret = SecretText(alice.uid, SecretsOf(alice.uid).at(0).reference);
+        const std::string secret = ActiveSecret(alice);
         EXPECT_EQ(CodeResult::Used, Verify(alice, CodeOf(secret, kStep + 2))) << "another process";
     });
 }
@@ -191,6 +199,45 @@ TEST_F(Verifier, AcceptsNoStepOfTheActiveSecretAgainAfterARenewalThatWasUndone)
     });
 }
 
+// In five ways, so often each.
+TEST_F(Verifier, RefusesEveryReplayAsUsedAndCountsNone)
+{
+    const int times = Rounds(40, 2000);
+    const auto replay = [times](const char* way, int64_t step) {
+        const Account alice = *FindAccount("alice");
+        const std::string code = CodeOf(ActiveSecret(alice), step);
+        for (int i = 0; i < times; ++i) {
+            ASSERT_EQ(CodeResult::Used, Verify(alice, code)) << way << ' ' << i;
+            ASSERT_EQ(0, SecondStepOf(alice.uid).failures) << way << ' ' << i;
+        }
+    };
+    AsWorker([&] {
+        const Account alice = MakeAccount("alice");
+        EXPECT_EQ(CodeResult::Accepted, Verify(alice, CodeOf(Enrol(alice), kStep)));
+        replay("the same process", kStep);
+    });
+    AsWorker([&] { replay("another process", kStep); });
+    AsWorker([&] {
+        SetClocks(kNow, 5, "second");
+        replay("another start of the machine", kStep);
+    });
+    AsWorker([&] {
+        SetWallClock(kNow + 3600);
+        const Account alice = *FindAccount("alice");
+        EXPECT_EQ(CodeResult::Accepted, Verify(alice, CodeOf(ActiveSecret(alice), kStep + 120)));
+        SetWallClock(kNow);
+        replay("a clock set back", kStep);
+    });
+    AsWorker([&] {
+        SetWallClock(kNow + 3600);
+        const Account alice = *FindAccount("alice");
+        const std::string renewed = MakeWaiting(alice);
+        EXPECT_EQ(CodeResult::Accepted, Confirm(alice, CodeOf(renewed, kStep + 121)));
+        unlink(WaitingPath(alice).c_str());
+        replay("a renewal undone", kStep + 120);
+    });
+}
+
 TEST_F(Verifier, GrantsOneOfManySimultaneousTries)
 {
     constexpr int kWorkers = 8;
@@ -202,7 +249,7 @@ TEST_F(Verifier, GrantsOneOfManySimultaneousTries)
         ASSERT_EQ(0, pipe(results));
         AsWorkers(kWorkers, [&results, round](int) {
             const Account alice = *FindAccount("alice");
-            const std::string secret = SecretText(alice.uid, SecretsOf(alice.uid).at(0).reference);
+            const std::string secret = ActiveSecret(alice);
             const CodeResult result = Verify(alice, CodeOf(secret, kStep + round));
             ASSERT_EQ(1, write(results[1],
                                result == CodeResult::Accepted ? "+"
@@ -587,7 +634,7 @@ TEST_F(Verifier, GrantsNothingThatCannotBeStored)
     AsWorker([] {
         const Account alice = *FindAccount("alice");
         SetWallClock(kNow);
-        const std::string secret = SecretText(alice.uid, SecretsOf(alice.uid).at(0).reference);
+        const std::string secret = ActiveSecret(alice);
         SigninDatabase().Prepare("PRAGMA wal_checkpoint(TRUNCATE)").Run(); // no room left in the log
         WriteFile(std::string(kStateDir) + "/filler", std::string(1 << 20, 'x'));
         EXPECT_EQ(CodeResult::Fault, Verify(alice, CodeOf(secret, kStep)));

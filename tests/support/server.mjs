@@ -21,6 +21,12 @@ export async function startServer({ accounts = { alice: [] }, workers = 2 } = {}
   return server;
 }
 
+// How often a test does what is worth more rounds than every run can wait for: `all` when the environment has
+// TAVR_ALL_ROUNDS.
+export function rounds(usual, all) {
+  return process.env.TAVR_ALL_ROUNDS === undefined ? usual : all;
+}
+
 // Runs a console command, with `input` on its standard input, and gives its output. Throws when it fails.
 export function run(command, args, input = "") {
   const result = spawnSync(command, args, { input, encoding: "utf8" });
