@@ -5,8 +5,8 @@
 #include "linux/paths.h"
 #include "linux/unix_socket.h"
 #include "webapi/loop.h"
+#include "webapi/smtp.h"
 
-#include <curl/curl.h>
 #include <fcntl.h>
 #include <getopt.h>
 #include <grp.h>
@@ -153,7 +153,7 @@ int main(int argc, char** argv)
     const bool activated = IsActivated();
     tavr::PrepareProcess(activated ? kFirstPassed + 1 : kFirstPassed);
     tavr::OpenLog("tavr-webapid");
-    if (sodium_init() < 0 || curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
+    if (sodium_init() < 0 || !tavr::webapi::StartMailTransfers()) {
         Die("libraries cannot be started");
     }
 
