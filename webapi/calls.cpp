@@ -5,6 +5,7 @@
 #include "linux/request.h"
 #include "platform/core.h"
 #include "platform/users.h"
+#include "webapi/mail_calls.h"
 
 #include <syslog.h>
 
@@ -66,6 +67,8 @@ struct Call {
 
 constexpr Call kCalls[] = {
     {"TAVR.Core.NormalUser", "get", 1, GetNormalUser},
+    {"TAVR.PersonMailAccount.Mail", "send", 1, SendPersonalMail},
+    {"TAVR.PersonMailAccount.Mail", "test", 1, TestPersonalMail},
 };
 
 // The call, or which part of its name is unknown.

@@ -31,7 +31,7 @@ public:
 
     void Data(Json::Value data) const { send_(Success(std::move(data))); }
     void Refuse(Code code) const { send_(Refusal(code)); }
-    void Refuse(Json::Value refusal) const { send_(refusal); } // a Refusal() with members of its own
+    void Refuse(const Json::Value& refusal) const { send_(refusal); } // a Refusal() with members of its own
 
 private:
     Send send_;

@@ -24,9 +24,12 @@ enum class Code : int {
     UnknownApi = 10, //
     UnknownMethod = 11,
     UnknownVersion = 12,
-    BadArgument = 13, // one is missing or not of its type
-    NoAccount = 20,   // nobody of that name
-    Unavailable = 21, // accounts or settings could not be read
+    BadArgument = 13,   // one is missing or not of its type
+    NoAccount = 20,     // nobody of that name
+    Unavailable = 21,   // accounts or settings could not be read
+    NoMailAccount = 22, // the account has none that is called so
+    MailNotSent = 30,   // the server did not take it; another try may go well
+    MailRefused = 31,   // it refused recipient or message for good
 };
 
 // One message as it comes in, piece by piece.

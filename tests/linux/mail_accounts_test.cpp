@@ -5,7 +5,6 @@
 #include "tests/support/fresh_server.h"
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -40,10 +39,7 @@ std::string FileOf(const Account& account)
 
 void Change(const Account& account, const std::string& sql)
 {
-    sqlite3* db = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open(FileOf(account).c_str(), &db));
-    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr)) << sqlite3_errmsg(db);
-    sqlite3_close(db);
+    RunSql(FileOf(account), sql);
 }
 
 // Alias and whether it is the default, of all.

@@ -289,7 +289,7 @@ is 3 '*"err":"no_such_mail"*' tavrctl mail queue drop 1 --json
 is 2 '*' tavrctl mail queue drop
 is 0 'no mail server is set up' tavrctl mail server off
 
-# --- Mail accounts of users; what needs a mail server is in tests/webapi/mail_account_test.sh ---
+# --- Mail accounts of users; what needs a mail server is in tests/webapi/mail_calls_test.cpp ---
 add() { tavrctl mail-account add alice "$@"; }
 is 0 '' tavrctl mail-account list alice
 is 0 'added mail account home of alice, the default, which was not tested' \

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <linux/magic.h>
+#include <sqlite3.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -276,6 +277,14 @@ void WriteFile(const std::string& path, const std::string& text)
 {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
     Require(chmod(path.c_str(), 0600) == 0, path);
+}
+
+void RunSql(const std::string& path, const std::string& sql)
+{
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr)) << path;
+    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr)) << sqlite3_errmsg(db);
+    sqlite3_close(db);
 }
 
 Ran RunProgram(const std::vector<std::string>& arguments)

@@ -65,6 +65,7 @@ std::string CodeOf(const std::string& secretBase32, int64_t step);
 
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& text); // mode 0600
+void RunSql(const std::string& path, const std::string& sql);     // in an SQLite file, past our own code
 
 // The output of a program; its exit status in `status`, what it said on standard error in `complaint`.
 struct Ran {

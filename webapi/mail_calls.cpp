@@ -1,0 +1,215 @@
+#include "webapi/mail_calls.h"
+
+#include "linux/clock.h"
+#include "linux/mail_accounts.h"
+#include "linux/names.h"
+#include "linux/settings.h"
+#include "linux/untrusted_json.h"
+#include "webapi/transfers.h"
+
+#include <sodium.h>
+#include <syslog.h>
+
+#include <memory>
+#include <stdexcept>
+
+namespace tavr::webapi
+{
+
+namespace
+{
+
+constexpr size_t kLongestAppText = 200; // app_name, app_title
+constexpr size_t kLongestPassword = kMaxPassword;
+
+// Refused with these words for people.
+Json::Value Explained(Code code, int reply, const std::string& text)
+{
+    Json::Value refusal = Refusal(code);
+    refusal["error"]["reply"] = reply;
+    refusal["error"]["text"] = text;
+    return refusal;
+}
+
+// A copy of a password, for as long as a call takes.
+class WipedServer
+{
+public:
+    explicit WipedServer(MailServer server) : server_(std::move(server)) {}
+    ~WipedServer() { sodium_memzero(server_.password.data(), server_.password.size()); }
+    WipedServer(const WipedServer&) = delete;
+    WipedServer& operator=(const WipedServer&) = delete;
+    [[nodiscard]] const MailServer& Get() const { return server_; }
+
+private:
+    MailServer server_;
+};
+
+// The text of a JSON array that holds one text.
+std::optional<std::string> OnlyAddress(std::string_view text)
+{
+    const auto object = ParseStrictObject("{\"to\":" + std::string(text) + '}');
+    if (!object || object->size() != 1) {
+        return std::nullopt;
+    }
+    const Json::Value& list = (*object)["to"];
+    const bool single = list.isArray() && list.size() == 1 && list[0].isString();
+    return single ? std::optional(list[0].asString()) : std::nullopt;
+}
+
+std::optional<Account> Runner(const Request& request)
+{
+    const auto name = CanonicalName(request.runner);
+    return name ? FindAccount(*name) : std::nullopt;
+}
+
+// Calls use(account, server) with the mail account that the arguments name, unless it cannot be had.
+template<class Use>
+void WithMailAccount(const Request& request, const Reply& reply, Use use)
+{
+    const auto type = TextMember(request.params, "email_type");
+    const auto alias = TextMember(request.params, "alias");
+    if (!type || !alias || request.runner.empty()) {
+        reply.Refuse(Code::BadArgument);
+        return;
+    }
+    try {
+        const auto account = Runner(request);
+        auto opened = account ? OpenMailAccount(*account, *type, *alias) : std::nullopt;
+        if (!opened) {
+            reply.Refuse(account ? Code::NoMailAccount : Code::NoAccount);
+            return;
+        }
+        const WipedServer server(std::move(opened->server));
+        use(*account, server.Get());
+    } catch (const DatabaseError& error) {
+        syslog(LOG_ERR, "a mail account cannot be read: %s", error.what());
+        reply.Refuse(Code::Unavailable);
+    } catch (const VaultError& error) {
+        syslog(LOG_ERR, "the password of a mail account cannot be opened: %s", error.what());
+        reply.Refuse(Code::Unavailable);
+    }
+}
+
+// The server that is described by the arguments of a test; with what is wrong with them, in a few words.
+struct Described {
+    MailAccount account;
+    const char* problem = nullptr;
+};
+
+Described DescribedServer(const Json::Value& params)
+{
+    const auto text = [&](const char* name) { return std::string(TextMember(params, name).value_or("")); };
+    Described described;
+    MailServer& server = described.account.server;
+    const auto security = MailSecurityOf(text("security"));
+    described.account.alias = "test";
+    server.host = text("host");
+    server.port = params["port"].isInt() ? params["port"].asInt() : 0;
+    server.security = security.value_or(MailSecurity::StartTls);
+    server.user = text("user");
+    server.password = text("password");
+    server.from = text("from");
+    server.caFile = Setting("mail_ca_file", "");
+    server.privateAddresses = MayPersonalServersBePrivate();
+    described.problem = MailAccountProblem(described.account);
+    if (!security) {
+        described.problem = "the security is none of starttls, tls and none";
+    }
+    if (server.password.size() > kLongestPassword) {
+        described.problem = "the password is too long";
+    }
+    return described;
+}
+
+Json::Value Said(const MailOutcome& outcome)
+{
+    Json::Value data;
+    data["reply"] = outcome.reply;
+    data["text"] = outcome.text;
+    return data;
+}
+
+} // namespace
+
+void SendAndAnswer(const MailServer& server, const Mail& mail, const Reply& reply, Tools& tools)
+{
+    if (const char* problem = MailProblem(server.from, mail)) {
+        reply.Refuse(Explained(Code::BadArgument, 0, problem));
+        return;
+    }
+    const auto transfer = std::make_shared<MailTransfer>(server, mail);
+    tools.transfers.Start(transfer->Handle(), [transfer, reply](CURLcode result) {
+        const MailOutcome outcome = transfer->Finish(result);
+        if (outcome.delivery == Delivery::Sent) {
+            reply.Data(Said(outcome));
+        } else {
+            const bool refused = outcome.delivery == Delivery::Refused;
+            reply.Refuse(
+                Explained(refused ? Code::MailRefused : Code::MailNotSent, outcome.reply, outcome.text));
+        }
+    });
+}
+
+Mail TestMail(const std::string& to, const std::string& about)
+{
+    Mail mail;
+    mail.to = to;
+    mail.subject = "Test mail of " + OwnHostName();
+    mail.html = "This mail shows that " + about + " can send. Nobody needs to answer it.";
+    mail.messageId = MakeMessageId(OwnHostName());
+    mail.date = WallSeconds();
+    return mail;
+}
+
+void SendPersonalMail(const Request& request, const Reply& reply, Tools& tools)
+{
+    const Json::Value& params = request.params;
+    const auto to = TextMember(params, "to");
+    const auto subject = TextMember(params, "subject");
+    const auto body = TextMember(params, "body");
+    const auto appName = TextMember(params, "app_name");
+    const auto appTitle = TextMember(params, "app_title");
+    const auto address = to ? OnlyAddress(*to) : std::nullopt;
+    if (!address || !subject || !body || !appName || !appTitle || appName->size() > kLongestAppText ||
+        appTitle->size() > kLongestAppText) {
+        reply.Refuse(Code::BadArgument);
+        return;
+    }
+    WithMailAccount(request, reply, [&](const Account& /*account*/, const MailServer& server) {
+        Mail mail;
+        mail.to = *address;
+        mail.subject = *subject;
+        mail.html = *body;
+        mail.messageId = MakeMessageId(OwnHostName());
+        mail.date = WallSeconds();
+        SendAndAnswer(server, mail, reply, tools);
+        sodium_memzero(mail.html.data(), mail.html.size());
+    });
+}
+
+// A server that is described, or a mail account that is stored.
+void TestPersonalMail(const Request& request, const Reply& reply, Tools& tools)
+{
+    const auto to = TextMember(request.params, "to");
+    if (!to) {
+        reply.Refuse(Code::BadArgument);
+        return;
+    }
+    const Mail mail = TestMail(std::string(*to), "a personal mail account");
+    if (!request.params.isMember("host")) {
+        WithMailAccount(request, reply, [&](const Account& /*account*/, const MailServer& server) {
+            SendAndAnswer(server, mail, reply, tools);
+        });
+        return;
+    }
+    Described described = DescribedServer(request.params);
+    if (described.problem != nullptr) {
+        reply.Refuse(Explained(Code::BadArgument, 0, described.problem));
+        return;
+    }
+    const WipedServer server(std::move(described.account.server));
+    SendAndAnswer(server.Get(), mail, reply, tools);
+}
+
+} // namespace tavr::webapi
