@@ -16,7 +16,7 @@ class [[gnu::visibility("default")]] MailOtpCodeHandler
 {
 public:
     MailOtpCodeHandler();
-    ~MailOtpCodeHandler();
+    ~MailOtpCodeHandler(); // empty, and part of the library.  NOLINT(performance-trivially-destructible)
 
     // The whole request: finds the recovery address of `userName`, a name as somebody typed it, takes a code
     // and mails it. The result is also "success". "err" is "no_mail_address", "otp_no_emergency_code" or
