@@ -6,7 +6,10 @@ import { kWindows, looker, readQr } from "../support/browser.mjs";
 import { run } from "../support/server.mjs";
 import { Client } from "./client.mjs";
 import { openStage, plain } from "./stage.mjs";
-import { atOverview, atStep, errorAt, shownKey, signIn, signOut, tabTo, typeCode } from "./steps.mjs";
+import {
+  atCodeField, atOverview, atStep, enter, errorAt, json, message, refuse, shownKey, signIn, signOut, tabTo,
+  typeCode,
+} from "./steps.mjs";
 
 const kClosed = "There were too many wrong codes, so the second step is closed. Please ask your administrator to open it again.";
 const kUsed = "That code was already used. Please wait for the next one.";
@@ -21,8 +24,8 @@ async function enrolled(user) {
   await client.post("/api/signin", { user, password });
   const { json: { key } } = await client.post("/api/otp/qr", { password, account_name: user });
   const used = server.code(key);
-  const { json } = await client.post("/api/otp/confirm", { password, code: used });
-  assert.ok(json.auth_ok, `${user} is enrolled`);
+  const { json: answer } = await client.post("/api/otp/confirm", { password, code: used });
+  assert.ok(answer.auth_ok, `${user} is enrolled`);
   return { client, key, used, next: () => { server.advance(30); return server.code(key); } };
 }
 
@@ -41,18 +44,8 @@ async function atHome(t, user, options) {
 async function atSecondStep(t, user, options) {
   const page = await visit(t, options);
   const account = await enrolled(user);
-  await signIn(page, user, server.passwords[user]);
-  await page.waitForSelector("#code-form:visible");
+  await atCodeField(page, server, user);
   return { page, ...account };
-}
-
-const json = (status, body, headers = {}) => ({ status, contentType: "application/json", body: JSON.stringify(body), headers });
-const refuse = (page, path, status, body, headers) =>
-  page.route(`**${path}`, (route) => route.fulfill(json(status, { success: false, ...body }, headers)));
-
-async function enter(page, field, code) {
-  await page.fill(field, code);
-  await page.press(field, "Enter");
 }
 
 async function proveFor(page, form, password, code) {
@@ -68,11 +61,6 @@ async function startRenewal(page, password, code) {
   await atStep(page, "scan");
   return shownKey(page);
 }
-
-const message = async (page) => {
-  await page.waitForSelector("#message:visible");
-  return page.textContent("#message");
-};
 
 // --- words ---
 

@@ -1,6 +1,7 @@
 // What a person does on the pages, step by step, for the flows.
 import assert from "node:assert/strict";
 
+
 export const kPanels = {
   password: "[data-panel=password]",
   scan: "[data-panel=scan]",
@@ -8,6 +9,32 @@ export const kPanels = {
   mail: "[data-panel=mail]",
   done: "[data-panel=done]",
 };
+
+// --- answers that a page gets in place of the server's ---
+
+export const json = (status, body, headers = {}) =>
+  ({ status, contentType: "application/json", body: JSON.stringify(body), headers });
+
+export const refuse = (page, path, status, body, headers) =>
+  page.route(`**${path}`, (route) => route.fulfill(json(status, { success: false, ...body }, headers)));
+
+// --- what a person does ---
+
+export async function enter(page, field, code) {
+  await page.fill(field, code);
+  await page.press(field, "Enter");
+}
+
+export async function message(page) {
+  await page.waitForSelector("#message:visible");
+  return page.textContent("#message");
+}
+
+// Somebody enrolled, from the password to the code field.
+export async function atCodeField(page, server, user) {
+  await signIn(page, user, server.passwords[user]);
+  await page.waitForSelector("#code-form:visible");
+}
 
 export async function signIn(page, user, password) {
   await page.goto("/");
