@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <set>
 #include <stdexcept>
 
 namespace tavr::webapi
@@ -39,6 +40,15 @@ void* Reallocate(void* memory, size_t size)
         WipeAndFree(memory);
     }
     return larger;
+}
+
+// --- Connections ---
+
+// Of the transfers that this thread runs.
+std::set<curl_socket_t>& OpenSockets()
+{
+    static thread_local std::set<curl_socket_t> sockets;
+    return sockets;
 }
 
 // --- Addresses ---
@@ -203,6 +213,7 @@ void MailTransfer::SetServer(const MailServer& server)
     Set(CURLOPT_TIMEOUT_MS, kWholeMilliseconds);
     Set(CURLOPT_OPENSOCKETFUNCTION, OpenSocket);
     Set(CURLOPT_OPENSOCKETDATA, this);
+    Set(CURLOPT_CLOSESOCKETFUNCTION, CloseSocket);
     Set(CURLOPT_FORBID_REUSE, 1L); // see OnReply
     if (!server.privateAddresses) {
         Set(CURLOPT_FRESH_CONNECT, 1L); // one that another mail has left open may lead where this may not go
@@ -237,7 +248,16 @@ curl_socket_t MailTransfer::OpenSocket(void* self, curlsocktype /*purpose*/, cur
         return CURL_SOCKET_BAD;
     }
     transfer->socket_ = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    if (transfer->socket_ >= 0) {
+        OpenSockets().insert(transfer->socket_);
+    }
     return transfer->socket_;
+}
+
+int MailTransfer::CloseSocket(void* /*unused*/, curl_socket_t socket)
+{
+    OpenSockets().erase(socket);
+    return close(socket);
 }
 
 size_t MailTransfer::ReadMessage(char* buffer, size_t size, size_t count, void* self)
@@ -265,7 +285,12 @@ void MailTransfer::OnCommand(std::string_view text)
 {
     if (text == "QUIT\r\n") {
         left_ = true;
-        shutdown(socket_, SHUT_RD); // libcurl would wait for the reply, without any limit of time
+        // libcurl would wait for the reply, without any limit of time.
+        if (socket_ >= 0) {
+            shutdown(socket_, SHUT_RD);
+        } else { // another transfer has opened it
+            HangUpKeptConnections();
+        }
         return;
     }
     if (text.starts_with("MAIL ")) {
@@ -318,6 +343,13 @@ MailOutcome MailTransfer::Finish(CURLcode result) const
     }
     const bool explained = error_[0] != 0;
     return {Delivery::Later, 0, Clean(explained ? error_ : curl_easy_strerror(result))};
+}
+
+void HangUpKeptConnections()
+{
+    for (const curl_socket_t socket : OpenSockets()) {
+        shutdown(socket, SHUT_RD);
+    }
 }
 
 MailOutcome SendMail(const MailServer& server, const Mail& mail)

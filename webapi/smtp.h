@@ -44,9 +44,8 @@ public:
 
     CURL* Handle() { return easy_.get(); }
 
-    // To be called before it begins, and for a server that can be trusted: the connection stays open for the
-    // next transfer of the same multi or easy handle, if the server takes the mail. It is libcurl that closes
-    // it then, and libcurl waits for the goodbye; so not for the last of several mails.
+    // To be called before it begins: the connection stays open for the next transfer of the same multi handle
+    // to this server, if the server takes the mail.
     void KeepConnection() { keepsConnection_ = true; }
 
     MailOutcome Finish(CURLcode result) const;
@@ -70,6 +69,7 @@ private:
     [[nodiscard]] bool IsSent() const; // the server has taken the mail
 
     static curl_socket_t OpenSocket(void* self, curlsocktype purpose, curl_sockaddr* address);
+    static int CloseSocket(void* unused, curl_socket_t socket);
     static size_t ReadMessage(char* buffer, size_t size, size_t count, void* self);
     static int Listen(CURL* easy, curl_infotype type, char* data, size_t size, void* self);
 
@@ -89,6 +89,11 @@ private:
     std::unique_ptr<curl_slist, Cleanup> recipients_;
     std::unique_ptr<CURL, Cleanup> easy_; // let go of first: it uses all of the above
 };
+
+// To be called before a multi handle is let go of, on the thread that has used it: the servers of connections
+// that were kept are told goodbye, but no longer listened to. libcurl would wait for their replies, without
+// any limit of time.
+void HangUpKeptConnections();
 
 // Sends and waits for it, about ten seconds at most.
 MailOutcome SendMail(const MailServer& server, const Mail& mail);

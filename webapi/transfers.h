@@ -1,12 +1,23 @@
 // libcurl transfers that go on while the service serves others.
+//
+// On threads of their own: libcurl takes its time inside one call for the reply to a mail and for a goodbye,
+// as long as the server likes, whichever of its interfaces is used. Whoever starts a transfer and is told of
+// its end does so on one thread, the service's own, and sees none of this.
 #pragma once
+
+#include "linux/descriptor.h"
 
 #include <curl/curl.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <functional>
-#include <memory>
+#include <mutex>
+#include <thread>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 namespace tavr::webapi
 {
@@ -16,30 +27,41 @@ class Transfers
 public:
     using Done = std::function<void(CURLcode result)>;
 
-    Transfers();  // throws std::bad_alloc
-    ~Transfers(); // those that still run are cut; nobody is told
+    static constexpr size_t kMostAtOnce = 32; // others wait for their turn
+
+    Transfers();  // throws std::system_error
+    ~Transfers(); // waits for those that run; nobody is told
     Transfers(const Transfers&) = delete;
     Transfers& operator=(const Transfers&) = delete;
 
-    // Begins. `easy` stays the caller's and has to live until `done` was called, which may let go of it;
-    // `done` is never called before this returns. Connections are kept and used again while there is anything
-    // to transfer.
+    // Begins. `easy` stays the caller's, who leaves it alone until `done` was called, which may let go of it;
+    // `done` is never called before this returns. Connections that a transfer has kept are used again while
+    // there is anything to transfer.
     void Start(CURL* easy, Done done);
 
     [[nodiscard]] size_t Running() const { return running_.size(); }
 
-    // Waits until something can go on, `descriptor` can be read, or `longest` (negative: no end) has passed.
+    // Waits until a transfer is done, `descriptor` can be read, or `longest` (negative: no end) has passed.
     void Wait(int descriptor, std::chrono::milliseconds longest);
 
-    // Does what can be done without waiting, and tells who is done.
+    // Tells who is done. Does not wait.
     void GoOn();
 
 private:
-    struct Cleanup {
-        void operator()(CURLM* multi) const noexcept { curl_multi_cleanup(multi); }
-    };
-    std::unique_ptr<CURLM, Cleanup> multi_;
+    void Work();
+    CURL* Take(bool keepsConnections); // null: it is time to let go of them, or to end
+
     std::unordered_map<CURL*, Done> running_;
+    Descriptor ended_; // an eventfd: something is in results_
+
+    std::mutex mutex_; // of what follows
+    std::condition_variable work_;
+    std::deque<CURL*> waiting_;
+    std::vector<std::pair<CURL*, CURLcode>> results_;
+    size_t idle_ = 0; // threads
+    bool ending_ = false;
+
+    std::vector<std::thread> threads_;
 };
 
 } // namespace tavr::webapi

@@ -232,6 +232,25 @@ TEST_F(MailCalls, ReachNoPrivateAddressUnlessTheSettingsAllowIt)
     EXPECT_TRUE(sink_->Commands().empty());
 }
 
+TEST_F(MailCalls, OfAServerThatHangsDelayNobodyElse)
+{
+    StartSink(SinkWith({"--fault", "hang-data"}));
+    AsWorker([] { AddMailAccount(*FindAccount("alice"), OfficeAccount()); });
+    Json::Value request;
+    request["params"] = SendParams();
+    request["runner"]["username"] = "alice";
+    const Descriptor hanging = ConnectRaw();
+    SendRaw(hanging, Frame(JsonToString(request)));
+    for (int i = 0; i < 500 && (sink_->Commands().empty() || sink_->Commands().back() != "DATA"); ++i) {
+        usleep(10'000);
+    }
+    usleep(300'000); // the service waits for the reply by now
+    EXPECT_TRUE(Ask(GetRequest("alice"))["success"].asBool());
+    char byte = 0;
+    EXPECT_EQ(-1, recv(hanging.Get(), &byte, 1, MSG_DONTWAIT)) << "the mail's answer was there before";
+    EXPECT_EQ(30, CodeIn(AnswerIn(ReceiveAll(hanging))));
+}
+
 // --- The console ---
 
 TEST_F(MailCalls, ProveAMailAccountBeforeItIsAdded)

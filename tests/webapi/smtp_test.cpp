@@ -242,7 +242,8 @@ TEST(MailTransfer, KeepsAConnectionWhenToldSoAndTheMailWasTaken)
         bool keep;
         long connections; // that the second mail needed
     };
-    for (const Case& row : {Case{"none", true, 0}, Case{"none", false, 1}, Case{"data-451", true, 1}}) {
+    for (const Case& row : {Case{"none", true, 0}, Case{"none", false, 1}, Case{"data-451", true, 1},
+                            Case{"hang-quit", true, 0}}) {
         const SmtpSink sink({"--fault", row.fault});
         const std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)> multi(curl_multi_init(),
                                                                           curl_multi_cleanup);
