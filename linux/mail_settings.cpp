@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
 
 namespace tavr
 {
@@ -139,8 +140,9 @@ bool IsHostName(std::string_view text)
 std::string OwnHostName()
 {
     char name[256] = {};
-    const bool known = gethostname(name, sizeof name - 1) == 0 && IsDomain(name);
-    return known ? name : "localhost";
+    const bool known = gethostname(name, sizeof name - 1) == 0 && IsDomain(name) && IsPlainText(name);
+    const bool ascii = std::all_of(std::begin(name), std::end(name), [](char c) { return c >= 0; });
+    return known && ascii ? name : "localhost"; // a Message-ID takes nothing else
 }
 
 } // namespace tavr
