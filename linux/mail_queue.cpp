@@ -7,7 +7,6 @@
 #include "platform/webapi.h"
 
 #include <fcntl.h>
-#include <sodium.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -72,15 +71,6 @@ int64_t WaitAfter(int64_t attempts)
 std::string BoundTo(const char* part, int64_t id)
 {
     return std::string("tavr-mail-1 ") + part + ' ' + std::to_string(id);
-}
-
-std::string NewMessageId()
-{
-    unsigned char random[16];
-    char digits[2 * sizeof random + 1];
-    randombytes_buf(random, sizeof random);
-    sodium_bin2hex(digits, sizeof digits, random, sizeof random);
-    return '<' + std::string(digits) + '@' + OwnHostName() + '>';
 }
 
 int64_t CountWaiting(Database& db)

@@ -1,13 +1,12 @@
 #include "linux/mail_settings.h"
 
-#include "linux/names.h"
 #include "linux/settings.h"
 
+#include <sodium.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <iterator>
 
 namespace tavr
 {
@@ -25,17 +24,12 @@ bool IsLetterOrDigit(char c)
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
 }
 
-// Of a domain that may hold letters of any script.
-bool IsDomainCharacter(char c)
-{
-    return IsLetterOrDigit(c) || c == '-' || c == '.' || static_cast<unsigned char>(c) >= 0x80;
-}
-
 bool IsDomain(std::string_view text)
 {
     return !text.empty() && text.size() <= kLongestHost && text.front() != '.' && text.front() != '-' &&
            text.back() != '-' && text.find("..") == std::string_view::npos &&
-           std::all_of(text.begin(), text.end(), IsDomainCharacter);
+           std::all_of(text.begin(), text.end(),
+                       [](char c) { return IsLetterOrDigit(c) || c == '-' || c == '.'; });
 }
 
 MailSecurity SecuritySetting()
@@ -117,11 +111,11 @@ bool IsMailAddress(std::string_view text)
 {
     const size_t at = text.find('@');
     if (at == std::string_view::npos || at == 0 || at > kLongestLocalPart || text.size() > kLongestAddress ||
-        !IsPlainText(text)) {
+        !std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < '\x7f'; })) {
         return false;
     }
     const std::string_view name = text.substr(0, at);
-    return name.find_first_of(" \"(),:;<>[\\]") == std::string_view::npos && name.front() != '.' &&
+    return name.find_first_of("\"(),:;<>[\\]") == std::string_view::npos && name.front() != '.' &&
            name.back() != '.' && name.find("..") == std::string_view::npos && IsDomain(text.substr(at + 1)) &&
            text.back() != '.';
 }
@@ -134,15 +128,23 @@ bool IsHostName(std::string_view text)
                           c == ':' || c == '.';
                });
     }
-    return IsPlainText(text) && IsDomain(text);
+    return IsDomain(text);
 }
 
 std::string OwnHostName()
 {
     char name[256] = {};
-    const bool known = gethostname(name, sizeof name - 1) == 0 && IsDomain(name) && IsPlainText(name);
-    const bool ascii = std::all_of(std::begin(name), std::end(name), [](char c) { return c >= 0; });
-    return known && ascii ? name : "localhost"; // a Message-ID takes nothing else
+    const bool known = gethostname(name, sizeof name - 1) == 0 && IsDomain(name);
+    return known ? name : "localhost";
+}
+
+std::string NewMessageId()
+{
+    unsigned char random[16];
+    char digits[2 * sizeof random + 1];
+    randombytes_buf(random, sizeof random);
+    sodium_bin2hex(digits, sizeof digits, random, sizeof random);
+    return '<' + std::string(digits) + '@' + OwnHostName() + '>';
 }
 
 } // namespace tavr

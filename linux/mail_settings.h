@@ -38,8 +38,9 @@ std::optional<MailServer> NotificationServer();
 // Whether a personal mail account may name a server on a private address (the setting mail_private_servers).
 bool MayPersonalServersBePrivate();
 
-// Whether a text is exactly one address, name@domain: UTF-8 without blanks, control characters and what has a
-// meaning of its own in headers and commands; 254 bytes at most.
+// Whether a text is exactly one address, name@domain: ASCII without blanks, control characters and what has a
+// meaning of its own in headers and commands; 254 bytes at most. Names in other letters need servers that
+// know SMTPUTF8 all the way.
 bool IsMailAddress(std::string_view text);
 
 // Whether a text can name a server: letters, digits, dots, hyphens, or an IPv6 address.
@@ -47,5 +48,8 @@ bool IsHostName(std::string_view text);
 
 // What this server is called, for texts and identifiers of mails: its host name, or "localhost".
 std::string OwnHostName();
+
+// For a new mail, with its angle brackets; never the same.
+std::string NewMessageId();
 
 } // namespace tavr

@@ -69,6 +69,7 @@ constexpr Call kCalls[] = {
     {"TAVR.Core.NormalUser", "get", 1, GetNormalUser},
     {"TAVR.PersonMailAccount.Mail", "send", 1, SendPersonalMail},
     {"TAVR.PersonMailAccount.Mail", "test", 1, TestPersonalMail},
+    {"TAVR.Notification.Mail", "test", 1, TestNotificationMail},
 };
 
 // The call, or which part of its name is unknown.

@@ -157,9 +157,27 @@ Mail TestMail(const std::string& to, const std::string& about)
     mail.to = to;
     mail.subject = "Test mail of " + OwnHostName();
     mail.html = "This mail shows that " + about + " can send. Nobody needs to answer it.";
-    mail.messageId = MakeMessageId(OwnHostName());
+    mail.messageId = NewMessageId();
     mail.date = WallSeconds();
     return mail;
+}
+
+void TestNotificationMail(const Request& request, const Reply& reply, Tools& tools)
+{
+    const auto to = TextMember(request.params, "to");
+    if (!to) {
+        reply.Refuse(Code::BadArgument);
+        return;
+    }
+    std::optional<MailServer> found = NotificationServer();
+    if (!found) {
+        reply.Refuse(Code::NoMailServer);
+        return;
+    }
+    const WipedServer server(std::move(*found));
+    SendAndAnswer(server.Get(),
+                  TestMail(std::string(*to), "the mail server that is set up on " + OwnHostName()), reply,
+                  tools);
 }
 
 void SendPersonalMail(const Request& request, const Reply& reply, Tools& tools)
@@ -181,7 +199,7 @@ void SendPersonalMail(const Request& request, const Reply& reply, Tools& tools)
         mail.to = *address;
         mail.subject = *subject;
         mail.html = *body;
-        mail.messageId = MakeMessageId(OwnHostName());
+        mail.messageId = NewMessageId();
         mail.date = WallSeconds();
         SendAndAnswer(server, mail, reply, tools);
         sodium_memzero(mail.html.data(), mail.html.size());

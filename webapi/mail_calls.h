@@ -12,6 +12,9 @@ namespace tavr::webapi
 void SendPersonalMail(const Request& request, const Reply& reply, Tools& tools);
 void TestPersonalMail(const Request& request, const Reply& reply, Tools& tools);
 
+// TAVR.Notification.Mail, version 1: "test".
+void TestNotificationMail(const Request& request, const Reply& reply, Tools& tools);
+
 // Sends it through the service's transfers, and tells what became of it. A mail that cannot be sent at all is
 // Code::BadArgument.
 void SendAndAnswer(const MailServer& server, const Mail& mail, const Reply& reply, Tools& tools);

@@ -317,24 +317,10 @@ private:
 
 } // namespace
 
-std::string MakeMessageId(std::string_view host)
-{
-    unsigned char random[16];
-    char digits[2 * sizeof random + 1];
-    randombytes_buf(random, sizeof random);
-    const std::string id =
-        std::string("<") + sodium_bin2hex(digits, sizeof digits, random, sizeof random) + '@';
-    const std::string whole = id + std::string(host) + '>';
-    return IsMessageId(whole) ? whole : id + "localhost>";
-}
-
 const char* MailProblem(std::string_view from, const Mail& mail)
 {
     if (!IsMailAddress(from) || !IsMailAddress(mail.to)) {
         return "not an address";
-    }
-    if (!IsAscii(from) || !IsAscii(mail.to)) {
-        return "an address with other letters than those of ASCII";
     }
     if (!IsMessageId(mail.messageId)) {
         return "no message identifier";

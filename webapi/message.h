@@ -20,9 +20,6 @@ struct Mail {
     int64_t date = 0;      // WallSeconds()
 };
 
-// A new one, as `host` makes them.
-std::string MakeMessageId(std::string_view host);
-
 // Why the mail cannot be sent from this address, in a few words; null: it can. Addresses are ASCII: names in
 // other letters need a server that knows SMTPUTF8, which nobody can tell before the mail is on its way.
 const char* MailProblem(std::string_view from, const Mail& mail);

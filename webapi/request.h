@@ -28,6 +28,7 @@ enum class Code : int {
     NoAccount = 20,     // nobody of that name
     Unavailable = 21,   // accounts or settings could not be read
     NoMailAccount = 22, // the account has none that is called so
+    NoMailServer = 23,  // no notification service is set up
     MailNotSent = 30,   // the server did not take it; another try may go well
     MailRefused = 31,   // it refused recipient or message for good
 };

@@ -406,7 +406,7 @@ TEST_F(Mails, SecretsAreRootsAndTheServicesAlone)
 TEST(MailAddress, IsOneAddress)
 {
     for (const char* good : {"a@b", "alice@example.org", "alice+nas@mail.example.org", "o'neill@example.org",
-                             "j\xc3\xbcrgen@m\xc3\xbcller.example", "a!#$%&*/=?^_`{|}~-@b.example"}) {
+                             "a!#$%&*/=?^_`{|}~-@b.example"}) {
         EXPECT_TRUE(IsMailAddress(good)) << good;
     }
     for (const char* bad : {"",
@@ -441,7 +441,9 @@ TEST(MailAddress, IsOneAddress)
                             "\xff@b",
                             "a@\xff",
                             "a\xe2\x80\xae@b",
-                            "a@b\x7f"}) {
+                            "a@b\x7f",
+                            "j\xc3\xbcrgen@home.example",
+                            "a@m\xc3\xbcller.example"}) {
         EXPECT_FALSE(IsMailAddress(bad)) << bad;
     }
     EXPECT_TRUE(IsMailAddress(std::string(64, 'a') + "@b"));

@@ -253,6 +253,45 @@ TEST_F(MailCalls, OfAServerThatHangsDelayNobodyElse)
 
 // --- The console ---
 
+TEST_F(MailCalls, TryOutTheNotificationService)
+{
+    const char* const kSet =
+        "mail server --host localhost --from nas@office.example --user alice@office.example "
+        "--ca-file /etc/tavr/ca.pem --password-stdin";
+    const auto test = [kSet](const std::string& password) {
+        return Console(kSet, password).status == 0 ? Console("mail test bob@home.example") : Ran();
+    };
+    std::filesystem::remove("/etc/tavrinfo.conf");
+    std::filesystem::create_symlink("tavr/tavrinfo.conf", "/etc/tavrinfo.conf");
+    AsWorker([] {
+        Json::Value params;
+        params["api"] = "TAVR.Notification.Mail";
+        params["method"] = "test";
+        params["version"] = 1;
+        EXPECT_EQ(13, CodeIn(Call(params, "")));
+        params["to"] = "bob@home.example";
+        EXPECT_EQ(23, CodeIn(Call(params, ""))) << "none is set up";
+    });
+
+    EXPECT_EQ("the mail server took a test mail to bob@home.example\n", test("relay-pw").output);
+    ASSERT_EQ(1, sink_->Count());
+    EXPECT_EQ("nas@office.example", sink_->Envelope(1)["from"].asString());
+    EXPECT_EQ("bob@home.example", sink_->Envelope(1)["to"][0].asString());
+    EXPECT_TRUE(sink_->Envelope(1)["tls"].asBool());
+
+    const Ran wrongPassword = test("another-pw");
+    EXPECT_EQ(1, wrongPassword.status);
+    EXPECT_EQ("tavrctl: the mail was not sent: 535 5.7.8 Authentication credentials invalid\n",
+              wrongPassword.complaint);
+
+    StartSink(SinkWith({"--fault", "rcpt-550"}));
+    EXPECT_EQ("tavrctl: the mail was not sent: 550 5.1.1 there is nobody 5.1.1 of that name\n",
+              test("relay-pw").complaint);
+    StartSink(SinkWith({"--certificate", "wrong-host"}));
+    EXPECT_EQ(1, test("relay-pw").status);
+    EXPECT_EQ(0, sink_->Count());
+}
+
 TEST_F(MailCalls, ProveAMailAccountBeforeItIsAdded)
 {
     const Ran added = Console(kAdd);

@@ -1,5 +1,7 @@
 #include "webapi/message.h"
 
+#include "linux/mail_settings.h"
+
 #include "tests/support/smtp_sink.h"
 
 #include <gtest/gtest.h>
@@ -191,13 +193,13 @@ TEST(MailProblem, RefusesWhatIsNotExactlyOneAddress)
     EXPECT_NE(nullptr, MailProblem(kFrom, mail));
 }
 
-TEST(MailProblem, SaysThatOtherLettersAreNotSupported)
+TEST(MailProblem, TakesNoOtherLettersThanThoseOfAscii)
 {
     Mail mail = EasyMail();
     mail.to = "jürgen@home.example";
-    EXPECT_STREQ("an address with other letters than those of ASCII", MailProblem(kFrom, mail));
+    EXPECT_STREQ("not an address", MailProblem(kFrom, mail));
     mail.to = "alice@höhle.example";
-    EXPECT_STREQ("an address with other letters than those of ASCII", MailProblem(kFrom, mail));
+    EXPECT_STREQ("not an address", MailProblem(kFrom, mail));
     mail.to = "o'neil+nas%x!y@xn--hhle-5qa.example";
     EXPECT_EQ(nullptr, MailProblem(kFrom, mail));
 }
@@ -223,12 +225,10 @@ TEST(MailProblem, RefusesWhatIsTooLargeOrNoText)
 
 TEST(MessageIds, AreNeverTheSameAndAlwaysOfTheirForm)
 {
-    EXPECT_NE(MakeMessageId("nas.example"), MakeMessageId("nas.example"));
-    for (const char* host : {"nas.example", "", "a b", "x>\r\nBcc: y@z.example", "höhle.example"}) {
-        Mail mail = EasyMail();
-        mail.messageId = MakeMessageId(host);
-        EXPECT_EQ(nullptr, MailProblem(kFrom, mail)) << mail.messageId;
-    }
+    Mail mail = EasyMail();
+    mail.messageId = tavr::NewMessageId();
+    EXPECT_NE(tavr::NewMessageId(), mail.messageId);
+    EXPECT_EQ(nullptr, MailProblem(kFrom, mail)) << mail.messageId;
 }
 
 TEST(TextOfHtml, SaysWhatAPersonWouldRead)
