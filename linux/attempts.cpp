@@ -167,6 +167,7 @@ public:
     WithoutSync() { SigninDatabase().Prepare("PRAGMA synchronous=NORMAL").Run(); }
     ~WithoutSync()
     {
+        // never: it reads and writes no file
         if (sqlite3_exec(SigninDatabase().Handle(), "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr) !=
             SQLITE_OK) {
             std::abort(); // no grant may rest on a commit that is not durable

@@ -41,6 +41,7 @@ constexpr CodeAnswer kNotCompared = {CodeResult::Wrong, 0, Fault::None, CodeKind
 StoredSecret WaitingSecretOf(const Account& account)
 {
     const Descriptor directory = OpenDirectoryNoLinks(kWaitingDir);
+    // never: there is a /tmp at all times
     const FoundFile found = directory ? ReadOwnFile(directory, WaitingFileName(account.uid)) : FoundFile();
     const std::optional<SecretFileText> file =
         found.found == Found::Text ? ParseSecretFile(found.text) : std::nullopt;
@@ -73,6 +74,7 @@ Form FormOf(std::string_view code)
 bool IsCodeOfStep(const SecretBytes& secret, int64_t step, std::string_view code)
 {
     char right[kTotpDigits + 1] = {};
+    // never: it could lack memory alone
     if (oath_hotp_generate(reinterpret_cast<const char*>(secret.bytes.data()), secret.bytes.size(),
                            static_cast<uint64_t>(step), kTotpDigits, false, OATH_HOTP_DYNAMIC_TRUNCATION,
                            right) != OATH_OK) {
@@ -85,8 +87,9 @@ bool IsCodeOfStep(const SecretBytes& secret, int64_t step, std::string_view code
 
 void OpenOrThrow(const StoredSecret& secret, SecretBytes& bytes)
 {
+    // never: under the account's lock nobody retires it
     if (!OpenSecret(secret.account, secret.reference, bytes)) {
-        throw VaultError(Fault::SecretFile); // retired since
+        throw VaultError(Fault::SecretFile);
     }
 }
 
@@ -128,15 +131,18 @@ CodeAnswer CompareSingle(Transaction& transaction, const StoredSecret& secret, s
     const std::string* found = nullptr;
     for (const CodeLine& line : secret.codes) {
         CodeDigits right;
+        // never: under the account's lock no code goes
         if (!line.spent && OpenCode(secret.account, line.reference, right) && IsSame(right, code)) {
             found = &line.reference;
         }
     }
     CodeDigits given;
     const bool isGiven = OpenTemporaryCode(secret.account, given) && IsSame(given, code);
+    // never: nor is one spent meanwhile
     if (found != nullptr && SpendCode(transaction, secret, *found)) {
         return {CodeResult::Accepted, 0, Fault::None, CodeKind::Emergency};
     }
+    // never: likewise
     if (isGiven && SpendTemporaryCode(transaction, secret.account)) {
         return {CodeResult::Accepted, 0, Fault::None, CodeKind::Temporary};
     }

@@ -16,6 +16,7 @@
 #include "tests/support/rounds.h"
 
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -285,6 +286,15 @@ TEST_F(Counter, AFloodOfWhatIsNoCodeLeavesNoRows)
         EXPECT_EQ(before, rows());
         Fail(alice, 1);
         EXPECT_EQ(before + 1, rows()) << "one that was compared";
+    });
+}
+
+TEST_F(Counter, AHintBelongsToACountedFailure)
+{
+    AsWorker([] {
+        EXPECT_EQ(-1, ToldStep(9999));
+        Transaction transaction(SigninDatabase());
+        EXPECT_THROW(NoteToldStep(transaction, 9999, 5), DatabaseError);
     });
 }
 
@@ -637,6 +647,32 @@ TEST_F(Passwords, ANameThatIsGivenAnewBeginsAnew)
         EXPECT_GT(Wait("bob", "192.0.2.3"), 0) << "another's stay";
         EXPECT_EQ(10 + 20 + 2, Rows()) << "and so do those of the addresses";
     });
+}
+
+TEST_F(Passwords, AreCountedFromTheFirstSecondsOfAStart)
+{
+    AsWorker([] {
+        SetClocks(1'800'000'000, 100'000, "first");
+        EXPECT_EQ(0, Wait("alice", "192.0.2.1"));
+        SetClocks(1'800'000'000, 5, "second");
+        for (int i = 0; i < 9; ++i) {
+            EXPECT_EQ(0, Wait("alice", "192.0.2.1"));
+        }
+        EXPECT_GT(Wait("alice", "192.0.2.1"), 880) << "the one of the start before counts from now";
+    });
+}
+
+TEST_F(Passwords, NothingIsComparedWhenStartsOfTheMachineCannotBeToldApart)
+{
+    constexpr char kRandom[] = "/proc/sys/kernel/random";
+    if (mount("nothing", kRandom, "tmpfs", 0, "") != 0) {
+        GTEST_SKIP() << "nothing can be mounted over " << kRandom;
+    }
+    AsWorker([] {
+        SetWallClock(1'800'000'000); // and no name of a start
+        EXPECT_THROW(CountPassword("alice", "192.0.2.1"), DatabaseError);
+    });
+    EXPECT_EQ(0, umount(kRandom));
 }
 
 TEST_F(Passwords, NobodyElseUsesUpASessionsTries)

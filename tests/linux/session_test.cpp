@@ -204,6 +204,10 @@ TEST_F(Sessions, RemembersAnAcceptedCodeAndAConfirmedEnrolment)
     EXPECT_TRUE(bySecondStep->secondStep);
     EXPECT_EQ(0, bySecondStep->confirmedBoot);
 
+    Fake().libraryAnswer = CodeAnswer{CodeResult::Wrong, 0, Fault::None};
+    ASSERT_EQ(Grant::Opened, OpenSession(mia));
+    EXPECT_EQ(0, FindSession(CurrentRequest().newSid)->confirmedBoot) << "it was another code";
+
     Fake().libraryAnswer = CodeAnswer{CodeResult::Accepted, 0, Fault::None};
     ASSERT_EQ(Grant::Opened, OpenSession(mia));
     const std::optional<Session> byWizard = FindSession(CurrentRequest().newSid);
@@ -310,6 +314,10 @@ TEST_F(Sessions, FromTheFutureAreDead)
     const std::string sid = SignIn(mia);
     SetClock(0, 0);
     EXPECT_FALSE(FindSession(sid));
+    SetClock(0, kHour + 60);
+    EXPECT_TRUE(FindSession(sid));
+    SigninDatabase().Prepare("UPDATE session SET seen = seen + 3600").Run();
+    EXPECT_FALSE(FindSession(sid)) << "seen in the future";
 }
 
 TEST_F(Sessions, UseIsWrittenOnceInAWhile)
@@ -478,6 +486,36 @@ TEST_F(Sessions, TakeThePlaceOfTheHalfSignInOnce)
     EXPECT_EQ(1, Rows());
     EXPECT_EQ(Grant::Ended, OpenSession(mia, &*half)) << "it has led to a session already";
     EXPECT_EQ(1, Rows());
+}
+
+TEST_F(Sessions, AreListedAndEndedByHandlesThatOpenNothing)
+{
+    const std::string first = SignIn(mia);
+    OpenPending(mia, SessionState::CodeRequired);
+    const std::string others = SignIn(leo);
+    EXPECT_EQ(3U, ListSessions({}).size());
+    const std::vector<ListedSession> own = ListSessions(leo.uid);
+    ASSERT_EQ(1U, own.size());
+    EXPECT_EQ("leo", own[0].account.name);
+    EXPECT_EQ(SessionState::Live, own[0].state);
+    EXPECT_EQ(16U, own[0].handle.size());
+    EXPECT_FALSE(FindSession(own[0].handle));
+
+    for (const std::string& wrong : {std::string(), std::string("x"), own[0].handle.substr(2),
+                                     own[0].handle + "00", std::string(16, 'z'), std::string(16, '0')}) {
+        EXPECT_FALSE(EndSessionByHandle(wrong)) << wrong;
+    }
+    const std::optional<Account> whose = EndSessionByHandle(own[0].handle);
+    ASSERT_TRUE(whose);
+    EXPECT_EQ("leo", whose->name);
+    EXPECT_FALSE(FindSession(others));
+    EXPECT_TRUE(FindSession(first));
+
+    Fake().accounts["mia"].disabled = true;
+    EXPECT_TRUE(ListSessions({}).empty());
+    Fake().accounts["mia"].disabled = false;
+    SetClock(0, 20 * kMinute);
+    EXPECT_TRUE(ListSessions({}).empty()) << "ended";
 }
 
 TEST_F(Sessions, DieWithTheirAccount)

@@ -17,6 +17,7 @@
 #include "tests/support/fresh_server.h"
 #include "tests/support/rounds.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -563,7 +564,102 @@ TEST_F(Verifier, TellsHowFarThePhonesClockIsOffAndBurnsWhatItTold)
     });
 }
 
+// Replaces a file of ours until the end of the scope.
+class Spoiled
+{
+public:
+    Spoiled(std::string path, const char* target) : path_(std::move(path))
+    {
+        const EffectiveIds root = EffectiveIds::Root();
+        EXPECT_EQ(0, rename(path_.c_str(), (path_ + ".kept").c_str()));
+        EXPECT_EQ(0, symlink(target, path_.c_str()));
+    }
+    ~Spoiled()
+    {
+        const EffectiveIds root = EffectiveIds::Root();
+        EXPECT_EQ(0, rename((path_ + ".kept").c_str(), path_.c_str()));
+    }
+    Spoiled(const Spoiled&) = delete;
+    Spoiled& operator=(const Spoiled&) = delete;
+
+private:
+    std::string path_;
+};
+
+TEST_F(Verifier, TellsNothingOfTheClockForAnotherAccountNorWithoutLockOrKey)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        const Account bob = MakeAccount("bob");
+        const std::string secret = Enrol(alice);
+        const auto beWrong = [&] { EXPECT_EQ(CodeResult::Wrong, Verify(alice, CodeOf(secret, kStep - 6))); };
+        beWrong();
+        EXPECT_FALSE(ClockOffsetMinutes(bob).has_value());
+        beWrong();
+        {
+            const Spoiled lock(kAccountLockFile, "x");
+            EXPECT_FALSE(ClockOffsetMinutes(alice).has_value());
+        }
+        beWrong();
+        {
+            const Spoiled key(kMachineKeyFile, "x");
+            EXPECT_FALSE(ClockOffsetMinutes(alice).has_value());
+        }
+        beWrong();
+        EXPECT_EQ(-3, ClockOffsetMinutes(alice));
+    });
+}
+
+TEST_F(Verifier, LooksForNoStepBefore1970)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        SetWallClock(75);
+        const std::string secret = MakeWaiting(alice);
+        EXPECT_EQ(CodeResult::Wrong, Confirm(alice, CodeOf(secret, 9)));
+        EXPECT_EQ(4, ClockOffsetMinutes(alice)) << "seven steps";
+        EXPECT_EQ(CodeResult::Wrong, Confirm(alice, CodeOf(secret, 100)));
+        EXPECT_FALSE(ClockOffsetMinutes(alice).has_value());
+    });
+}
+
 // --- Faults ---
+
+TEST_F(Verifier, WithoutTheServicesIdsComparesAndChangesNothing)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        const std::string secret = Enrol(alice);
+        MakeWaiting(alice);
+        EXPECT_EQ(CodeResult::Wrong, Verify(alice, CodeOf(secret, kStep - 6)));
+        {
+            // The console, where the service's user has been removed from the system.
+            const Spoiled users("/etc/passwd", "x");
+            ASSERT_EQ(0, setresuid(0, kServiceId, 0));
+            EXPECT_FALSE(ClockOffsetMinutes(alice).has_value());
+            EXPECT_EQ(CodeResult::Fault, Verify(alice, CodeOf(secret, kStep)));
+            EXPECT_EQ(CodeResult::Fault, Confirm(alice, "123456"));
+            StartRequest();
+            EXPECT_EQ(CodeResult::Fault, RefusalBeforeCode(alice)->result);
+            EXPECT_EQ(Fault::StateUnavailable, CurrentRequest().fault);
+            EXPECT_THROW(MintTemporaryCode(alice, 5), VaultError);
+            EXPECT_THROW(OpenSecondStep(alice), DatabaseError);
+            ASSERT_EQ(0, setresuid(kServiceId, kServiceId, 0));
+        }
+        EXPECT_EQ(1, SecondStepOf(alice.uid).failures);
+    });
+}
+
+TEST_F(Verifier, AFolderOfWaitingSecretsThatCannotBeReadIsAFault)
+{
+    AsWorker([] { MakeWaiting(MakeAccount("alice")); });
+    ASSERT_EQ(0, chmod(kWaitingDir, 0700));
+    AsWorker([] {
+        EXPECT_EQ(CodeResult::Fault, Confirm(*FindAccount("alice"), "123456"));
+        EXPECT_EQ(Fault::SecretFile, CurrentRequest().fault);
+    });
+    ASSERT_EQ(0, chmod(kWaitingDir, 01777));
+}
 
 TEST_F(Verifier, FilesThatAreNotOursAreAFaultAtTheWaitingPlaceToo)
 {
