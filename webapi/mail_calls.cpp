@@ -134,11 +134,13 @@ Json::Value Said(const MailOutcome& outcome)
 
 void SendAndAnswer(const MailServer& server, const Mail& mail, const Reply& reply, Tools& tools)
 {
-    if (const char* problem = MailProblem(server.from, mail)) {
-        reply.Refuse(Explained(Code::BadArgument, 0, problem));
+    std::shared_ptr<MailTransfer> transfer;
+    try {
+        transfer = std::make_shared<MailTransfer>(server, mail);
+    } catch (const std::invalid_argument& error) {
+        reply.Refuse(Explained(Code::BadArgument, 0, error.what()));
         return;
     }
-    const auto transfer = std::make_shared<MailTransfer>(server, mail);
     tools.transfers.Start(transfer->Handle(), [transfer, reply](CURLcode result) {
         const MailOutcome outcome = transfer->Finish(result);
         if (outcome.delivery == Delivery::Sent) {
