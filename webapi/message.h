@@ -24,7 +24,8 @@ struct Mail {
 // other letters need a server that knows SMTPUTF8, which nobody can tell before the mail is on its way.
 const char* MailProblem(std::string_view from, const Mail& mail);
 
-// The message, of a mail that has no problem: lines of at most 78 bytes, all ASCII, each ended by CR LF.
+// The message, of a mail that has no problem: lines of at most 78 bytes (an address may be longer), all
+// ASCII, each ended by CR LF.
 std::string BuildMessage(std::string_view from, const Mail& mail);
 
 // What a fragment says without its tags: entities as characters, breaks and ends of blocks as line feeds.

@@ -20,6 +20,8 @@ public:
 
     [[nodiscard]] int Port() const { return port_; }
     [[nodiscard]] std::string CaFile() const { return folder_.Path("ca.pem"); }
+    [[nodiscard]] std::string CertificateFile() const { return folder_.Path("server.pem"); }
+    [[nodiscard]] std::string KeyFile() const { return folder_.Path("server.key"); }
     [[nodiscard]] std::vector<std::string> Commands() const; // that came
 
     // Mails are counted from 1.

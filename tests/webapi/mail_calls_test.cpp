@@ -7,9 +7,12 @@
 #include "tests/support/smtp_sink.h"
 
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <optional>
 
@@ -64,6 +67,57 @@ protected:
 
     std::optional<SmtpSink> sink_;
     std::optional<Service> service_;
+};
+
+// A mail server of the kind that is in use: it takes what the sink takes, for the same name and password.
+class Exim
+{
+public:
+    explicit Exim(const SmtpSink& certificates)
+    {
+        namespace fs = std::filesystem;
+        fs::create_directories("/etc/exim4");
+        fs::copy_file(certificates.CertificateFile(), "/etc/exim4/server.pem",
+                      fs::copy_options::overwrite_existing);
+        fs::copy_file(certificates.KeyFile(), "/etc/exim4/server.key", fs::copy_options::overwrite_existing);
+        fs::permissions("/etc/exim4/server.key", fs::perms(0644));
+        fs::copy_file(TAVR_SUPPORT_DIR "/exim.conf", "/etc/exim4/exim4.conf",
+                      fs::copy_options::overwrite_existing);
+        MakeFolder("/var/spool/exim4", "Debian-exim");
+        MakeFolder("/var/mail", "Debian-exim");
+        pid_ = fork();
+        if (pid_ == 0) {
+            execl("/usr/sbin/exim4", "exim4", "-bdf", "-q1h", nullptr);
+            _exit(127);
+        }
+    }
+    ~Exim()
+    {
+        kill(pid_, SIGTERM);
+        waitpid(pid_, nullptr, 0);
+    }
+    Exim(const Exim&) = delete;
+    Exim& operator=(const Exim&) = delete;
+
+    // What it has delivered, once there is something.
+    static std::string Delivered()
+    {
+        for (int i = 0; i < 500 && !std::filesystem::exists("/var/mail/all"); ++i) {
+            usleep(20'000);
+        }
+        return ReadFile("/var/mail/all");
+    }
+
+private:
+    static void MakeFolder(const char* path, const char* owner)
+    {
+        std::filesystem::create_directories(path);
+        const passwd* entry = getpwnam(owner);
+        ASSERT_NE(nullptr, entry) << owner;
+        ASSERT_EQ(0, chown(path, entry->pw_uid, entry->pw_gid)) << path;
+    }
+
+    pid_t pid_ = -1;
 };
 
 MailAccount OfficeAccount(const std::string& password = "relay-pw")
@@ -130,6 +184,37 @@ TEST_F(MailCalls, SendThroughTheMailAccountThatTheyName)
     const Json::Value mail = ReadMail(sink_->Mail(1));
     EXPECT_EQ("Hello alice,\n12345678", mail["text"].asString());
     EXPECT_NE(sink_->Mail(1), sink_->Mail(2)); // the Message-ID
+}
+
+TEST_F(MailCalls, GoThroughAMailServerThatIsInUse)
+{
+    if (!std::filesystem::exists("/usr/sbin/exim4")) {
+        GTEST_SKIP() << "there is no exim on this machine, but maybe another mail server in its place";
+    }
+    const SmtpSink certificates;
+    sink_.reset(); // its port
+    std::filesystem::copy_file(certificates.CaFile(), "/etc/tavr/ca.pem",
+                               std::filesystem::copy_options::overwrite_existing);
+    const Exim exim(certificates);
+    AsWorker([] {
+        AddMailAccount(*FindAccount("alice"), OfficeAccount());
+        Json::Value answer = Call(SendParams());
+        for (int i = 0; i < 100 && answer["error"]["reply"] == 0; ++i) { // until it listens
+            usleep(50'000);
+            answer = Call(SendParams());
+        }
+        EXPECT_TRUE(answer["success"].asBool()) << answer.toStyledString();
+        Json::Value params = SendParams();
+        params["to"] = "[\"nobody@home.example\"]";
+        answer = Call(params);
+        EXPECT_EQ(31, CodeIn(answer));
+        EXPECT_EQ(550, answer["error"]["reply"].asInt());
+        EXPECT_EQ("nobody of that name", answer["error"]["text"].asString());
+    });
+    const std::string delivered = Exim::Delivered();
+    const Json::Value mail = ReadMail(delivered.substr(delivered.find('\n') + 1)); // behind the "From " line
+    EXPECT_EQ("Hello alice,\n12345678", mail["text"].asString()) << delivered;
+    EXPECT_EQ(0U, mail["defects"].size());
 }
 
 TEST_F(MailCalls, TakeNoArgumentsThatAreNotAsTheyShouldBe)
