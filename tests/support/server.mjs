@@ -1,5 +1,5 @@
-// The whole server for a test: system log, accounts, tavr-otp-web, lighttpd. Runs in a private view, where the fixed
-// paths are real and fresh; everything ends with stop(), and with the view at the latest.
+// The whole server for a test: system log, accounts, tavr-webapid, tavr-otp-web, lighttpd. Runs in a private view, where
+// the fixed paths are real and fresh; everything ends with stop(), and with the view at the latest.
 import { spawn, spawnSync } from "node:child_process";
 import { existsSync, mkdirSync, readFileSync, rmSync, writeFileSync } from "node:fs";
 import { createServer } from "node:net";
@@ -7,6 +7,7 @@ import { setTimeout as sleep } from "node:timers/promises";
 
 const kClockFile = "/run/tavr-test-clock";
 const kLogFile = "/var/log/messages";
+const kServiceSocket = "/run/tavrscgi-fastapi.sock";
 const kStartMs = 10_000;
 
 // `accounts`: { name: [options of `tavrctl user add`] }, each with a password of its own.
@@ -54,6 +55,9 @@ class Server {
     const port = await freePort();
     this.url = `http://127.0.0.1:${port}`;
     this.#workers = workers;
+    rmSync(kServiceSocket, { force: true });
+    this.service = this.#spawn("tavr-webapid", []);
+    await this.#until(() => existsSync(kServiceSocket), "tavr-webapid");
     this.web = this.#spawn("tavr-otp-web", ["--workers", String(workers)]);
     this.lighttpd = this.#spawn("lighttpd", ["-D", "-f", "/usr/share/tavr-otp/lighttpd.conf"],
       { ...process.env, TAVR_PORT: String(port) });
