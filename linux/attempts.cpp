@@ -104,8 +104,9 @@ std::string NetworkOf(const std::string& address)
     return bytes.substr(0, kNetworkBytes);
 }
 
-// Tries that do not count any more; some at a time, so that nobody waits for all of them.
-void ClearOld(int64_t now)
+// Tries that do not count any more; some at a time, so that nobody waits for all of them. Gives how many
+// went.
+int64_t ClearOld(int64_t now)
 {
     constexpr int64_t kClearedAtOnce = 100;
     SigninDatabase()
@@ -115,14 +116,17 @@ void ClearOld(int64_t now)
         .Bind(2, now - kPasswordSeconds)
         .Bind(3, kClearedAtOnce)
         .Run();
+    int64_t cleared = SigninDatabase().Changes();
     if (now < kPasswordSeconds) {
-        return;
+        return cleared;
     }
     for (const char* const otherBoot : // apart: together, by OR, they cost several times as much
          {"DELETE FROM password_try WHERE id IN (SELECT id FROM password_try WHERE boot < ?1 LIMIT ?2)",
           "DELETE FROM password_try WHERE id IN (SELECT id FROM password_try WHERE boot > ?1 LIMIT ?2)"}) {
         SigninDatabase().Prepare(otherBoot).Bind(1, ThisBoot()).Bind(2, kClearedAtOnce).Run();
+        cleared += SigninDatabase().Changes();
     }
+    return cleared;
 }
 
 int WaitOf(const Limit& limit)
@@ -327,6 +331,13 @@ void ForgetPasswords(std::string_view canonicalName)
         .Prepare("DELETE FROM password_try WHERE key = ?1")
         .BindBlob(1, LimitOfName(canonicalName).key)
         .Run();
+}
+
+void ClearTries()
+{
+    constexpr int kBatches = 100;
+    for (int i = 0; i < kBatches && ClearOld(BootSeconds()) > 0; ++i) {
+    }
 }
 
 } // namespace tavr

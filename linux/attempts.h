@@ -76,6 +76,9 @@ void GiveBack(const PasswordTry& counted);
 // For the console, when a name is given anew: what was tried on it before is forgotten.
 void ForgetPasswords(std::string_view canonicalName);
 
+// Removes a bounded number of tries that do not count any more; each further try does so too. Throws.
+void ClearTries();
+
 // --- Emergency codes by mail ---
 //
 // Three an hour and ten a day for an account. They take the password, so no stranger can use them up.

@@ -25,7 +25,8 @@ constexpr int64_t kEnrolmentRequiredSeconds = 30 * 60;
 constexpr int64_t kLongestRenewal = 60;
 constexpr size_t kHandleBytes = 8; // of an id, enough to tell sessions apart
 constexpr int64_t kClearedAtOnce =
-    100; // rows; a sign-in that finds a million old ones must not wait for them
+    100;                      // rows; a sign-in that finds a million old ones must not wait for them
+constexpr int kBatches = 100; // where nobody waits
 
 struct Limits {
     int64_t idle = NumberSetting("session_idle", kIdleSeconds, 60, 24 * 60 * 60);
@@ -127,19 +128,22 @@ int64_t SecondsLeft(const Row& row, const Limits& limits, int64_t now)
 }
 
 // Of the rows found here none can be live any more: they belong to another start of the machine, or nobody
-// has come with them for longer than any state lasts.
-void ClearOld(Database& db, int64_t now)
+// has come with them for longer than any state lasts. Gives how many went.
+int64_t ClearOld(Database& db, int64_t now)
 {
+    int64_t cleared = 0;
     // Apart: put together by OR they cost several times as much, even when there is nothing to clear.
     for (const char* const otherBoot :
          {"DELETE FROM session WHERE id IN (SELECT id FROM session WHERE boot < ?1 LIMIT ?2)",
           "DELETE FROM session WHERE id IN (SELECT id FROM session WHERE boot > ?1 LIMIT ?2)"}) {
         db.Prepare(otherBoot).Bind(1, BootId()).Bind(2, kClearedAtOnce).Run();
+        cleared += db.Changes();
     }
     Statement old = db.Prepare("DELETE FROM session WHERE id IN"
                                " (SELECT id FROM session WHERE boot = ?1 AND seen < ?2 LIMIT ?3)");
     old.Bind(1, BootId()).Bind(2, now - std::max(Limits().idle, kEnrolmentRequiredSeconds));
     old.Bind(3, kClearedAtOnce).Run();
+    return cleared + db.Changes();
 }
 
 const char* ProofText(bool secondStep, bool confirmedNow)
@@ -321,6 +325,12 @@ std::optional<Session> FindSession(std::string_view identifier)
     session.secondStep = row->secondStep;
     session.confirmedBoot = row->confirmed;
     return session;
+}
+
+void ClearSessions()
+{
+    for (int i = 0; i < kBatches && ClearOld(SigninDatabase(), BootSeconds()) > 0; ++i) {
+    }
 }
 
 void EndSession(const Session& session)

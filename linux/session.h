@@ -57,6 +57,9 @@ std::string OpenPending(const Account& account, SessionState state);
 // once in a tenth of the idle time (a minute at most), so a session may end that much early and never late.
 std::optional<Session> FindSession(std::string_view identifier);
 
+// Removes rows of sessions that have ended by themselves, a bounded number. Throws DatabaseError.
+void ClearSessions();
+
 void EndSession(const Session& session); // throws DatabaseError
 int64_t EndSessionsOf(uint32_t account); // live and half ones, gives how many rows; throws DatabaseError
 

@@ -6,6 +6,7 @@
 #include "platform/core.h"
 #include "platform/users.h"
 #include "webapi/mail_calls.h"
+#include "webapi/queue_runner.h"
 
 #include <syslog.h>
 
@@ -56,6 +57,14 @@ void GetNormalUser(const Request& request, const Reply& reply, Tools& /*tools*/)
     reply.Data(std::move(data));
 }
 
+// --- TAVR.Notification.Mail ---
+
+void WakeQueue(const Request& /*request*/, const Reply& reply, Tools& tools)
+{
+    tools.queue.Wake();
+    reply.Data(Json::Value(Json::objectValue));
+}
+
 // --- The table ---
 
 struct Call {
@@ -70,6 +79,7 @@ constexpr Call kCalls[] = {
     {"TAVR.PersonMailAccount.Mail", "send", 1, SendPersonalMail},
     {"TAVR.PersonMailAccount.Mail", "test", 1, TestPersonalMail},
     {"TAVR.Notification.Mail", "test", 1, TestNotificationMail},
+    {"TAVR.Notification.Mail", "wake", 1, WakeQueue},
 };
 
 // The call, or which part of its name is unknown.

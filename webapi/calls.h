@@ -19,6 +19,7 @@ class QueueRunner;
 // What calls may use. Lives as long as the service.
 struct Tools {
     Transfers& transfers;
+    QueueRunner& queue;
 };
 
 // Where the answer to one call goes; copies go to the same place. The first answer counts. One to a caller

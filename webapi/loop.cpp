@@ -1,6 +1,8 @@
 #include "webapi/loop.h"
 
 #include "linux/clock.h"
+#include "webapi/clearing.h"
+#include "webapi/queue_runner.h"
 #include "webapi/server.h"
 #include "webapi/transfers.h"
 
@@ -26,7 +28,8 @@ namespace
 using std::chrono::milliseconds;
 
 constexpr int64_t kDrainSeconds = 12; // more than a mail may take
-constexpr uint64_t kSignalId = 0;
+constexpr uint64_t kSignalId = 0;     // the server's are those between
+constexpr uint64_t kTransfersId = UINT64_MAX;
 constexpr size_t kMostConnections = 2000;
 constexpr size_t kOtherDescriptors = 128; // databases, mail servers, the log
 
@@ -58,10 +61,15 @@ size_t MostConnections()
     return files.rlim_cur > 2 * kOtherDescriptors ? files.rlim_cur - kOtherDescriptors : kOtherDescriptors;
 }
 
-// The nearer of two times in seconds; negative: never.
-int64_t Sooner(int64_t a, int64_t b)
+// The nearer of two times; negative: never.
+milliseconds Sooner(milliseconds a, milliseconds b)
 {
-    return a < 0 || (b >= 0 && b < a) ? b : a;
+    return a.count() < 0 || (b.count() >= 0 && b < a) ? b : a;
+}
+
+milliseconds Seconds(int64_t seconds)
+{
+    return milliseconds(seconds < 0 ? -1 : 1000 * seconds);
 }
 
 class Loop
@@ -70,7 +78,7 @@ public:
     Loop(Descriptor listener, uid_t service)
         : epoll_(Require(epoll_create1(EPOLL_CLOEXEC), "epoll")),
           signals_(Signals()),
-          tools_{transfers_},
+          tools_{transfers_, queue_},
           server_(std::move(listener), epoll_.Get(), service, MostConnections(), tools_)
     {
         epoll_event event{};
@@ -83,9 +91,7 @@ public:
 
     void Run()
     {
-        while (!Ended()) {
-            const int64_t next = Sooner(server_.Expire(), drainEnd_ < 0 ? -1 : drainEnd_ - BootSeconds());
-            const milliseconds longest(next < 0 ? -1 : next * 1000);
+        for (milliseconds longest = GoOn(); !Ended(); longest = GoOn()) {
             if (transfers_.Running() > 0) {
                 transfers_.Wait(epoll_.Get(), longest);
                 TakeEvents(milliseconds(0));
@@ -94,9 +100,24 @@ public:
                 TakeEvents(longest);
             }
         }
+        if (transfers_.Running() > 0) {
+            _exit(0); // what still hangs cannot be waited for; a kill would lose nothing either
+        }
     }
 
 private:
+    // What is due by the clock. Gives the time until something will be.
+    milliseconds GoOn()
+    {
+        milliseconds next = Sooner(Seconds(server_.Expire()), queue_.GoOn());
+        if (drainEnd_ < 0) {
+            next = Sooner(next, Seconds(clearing_.GoOn()));
+        } else {
+            next = Sooner(next, Seconds(std::max<int64_t>(0, drainEnd_ - BootSeconds())));
+        }
+        return next;
+    }
+
     void TakeEvents(milliseconds longest)
     {
         epoll_event events[64];
@@ -117,6 +138,7 @@ private:
             drainEnd_ = drainEnd_ < 0 ? BootSeconds() + kDrainSeconds : BootSeconds();
         }
         server_.Close();
+        queue_.Stop();
     }
 
     [[nodiscard]] bool Ended() const
@@ -124,13 +146,16 @@ private:
         if (drainEnd_ < 0) {
             return false;
         }
-        return (server_.IsEmpty() && transfers_.Running() == 0) || BootSeconds() >= drainEnd_;
+        return (server_.IsEmpty() && transfers_.Running() == 0 && queue_.IsIdle()) ||
+               BootSeconds() >= drainEnd_;
     }
 
     Descriptor epoll_;
     Descriptor signals_;
     int64_t drainEnd_ = -1; // BootSeconds; -1: not ending
     Transfers transfers_;
+    QueueRunner queue_{transfers_};
+    Clearing clearing_;
     Tools tools_;
     Server server_;
 };

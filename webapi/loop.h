@@ -1,4 +1,4 @@
-// The service's one thread: waits for callers, transfers, the clock and the end, and gives each its turn.
+// The service's own thread: waits for callers, transfers, the clock and the end, and gives each its turn.
 #pragma once
 
 #include "linux/descriptor.h"
