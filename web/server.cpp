@@ -231,8 +231,7 @@ bool WaitForConnection(int listener, pid_t parent)
     return stopping == 0;
 }
 
-// Secrets that waited too long for their confirmation go, whoever comes or not: their files lie in this
-// service's own /tmp. Other old rows are cleared by tavr-webapid.
+// Secrets that waited too long for their confirmation and old rows of the audit go, whoever comes or not.
 void ClearNowAndThen()
 {
     static int64_t last = BootSeconds();
@@ -243,6 +242,7 @@ void ClearNowAndThen()
     try {
         StartRequest();
         ClearWaiting(Clear::TooOld);
+        ClearAudit();
         QueueNotices();
     } catch (const std::exception& error) {
         syslog(LOG_ERR, "cannot clear old state: %s", error.what());
