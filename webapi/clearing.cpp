@@ -15,7 +15,8 @@ namespace tavr::webapi
 namespace
 {
 
-// Nothing waits for it: what is too old is not looked at any more, and a sign-in clears a part of it too.
+// Nothing waits for it: what is too old is not looked at any more. The web program clears some of it too,
+// where it adds more: sessions and tries with each new one, the audit now and then.
 constexpr int64_t kClearingSeconds = 60 * 60;
 
 } // namespace
