@@ -231,13 +231,18 @@ public:
         if (index < offset_ || (limit_ != -1 && index - offset_ >= limit_)) {
             return;
         }
-        Json::Value row;
-        row["id"] = std::to_string(number);
-        row["name"] = name;
+        // Literals, which the rows need not copy.
+        static const Json::StaticString kId("id");
+        static const Json::StaticString kName("name");
+        static const Json::StaticString kDescription("desc");
+        static const Json::StaticString kEnforced("is_enforced");
+        Json::Value row(Json::objectValue);
+        row[kId] = std::to_string(number);
+        row[kName] = name;
         if (description != nullptr) {
-            row["desc"] = description;
+            row[kDescription] = description;
         }
-        row["is_enforced"] = enforced;
+        row[kEnforced] = enforced;
         rows_.append(std::move(row));
     }
 
@@ -290,7 +295,7 @@ int AppendGroupRow(const KLIBGroupInfo* entry, void* userData)
     }
     uint32_t gid = entry->gid;
     char* description = nullptr;
-    char* second = nullptr;
+    char* second = nullptr; // not looked at, and the platform's: it need not be malloc's
     if (entry->source == kLdap) {
         gid = 0; // and so it stays when the look-up fails
         TAVRLDAPGroupDescGet(entry->name, &description, &second);
@@ -299,7 +304,6 @@ int AppendGroupRow(const KLIBGroupInfo* entry, void* userData)
         TAVRGroupDescGet(entry->name, &description, &second);
     }
     const otp::MallocText owned(description);
-    const otp::MallocText unused(second);
     rows.Add(gid, entry->name, TextOrEmpty(description));
     return 0;
 }

@@ -50,7 +50,8 @@ int TAVRUserGetUGID(const char* name, uint32_t* uid, uint32_t* gid);
 int TAVRGroupGetGID(const char* name, uint32_t* gid);
 
 // The description of a local or domain group in memory of malloc, for the caller to free(); an empty text
-// when it has none. `second` gets another text of the group in the same way; null when nobody wants it.
+// when it has none. `second` may get another text of the group, which stays the platform's; null when nobody
+// wants it.
 int TAVRGroupDescGet(const char* name, char** description, char** second);
 
 // 1: the account is a member of the administrators. 0: it is not. Negative: not known.
