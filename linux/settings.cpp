@@ -14,6 +14,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstdlib>
+#include <ctime>
 #include <set>
 
 namespace tavr
@@ -35,6 +37,8 @@ struct Place {
 constexpr Place kOpenPlace{"tavrinfo.conf", "tavrinfo.conf.new", 0644};
 constexpr Place kSecretPlace{"secrets", "secrets.new", 0440};
 
+constexpr int64_t kNano = 1'000'000'000; // nanoseconds a second
+
 // What tells one state of a file from another.
 struct Stamp {
     dev_t device = 0;
@@ -47,7 +51,6 @@ struct Stamp {
 
 Stamp StampOf(const struct stat& entry)
 {
-    constexpr int64_t kNano = 1'000'000'000;
     return {entry.st_dev, entry.st_ino, entry.st_size, entry.st_mtim.tv_sec * kNano + entry.st_mtim.tv_nsec,
             entry.st_ctim.tv_sec * kNano + entry.st_ctim.tv_nsec};
 }
@@ -124,22 +127,43 @@ void ForEachLine(std::string_view text, Each each)
 struct Kept {
     Stamp stamp;
     std::string text;
+    bool settled = true; // no later change can leave the same stamp
     bool complained = false;
 };
+
+// Files' times come from the kernel's clock and in steps, so a file that has changed just now may do so again
+// within the same step.
+bool IsJustNow(int64_t time)
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const int64_t age = now.tv_sec * kNano + now.tv_nsec - time;
+    return std::abs(age) < kNano;
+}
+
+// Whether an editor may be at it that writes into the file that was there, which it empties first.
+bool IsHalfWritten(const Kept& kept, const Stamp& stamp, const std::string& text)
+{
+    const bool complete = !text.empty() && text.back() == '\n';
+    return !complete && stamp.device == kept.stamp.device && stamp.inode == kept.stamp.inode &&
+           IsJustNow(stamp.modified);
+}
 
 const std::string& CurrentText()
 {
     static Kept kept;
     struct stat entry {
     };
-    if (stat(kSettingsFile, &entry) == 0 && StampOf(entry) == kept.stamp) {
+    if (kept.settled && stat(kSettingsFile, &entry) == 0 && StampOf(entry) == kept.stamp) {
         return kept.text;
     }
     std::string text;
     Stamp stamp;
     switch (ReadStamped(kSettingsFile, text, stamp)) {
     case FileRead::Done:
-        kept = {stamp, std::move(text), false};
+        if (!IsHalfWritten(kept, stamp, text)) {
+            kept = {stamp, std::move(text), !IsJustNow(stamp.changed), false};
+        }
         break;
     case FileRead::Absent:
         kept = {};

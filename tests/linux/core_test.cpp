@@ -75,7 +75,9 @@ protected:
         const tavr::EffectiveIds root = tavr::EffectiveIds::Root();
         unlink("/etc/tavrinfo.conf");
         EXPECT_EQ(0, symlink("tavr/tavrinfo.conf", "/etc/tavrinfo.conf"));
+        unlink("/etc/tavr/tavrinfo.conf"); // a new file, not one that is written into
         WriteAsRoot("/etc/tavr/tavrinfo.conf", "");
+        EXPECT_EQ("none", tavr::Setting("colour", "none"));
     }
 };
 
@@ -355,6 +357,51 @@ TEST_F(Settings, AreReadAnewWhenTheFileHasChanged)
     const tavr::EffectiveIds root = tavr::EffectiveIds::Root();
     unlink("/etc/tavr/tavrinfo.conf");
     EXPECT_EQ("fallback", tavr::Setting("colour", "fallback"));
+}
+
+TEST_F(Settings, AreReadAnewAfterEveryChange)
+{
+    TavrConf conf;
+    const auto write = [](const std::string& text) {
+        const tavr::EffectiveIds root = tavr::EffectiveIds::Root();
+        std::ofstream("/etc/tavr/tavrinfo.conf", std::ios::in | std::ios::out) << text; // never cut
+    };
+    for (int i = 100; i < 1000; ++i) { // faster than the file's times go on
+        write("colour=\"" + std::to_string(i) + "\"\n");
+        EXPECT_EQ(std::to_string(i), conf.Info("colour", ""));
+        ASSERT_TRUE(tavr::WriteSetting("colour", std::to_string(1100 - i)));
+        EXPECT_EQ(std::to_string(1100 - i), conf.Info("colour", ""));
+    }
+}
+
+TEST_F(Settings, AreNotTakenHalfWritten)
+{
+    TavrConf conf;
+    WriteAsRoot("/etc/tavr/tavrinfo.conf", "colour=\"red\"\n");
+    EXPECT_STREQ("red", conf.Info("colour", ""));
+    for (const char* part : {"", "colour", "colour=\"bl", "colour=\"blue\""}) {
+        WriteAsRoot("/etc/tavr/tavrinfo.conf", part);
+        EXPECT_STREQ("red", conf.Info("colour", "")) << part;
+    }
+    WriteAsRoot("/etc/tavr/tavrinfo.conf", "colour=\"blue\"\n");
+    EXPECT_STREQ("blue", conf.Info("colour", ""));
+
+    // Nobody is at it any more: the file is as its owner left it.
+    for (const char* whole : {"colour=\"tan\"", ""}) {
+        WriteAsRoot("/etc/tavr/tavrinfo.conf", whole);
+        const tavr::EffectiveIds root = tavr::EffectiveIds::Root();
+        const timespec earlier[2] = {{1, 0}, {1, 0}};
+        ASSERT_EQ(0, utimensat(AT_FDCWD, "/etc/tavr/tavrinfo.conf", earlier, 0));
+        EXPECT_STREQ(*whole == '\0' ? "" : "tan", conf.Info("colour", ""));
+    }
+
+    // Put at its place whole, whatever it ends with.
+    WriteAsRoot("/etc/tavr/tavrinfo.conf", "colour=\"red\"\n");
+    EXPECT_STREQ("red", conf.Info("colour", ""));
+    WriteAsRoot("/etc/tavr/other.conf", "colour=\"green\"");
+    const tavr::EffectiveIds root = tavr::EffectiveIds::Root();
+    ASSERT_EQ(0, rename("/etc/tavr/other.conf", "/etc/tavr/tavrinfo.conf"));
+    EXPECT_STREQ("green", conf.Info("colour", ""));
 }
 
 TEST_F(Settings, StayAsTheyWereWhileTheFileCannotBeRead)
