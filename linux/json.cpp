@@ -1,25 +1,43 @@
 #include "platform/json.h"
 
+#include "linux/descriptor.h"
 #include "linux/error.h"
 
-#include <fstream>
+#include <fcntl.h>
+
+#include <limits>
 #include <memory>
 
 using tavr::Error;
 using tavr::Fail;
 
+namespace
+{
+
+// Kept: to make one takes longer than to parse a small file.
+Json::CharReader& Reader()
+{
+    static const std::unique_ptr<Json::CharReader> reader = [] {
+        Json::CharReaderBuilder builder;
+        builder["collectComments"] = false;
+        return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+    }();
+    return *reader;
+}
+
+} // namespace
+
 bool JsonFromFile(const std::string& path, Json::Value& value)
 {
-    std::ifstream file(path, std::ios::binary);
+    const tavr::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file) {
         Fail(Error::OpenFailed);
         return false;
     }
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = false;
-    std::string problems;
+    std::string text;
     try {
-        if (Json::parseFromStream(builder, file, &value, &problems) && !file.bad()) {
+        if (ReadAll(file, std::numeric_limits<size_t>::max(), text) &&
+            Reader().parse(text.data(), text.data() + text.size(), &value, nullptr)) {
             return true;
         }
     } catch (const Json::Exception&) { // nested too deep
