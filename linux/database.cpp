@@ -99,12 +99,18 @@ std::string Statement::Text(int column) const
     return bytes == nullptr ? std::string() : std::string(bytes, size);
 }
 
+const char* Statement::Chars(int column) const
+{
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
+    return text == nullptr ? "" : text;
+}
+
 bool Statement::IsNull(int column) const
 {
     return sqlite3_column_type(statement_, column) == SQLITE_NULL;
 }
 
-Database::Database(const char* path, std::span<const char* const> migrations)
+Database::Database(const char* path, std::span<const char* const> migrations, void (*prepare)(sqlite3*))
 {
     if (geteuid() == 0) {
         throw DatabaseError(0, std::string("not opened as root: ") + path);
@@ -123,6 +129,9 @@ Database::Database(const char* path, std::span<const char* const> migrations)
     Execute("PRAGMA synchronous=FULL");
     Execute("PRAGMA foreign_keys=ON");
     Execute("PRAGMA trusted_schema=OFF");
+    if (prepare != nullptr) {
+        prepare(db);
+    }
     Migrate(migrations);
 }
 

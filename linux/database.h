@@ -43,7 +43,8 @@ public:
     void Run();  // for statements without rows
 
     [[nodiscard]] int64_t Int(int column) const;
-    [[nodiscard]] std::string Text(int column) const; // text or blob, NULs kept; empty for null
+    [[nodiscard]] std::string Text(int column) const;  // text or blob, NULs kept; empty for null
+    [[nodiscard]] const char* Chars(int column) const; // likewise, but not copied: until the next step
     [[nodiscard]] bool IsNull(int column) const;
 
 private:
@@ -56,8 +57,9 @@ public:
     // Opens the file, makes it when absent (mode 0600) and brings its tables up to date: migrations[i] leads
     // from version i to i + 1, each in a transaction of its own. WAL, foreign keys, every commit synced.
     // Refuses to open with effective uid 0, so that no file of it ever belongs to root, and a file whose
-    // version is newer than the last migration.
-    Database(const char* path, std::span<const char* const> migrations);
+    // version is newer than the last migration. `prepare` gives the connection what the migrations and later
+    // statements need beyond SQLite's own.
+    Database(const char* path, std::span<const char* const> migrations, void (*prepare)(sqlite3*) = nullptr);
     ~Database();
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;

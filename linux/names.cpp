@@ -123,8 +123,7 @@ std::optional<std::string> Fold(std::string_view text)
         Append(lower, utf8proc_tolower(character));
         return true;
     });
-    auto folded = Compose(lower);
-    return folded && ForEachCharacter(*folded, IsNameCharacter) ? folded : std::nullopt;
+    return Compose(lower);
 }
 
 std::string_view Trim(std::string_view text)
@@ -196,11 +195,16 @@ std::optional<std::string> CanonicalName(std::string_view typed)
         return std::nullopt;
     }
     const auto folded = Fold(Trim(typed));
-    if (!folded || folded->size() > kMaxName) {
+    if (!folded || folded->size() > kMaxName || !ForEachCharacter(*folded, IsNameCharacter)) {
         return std::nullopt;
     }
     // A wide blank has become a usual one; it may stand at an end.
     return ArrangeParts(std::string(Trim(*folded)));
+}
+
+std::optional<std::string> SearchText(std::string_view text)
+{
+    return Fold(text);
 }
 
 bool IsPlainText(std::string_view text)

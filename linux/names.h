@@ -20,6 +20,10 @@ inline constexpr size_t kMaxName = 492;
 // ASCII domain before a backslash, which is upper case. A canonical name is its own canonical spelling.
 std::optional<std::string> CanonicalName(std::string_view typed);
 
+// What a text is searched by: letters of usual width, composed and lower case, as in a name, and everything
+// else as it is. Empty for what is not UTF-8.
+std::optional<std::string> SearchText(std::string_view text);
+
 // Whether a text can be shown and stored: UTF-8 without control and format characters.
 bool IsPlainText(std::string_view text);
 

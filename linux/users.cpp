@@ -1,5 +1,6 @@
 #include "platform/users.h"
 
+#include "linux/account_list.h"
 #include "linux/accounts.h"
 #include "linux/error.h"
 #include "linux/names.h"
@@ -102,6 +103,31 @@ int WithAccount(const char* name, Use use)
         auto account = tavr::FindAccount(*canonical);
         return account ? use(std::move(*account)) : Fail(Error::NoSuchUser);
     });
+}
+
+// The group that a list is calling back with: whoever shows it asks for its description next.
+const tavr::ListEntry* g_listedGroup = nullptr;
+
+class ListedGroup
+{
+public:
+    explicit ListedGroup(const tavr::ListEntry& group) { g_listedGroup = &group; }
+    ~ListedGroup() { g_listedGroup = nullptr; }
+    ListedGroup(const ListedGroup&) = delete;
+    ListedGroup& operator=(const ListedGroup&) = delete;
+};
+
+int CopyDescription(const char* text, char** description, char** second)
+{
+    char* copy = strdup(text);
+    if (copy == nullptr) {
+        return Fail(Error::OutOfMemory);
+    }
+    *description = copy;
+    if (second != nullptr) {
+        *second = nullptr; // directories alone have one
+    }
+    return 0;
 }
 
 template<class Use>
@@ -214,16 +240,11 @@ int TAVRGroupDescGet(const char* name, char** description, char** second)
     if (name == nullptr || description == nullptr) {
         return Fail(Error::BadParameter);
     }
+    if (g_listedGroup != nullptr && std::strcmp(g_listedGroup->name, name) == 0) {
+        return CopyDescription(g_listedGroup->description, description, second);
+    }
     return WithGroup(name, [&](const Group& group) {
-        char* copy = strdup(group.description.c_str());
-        if (copy == nullptr) {
-            return Fail(Error::OutOfMemory);
-        }
-        *description = copy;
-        if (second != nullptr) {
-            *second = nullptr; // directories alone have one
-        }
-        return 0;
+        return CopyDescription(group.description.c_str(), description, second);
     });
 }
 
@@ -254,73 +275,41 @@ int KLIBGroupInfoGidGet(const char* name, int /*flags*/, uint32_t** gids, int* c
     });
 }
 
+// --- Lists -------------------------------------------------------------------------------------------------
+
 namespace
 {
 
-// Every entry whose name or description holds the query, ASCII letters of either case, in the order of names.
-#define MATCHING "WHERE ?1 = '' OR name LIKE ?2 ESCAPE '!' OR description LIKE ?2 ESCAPE '!'"
-
-struct Search {
-    const char* find;
-    const char* count;
-};
-
-constexpr Search kFindUsers = {
-    "SELECT name, uid, description FROM account " MATCHING " ORDER BY name LIMIT ?3 OFFSET ?4",
-    "SELECT count(*) FROM account " MATCHING,
-};
-constexpr Search kFindGroups = {
-    "SELECT name, gid, description FROM account_group " MATCHING " ORDER BY name LIMIT ?3 OFFSET ?4",
-    "SELECT count(*) FROM account_group " MATCHING,
-};
-
-std::string LikePattern(std::string_view query)
-{
-    std::string pattern = "%";
-    for (const char c : query) {
-        if (c == '%' || c == '_' || c == '!') {
-            pattern += '!';
-        }
-        pattern += c;
-    }
-    return pattern + '%';
-}
-
-struct Page {
+struct Asked {
     int source;
-    int offset;
-    int limit; // -1: all
     const char* query;
+    tavr::ListPage page;
 };
 
-// Gives the number of all matches; calls `row` with an entry made of each row of the page.
-template<class Row, class ToEntry>
-int Enumerate(const Search& search, const Page& page, Row row, void* userData, ToEntry toEntry)
+// Gives the number of all matches; calls `row` with what is made of each entry of the page.
+template<class List, class Row, class ToEntry>
+int Enumerate(List list, const Asked& asked, Row row, void* userData, ToEntry toEntry)
 {
-    if (row == nullptr || page.offset < 0 || page.limit < -1) {
+    if (row == nullptr || asked.page.offset < 0 || asked.page.limit < -1) {
         return Fail(Error::BadParameter);
     }
-    if (page.source != kSourceLocal) {
+    if (asked.source != kSourceLocal) {
         return Fail(Error::DirectoryNotConfigured);
     }
     return Guarded([&] {
-        const std::string text = page.query == nullptr ? "" : page.query;
-        tavr::Database& db = tavr::AccountsDatabase();
-        int total = 0;
-        {
-            tavr::Statement count = db.Prepare(search.count);
-            count.Bind(1, text).Bind(2, LikePattern(text));
-            total = count.Step() ? static_cast<int>(count.Int(0)) : 0;
-        }
-        tavr::Statement find = db.Prepare(search.find);
-        find.Bind(1, text).Bind(2, LikePattern(text)).Bind(3, page.limit).Bind(4, page.offset);
-        while (find.Step()) {
-            const std::string name = find.Text(0);
-            const std::string description = find.Text(2);
-            const auto entry = toEntry(name.c_str(), static_cast<uint32_t>(find.Int(1)), description.c_str());
+        const char* query = asked.query == nullptr ? "" : asked.query;
+        return static_cast<int>(list(query, asked.page, [&](const tavr::ListEntry& found) {
+            const auto entry = toEntry(found);
             row(&entry, userData);
-        }
-        return total;
+        }));
+    });
+}
+
+int64_t ListGroupsWithDescriptions(const char* query, const tavr::ListPage& page, const tavr::EachEntry& each)
+{
+    return tavr::ListGroups(query, page, [&](const tavr::ListEntry& found) {
+        const ListedGroup listed(found);
+        each(found);
     });
 }
 
@@ -329,17 +318,17 @@ int Enumerate(const Search& search, const Page& page, Row row, void* userData, T
 int KLIBUserInfoEnumBySubstr(int source, const char* /*domain*/, int offset, int limit, const char* query,
                              int /*flags*/, KLIBUserInfoRow row, void* userData)
 {
-    return Enumerate(kFindUsers, {source, offset, limit, query}, row, userData,
-                     [](const char* name, uint32_t uid, const char* description) {
-                         return KLIBUserInfo{name, uid, description, kSourceLocal};
+    return Enumerate(tavr::ListAccounts, {source, query, {offset, limit}}, row, userData,
+                     [](const tavr::ListEntry& found) {
+                         return KLIBUserInfo{found.name, found.number, found.description, kSourceLocal};
                      });
 }
 
 int KLIBGroupInfoEnumBySubstr(int source, const char* /*domain*/, int offset, int limit, const char* query,
                               int /*flags*/, KLIBGroupInfoRow row, void* userData)
 {
-    return Enumerate(kFindGroups, {source, offset, limit, query}, row, userData,
-                     [](const char* name, uint32_t gid, const char* /*description*/) {
-                         return KLIBGroupInfo{name, gid, kSourceLocal};
+    return Enumerate(ListGroupsWithDescriptions, {source, query, {offset, limit}}, row, userData,
+                     [](const tavr::ListEntry& found) {
+                         return KLIBGroupInfo{found.name, found.number, kSourceLocal};
                      });
 }

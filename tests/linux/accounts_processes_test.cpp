@@ -33,7 +33,7 @@ protected:
     Store()
     {
         const tavr::EffectiveIds root = tavr::EffectiveIds::Root();
-        EXPECT_EQ(0, mount("small", tavr::kStateDir, "tmpfs", 0, "size=1m,mode=0700"));
+        EXPECT_EQ(0, mount("small", tavr::kStateDir, "tmpfs", 0, "size=2m,mode=0700"));
         EXPECT_EQ(0, chown(tavr::kStateDir, getuid(), getgid()));
     }
     ~Store() override
@@ -44,7 +44,7 @@ protected:
     static bool Remount(unsigned long flags)
     {
         const tavr::EffectiveIds root = tavr::EffectiveIds::Root();
-        return mount("small", tavr::kStateDir, "tmpfs", MS_REMOUNT | flags, "size=1m,mode=0700") == 0;
+        return mount("small", tavr::kStateDir, "tmpfs", MS_REMOUNT | flags, "size=2m,mode=0700") == 0;
     }
 };
 
