@@ -3,12 +3,11 @@
 // update has written is JSON that the next one changes no more.
 #include "otp/OTPutils.h"
 
+#include "fuzz/demand.h"
 #include "tests/support/fake_platform.h"
 #include "tests/support/temp_dir.h"
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include <gtest/gtest.h>
@@ -19,14 +18,6 @@ namespace
 
 constexpr char kUser[] = "CORP\\alice";
 constexpr char kMail[] = "new@home.example";
-
-void Demand(bool condition, const char* what)
-{
-    if (!condition) {
-        std::fprintf(stderr, "not so: %s\n", what);
-        std::abort();
-    }
-}
 
 enum class Outcome { Done, Refused, Threw };
 
