@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -52,6 +54,26 @@ Figures InTurn(int rounds, Floor floor, Case measured)
     return {Median(std::move(floors)), Median(std::move(cases))};
 }
 
+// How a time grows with a number of things: the exponent of the line through the logarithms. 0: not at all,
+// 1: in proportion.
+inline double Slope(const std::vector<std::pair<double, double>>& timesByNumber)
+{
+    double sumX = 0;
+    double sumY = 0;
+    double sumXX = 0;
+    double sumXY = 0;
+    for (const auto& [number, time] : timesByNumber) {
+        const double x = std::log(number);
+        const double y = std::log(time);
+        sumX += x;
+        sumY += y;
+        sumXX += x * x;
+        sumXY += x * y;
+    }
+    const auto count = static_cast<double>(timesByNumber.size());
+    return (count * sumXY - sumX * sumY) / (count * sumXX - sumX * sumX);
+}
+
 inline void Head()
 {
     std::printf("%-44s %12s %12s %7s %7s\n", "", "floor us", "case us", "ratio", "goal");
@@ -70,5 +92,45 @@ inline bool Row(const char* what, const Figures& figures, double goal)
     std::fflush(stdout);
     return met;
 }
+
+constexpr int kCounts[] = {1000, 10000, 100000, 1000000};
+
+// Fewer rounds of what takes longer.
+inline int RoundsFor(int count)
+{
+    return count >= 1000000 ? 7 : count >= 100000 ? 31 : 301;
+}
+
+// Rows of one question, for growing numbers of things.
+class Growth
+{
+public:
+    explicit Growth(std::string what) : what_(std::move(what)) {}
+
+    bool Row(int count, const Figures& figures, double goal)
+    {
+        floors_.emplace_back(count, figures.floor);
+        cases_.emplace_back(count, figures.measured);
+        return bench::Row((what_ + ", " + std::to_string(count)).c_str(), figures, goal);
+    }
+
+    void Print() const
+    {
+        std::printf("%-44s %12.2f %12.2f\n", (what_ + ", slope").c_str(), Slope(floors_), Slope(cases_));
+        std::fflush(stdout);
+    }
+
+    // True when the times do not grow.
+    [[nodiscard]] bool Flat() const
+    {
+        Print();
+        return Slope(cases_) < 0.05;
+    }
+
+private:
+    std::string what_;
+    std::vector<std::pair<double, double>> floors_;
+    std::vector<std::pair<double, double>> cases_;
+};
 
 } // namespace bench

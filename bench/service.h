@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <string>
 
 namespace bench
 {
@@ -32,6 +34,15 @@ inline void MakeFolders()
         std::filesystem::create_directories(folder);
         Demand(chown(folder, kServiceId, kServiceId) == 0 && chmod(folder, 0700) == 0, folder);
     }
+}
+
+// An empty settings file at its place.
+inline void MakeSettings()
+{
+    std::filesystem::create_directories(tavr::kConfigDir);
+    std::ofstream(std::string(tavr::kConfigDir) + "/tavrinfo.conf");
+    std::filesystem::remove(tavr::kSettingsFile);
+    std::filesystem::create_symlink(std::string(tavr::kConfigDir) + "/tavrinfo.conf", tavr::kSettingsFile);
 }
 
 // Real and effective ids the service's, saved ones root's.
