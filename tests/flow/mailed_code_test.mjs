@@ -1,11 +1,15 @@
-// "I can't use my app": what the page says of every outcome, and how it is reached. What is mailed: emergency_test.mjs.
+// "I can't use my app": what the page says of every outcome, how it is reached, and the code that comes. By the interface
+// alone: emergency_mail_test.mjs.
 import assert from "node:assert/strict";
-import test from "node:test";
+import { execFileSync } from "node:child_process";
+import test, { after } from "node:test";
 
 import { kWindows, looker } from "../support/browser.mjs";
+import { addMailAccount, setNotificationServer, startMailServer, trust } from "../support/mail.mjs";
 import { run } from "../support/server.mjs";
+import { signIn } from "./client.mjs";
 import { openStage, plain } from "./stage.mjs";
-import { atCodeField, atOverview, enter, errorAt, json, message, refuse, tabTo } from "./steps.mjs";
+import { atCodeField, atOverview, enter, errorAt, json, message, refuse, signOut, tabTo } from "./steps.mjs";
 import { enrol } from "./wizard.mjs";
 
 const kRoute = "/api/signin/emergency";
@@ -15,7 +19,15 @@ const kMailedLast = "Your last emergency code is on its way to your mailbox. Typ
   "Then open the settings and choose “Move to a new phone”: that makes new emergency codes. It asks for a code once " +
   "more; if you have none, your administrator can give you one.";
 
-const { server, visit } = await openStage(plain(["nowhere", "words", "taken", "app", "keyboard", "wait", "looks"]));
+const { server, visit } = await openStage({
+  ...plain(["nowhere", "words", "taken", "app", "keyboard", "wait", "looks"]),
+  ...Object.fromEntries(["own", "last", "fails"].map((name) => [name, ["--mail", `${name}@home.example`]])),
+});
+const personal = await startMailServer(["--port", "587", "--user", "login", "--password", "right"]);
+after(() => personal.stop());
+const system = await startMailServer(["--user", "system", "--password", "secret"]);
+after(() => system.stop());
+trust([personal, system]);
 
 async function atCode(t, user) {
   const page = await visit(t);
@@ -173,4 +185,69 @@ test("small and large windows, light and dark", async (t) => {
     }
   }
   assert.deepEqual(findings, []);
+});
+
+// --- the mail ---
+
+// Clicks, and gives the mail number `count` with a code that the server has taken.
+async function clickForMail(page, mailServer, count) {
+  await page.click("#no-app");
+  const mail = (await mailServer.codes(count)).at(-1);
+  assert.deepEqual([mail.envelope.tls, mail.envelope.auth], [true, true], "over STARTTLS, logged in");
+  return mail;
+}
+
+async function backToCode(page, user) {
+  await signOut(page);
+  await atCodeField(page, server, user);
+}
+
+test("the code that comes from one's own mail account opens the session, once, and the next click mails the next", async (t) => {
+  addMailAccount("own", personal, "login", "right");
+  const { page } = await atCode(t, "own");
+  const first = await clickForMail(page, personal, 1);
+  assert.equal(await message(page), kMailed);
+  assert.deepEqual([first.envelope.from, first.envelope.to], ["own@office.example", ["own@home.example"]]);
+  await enter(page, "#code", first.code);
+  await atOverview(page, { on: true });
+
+  await backToCode(page, "own");
+  await enter(page, "#code", first.code);
+  assert.match(await errorAt(page, "code"), /^That code is not right\./);
+  const second = await clickForMail(page, personal, 2);
+  assert.notEqual(second.code, first.code);
+  await enter(page, "#code", second.code);
+  await atOverview(page, { on: true });
+});
+
+test("the last code warns on the page and in the mail, and then there is none", async (t) => {
+  addMailAccount("last", personal, "login", "right");
+  const { page } = await atCode(t, "last");
+  const codes = execFileSync(`${process.env.TEST_BUILD}/tests/web/list_codes`, ["last"], { encoding: "utf8" }).trim().split("\n");
+  for (const code of codes.slice(1)) {
+    const half = await signIn(server, "last");
+    assert.equal((await half.post("/api/signin/code", { code })).json.state, "signed_in");
+  }
+  const before = (await personal.codes(0)).length;
+  const mail = await clickForMail(page, personal, before + 1);
+  assert.equal(await message(page), kMailedLast);
+  assert.match(mail.text, /last emergency code/);
+  await enter(page, "#code", mail.code);
+  await atOverview(page, { on: true });
+
+  await backToCode(page, "last");
+  await page.click("#no-app");
+  assert.equal(await message(page), "There is no emergency code left that could be mailed. Your administrator can let you in " +
+    "again.");
+});
+
+test("when one's own mail account fails, the code comes from the server's notification address", async (t) => {
+  addMailAccount("fails", personal, "login", "wrong", ["--no-test"]);
+  setNotificationServer(system, "system", "secret");
+  const { page } = await atCode(t, "fails");
+  const mail = await clickForMail(page, system, 1);
+  assert.equal(await message(page), kMailed);
+  assert.deepEqual([mail.envelope.from, mail.envelope.to], ["server@nas.example", ["fails@home.example"]]);
+  await enter(page, "#code", mail.code);
+  await atOverview(page, { on: true });
 });
