@@ -52,7 +52,8 @@ test("an account without an address, and a server without mail, by the server's 
   run("tavrctl", ["user", "set", "nowhere", "--mail", "nowhere@home.example"]);
   await page.click("#no-app");
   await page.waitForFunction(() => document.getElementById("message").textContent ===
-    "No code could be mailed, as mail is not set up on this server. Your administrator can let you in again.");
+    "No code could be mailed: this server is not set up to send mails, and no mail account of your own could be used. " +
+    "Your administrator can let you in again.");
   assert.ok(await page.isVisible("#code-form"));
 });
 
