@@ -6,7 +6,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
 #include <thread>
 
 using namespace tavr;
@@ -57,6 +60,37 @@ bool Came(const SmtpSink& sink, const std::string& command)
 {
     const auto commands = sink.Commands();
     return std::find(commands.begin(), commands.end(), command) != commands.end();
+}
+
+// How often a text stands in what this process may write; `masked` is the text with kMask over every byte, so
+// that the question is no answer.
+constexpr char kMask = 0x55;
+
+size_t TimesInMemory(const std::string& masked)
+{
+    size_t times = 0;
+    std::ifstream maps("/proc/self/maps");
+    std::ifstream memory("/proc/self/mem", std::ios::binary);
+    for (std::string line; std::getline(maps, line);) {
+        unsigned long start = 0;
+        unsigned long end = 0;
+        char rights[5] = {};
+        if (std::sscanf(line.c_str(), "%lx-%lx %4s", &start, &end, rights) != 3 || rights[1] != 'w') {
+            continue;
+        }
+        std::vector<char> bytes(end - start);
+        memory.clear();
+        memory.seekg(static_cast<std::streamoff>(start));
+        memory.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        bytes.resize(static_cast<size_t>(memory.gcount()));
+        const auto same = [](char byte, char hidden) { return (byte ^ kMask) == hidden; };
+        for (auto at = bytes.begin(); at != bytes.end(); times += at != bytes.end() ? 1 : 0) {
+            at = std::search(at == bytes.begin() ? at : at + 1, bytes.end(), masked.begin(), masked.end(),
+                             same);
+        }
+        explicit_bzero(bytes.data(), bytes.size());
+    }
+    return times;
 }
 
 class Environment : public testing::Environment
@@ -195,6 +229,27 @@ TEST(SendMail, SortsTheServersRefusals)
         EXPECT_EQ(row.text, outcome.text) << row.options[1];
         EXPECT_EQ(row.delivery == Delivery::Sent ? 1 : 0, sink.Count()) << row.options[1];
     }
+}
+
+TEST(SendMail, LeavesNoPasswordInMemory)
+{
+    const SmtpSink sink(kLogin);
+    std::string masked;
+    for (int i = 0; i < 40; ++i) {
+        masked += static_cast<char>(('a' + rand() % 26) ^ kMask);
+    }
+    MailServer server = ServerOf(sink);
+    server.user = "relay@office.example";
+    server.password.reserve(masked.size());
+    for (const char c : masked) {
+        server.password += static_cast<char>(c ^ kMask);
+    }
+    // What is freed loses its first 16 bytes to the allocator in any case.
+    const std::string end = masked.substr(16);
+    EXPECT_EQ(1U, TimesInMemory(end)); // it can be found
+    EXPECT_EQ(535, SendMail(server, SomeMail()).reply);
+    explicit_bzero(server.password.data(), server.password.size());
+    EXPECT_EQ(0U, TimesInMemory(end));
 }
 
 TEST(SendMail, IsToldWhenItHasToLogIn)
