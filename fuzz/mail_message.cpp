@@ -1,11 +1,10 @@
 // A mail of any values: it is refused, or its message has the headers that every one has, each with the value
 // that was given, two parts, and lines that any mail server takes.
+#include "fuzz/demand.h"
 #include "linux/mail_settings.h"
 #include "webapi/message.h"
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,14 +13,6 @@ using namespace tavr::webapi;
 
 namespace
 {
-
-void Demand(bool condition, const char* what)
-{
-    if (!condition) {
-        std::fprintf(stderr, "not so: %s\n", what);
-        std::abort();
-    }
-}
 
 // What stands before the next NUL; the rest when there is none.
 std::string NextText(std::string_view& input)

@@ -1,12 +1,11 @@
 // A mail server as a row of emailaccount.db or the settings describe it, here as lines key="value": it is
 // refused, or a transfer to that very server can be made of it.
+#include "fuzz/demand.h"
 #include "linux/mail_accounts.h"
 #include "linux/settings.h"
 #include "webapi/smtp.h"
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <stdexcept>
 
 using namespace tavr;
@@ -14,14 +13,6 @@ using namespace tavr::webapi;
 
 namespace
 {
-
-void Demand(bool condition, const char* what)
-{
-    if (!condition) {
-        std::fprintf(stderr, "not so: %s\n", what);
-        std::abort();
-    }
-}
 
 Mail AnyMail()
 {
