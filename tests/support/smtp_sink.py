@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 """A mail server that keeps what it takes, on 127.0.0.1.
 
-    smtp_sink.py DIR [--port N] [--tls] [--user NAME --password TEXT] [--certificate KIND] [--fault NAME]...
+    smtp_sink.py DIR [--port N] [--keys DIR] [--tls] [--user NAME --password TEXT] [--certificate KIND] [--fault NAME]...
 
-Makes a CA of its own and a certificate of localhost and 127.0.0.1 in DIR (DIR/ca.pem is for the client), prints
+Makes a CA of its own and a certificate of localhost and 127.0.0.1 in DIR or --keys (ca.pem is for the client), prints
 "PORT N" when it is ready, and keeps each mail as DIR/NNNN.eml with its envelope in DIR/NNNN.json (the .eml is there
 last). DIR/commands has one line for each command that came, without what follows it.
 
@@ -166,6 +166,7 @@ async def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("directory")
     parser.add_argument("--port", type=int, default=0)
+    parser.add_argument("--keys")
     parser.add_argument("--tls", action="store_true")
     parser.add_argument("--user")
     parser.add_argument("--password", default="")
@@ -173,7 +174,7 @@ async def main():
     parser.add_argument("--fault", action="append", default=[])
     options = parser.parse_args()
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    context.load_cert_chain(*make_certificates(options.directory, options.certificate))
+    context.load_cert_chain(*make_certificates(options.keys or options.directory, options.certificate))
     keeper = Keeper(options.directory, options.fault)
     commands = os.path.join(options.directory, "commands")
     server = await asyncio.get_running_loop().create_server(
