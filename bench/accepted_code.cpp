@@ -1,5 +1,5 @@
 // An accepted code, from the library's call to the stored step, against reading the secret file, liboath's
-// call and one durable SQLite transaction.
+// call and one durable SQLite transaction. And one code that many try at once, against as many tries in turn.
 #include "linux/cipher.h"
 #include "linux/clock.h"
 #include "linux/enrolment.h"
@@ -11,11 +11,20 @@
 
 #include "platform/secrets.h"
 
-#include "bench/worker.h"
+#include "bench/enrolled.h"
 
 #include <liboath/oath.h>
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <new>
+#include <optional>
 
 using namespace tavr;
 using namespace tavr::bench;
@@ -24,6 +33,8 @@ namespace
 {
 
 constexpr int kRounds = 400;
+constexpr int kTries = 256; // at once
+constexpr int kTryRounds = 9;
 
 std::string Read(const std::string& path)
 {
@@ -49,12 +60,6 @@ struct Subject {
     }
 
     [[nodiscard]] std::string WaitingPath() const { return "/tmp/OTP_" + std::to_string(account.uid); }
-
-    void Write(const std::string& path) const
-    {
-        std::ofstream(path) << RenderSecretFile(references);
-        Require(chmod(path.c_str(), 0600) == 0, path.c_str());
-    }
 
     [[nodiscard]] std::string Code() const
     {
@@ -91,11 +96,83 @@ void AskAsLibrary(const Subject& subject, const std::string& code)
     Require(TAVRGoogleAuth(3, texts) == 0, "TAVRGoogleAuth");
 }
 
+// So many processes that try a code at the same moment, once each. To be made before this process has a
+// database open.
+class Crowd
+{
+public:
+    Crowd()
+    {
+        void* memory =
+            mmap(nullptr, sizeof *shared_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        Require(memory != MAP_FAILED, "shared memory");
+        shared_ = new (memory) Shared{};
+        pthread_barrierattr_t attributes;
+        pthread_barrierattr_init(&attributes);
+        pthread_barrierattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+        pthread_barrier_init(&shared_->barrier, &attributes, kTries + 1);
+        for (int i = 0; i < kTries; ++i) {
+            const pid_t child = fork();
+            Require(child >= 0, "fork");
+            if (child == 0) {
+                prctl(PR_SET_PDEATHSIG, SIGKILL);
+                TryAgainAndAgain();
+            }
+        }
+    }
+
+    // How many were accepted.
+    int Try(const std::string& code)
+    {
+        std::memcpy(shared_->code, code.c_str(), code.size() + 1);
+        shared_->accepted = 0;
+        pthread_barrier_wait(&shared_->barrier); // start
+        pthread_barrier_wait(&shared_->barrier); // end
+        return shared_->accepted;
+    }
+
+private:
+    struct Shared {
+        pthread_barrier_t barrier;
+        char code[16];
+        std::atomic<int> accepted;
+    };
+
+    [[noreturn]] void TryAgainAndAgain()
+    {
+        std::optional<Account> account;
+        for (;;) {
+            pthread_barrier_wait(&shared_->barrier);
+            if (!account) {
+                account = FindAccount("alice");
+            }
+            StartRequest();
+            if (VerifyCode(*account, shared_->code).result == CodeResult::Accepted) {
+                ++shared_->accepted;
+            }
+            pthread_barrier_wait(&shared_->barrier);
+        }
+    }
+
+    Shared* shared_ = nullptr;
+};
+
+int TryInTurn(const Account& account, const std::string& code)
+{
+    int accepted = 0;
+    for (int i = 0; i < kTries; ++i) {
+        StartRequest();
+        accepted += VerifyCode(account, code).result == CodeResult::Accepted ? 1 : 0;
+    }
+    return accepted;
+}
+
 } // namespace
 
 int main(int /*argc*/, char** argv)
 {
     BecomeWorker(argv[0]);
+    Crowd crowd;
     const Subject subject;
     Database floorDatabase(
         (std::string(kStateDir) + "/floor.db").c_str(),
@@ -107,7 +184,7 @@ int main(int /*argc*/, char** argv)
         Subject::Forget();
         code = subject.Code();
     };
-    subject.Write(subject.WaitingPath());
+    PutSecretFile(subject.WaitingPath(), subject.references);
     renew();
     AskAsLibrary(subject, code); // confirms it
     Compare(
@@ -115,7 +192,7 @@ int main(int /*argc*/, char** argv)
         [&] { FloorOf(subject, subject.WaitingPath(), code, floorDatabase); });
 
     const std::string place = SecretPath(subject.account.name);
-    subject.Write(place);
+    PutSecretFile(place, subject.references);
     Require(Settle(subject.account).enrolment == Enrolment::Yes, "settle");
     Compare(
         "accepted code, signing in (with settling)", 1.3, kRounds, renew,
@@ -133,6 +210,19 @@ int main(int /*argc*/, char** argv)
         [&] {
             FloorOf(subject, place, code, floorDatabase);
             floorDatabase.Prepare("UPDATE floor SET step = step + 1").Run();
+        });
+
+    renew();
+    crowd.Try(code); // each opens its databases
+    Compare(
+        "256 tries of one code at once", 1.2, kTryRounds, renew,
+        [&] {
+            Subject::Forget();
+            Require(crowd.Try(code) == 1, "one of them");
+        },
+        [&] {
+            Subject::Forget();
+            Require(TryInTurn(subject.account, code) == 1, "one of them");
         });
     return 0;
 }

@@ -43,24 +43,35 @@ inline void PutStateOnDisk(const char* program)
     Require(mount(folder.c_str(), kStateDir, nullptr, MS_BIND, nullptr) == 0, folder.c_str());
 }
 
+inline const passwd& ServiceUser()
+{
+    const passwd* service = getpwnam(kServiceUser); // NOLINT(concurrency-mt-unsafe)
+    Require(geteuid() == 0 && service != nullptr, "to be run by bench/run");
+    return *service;
+}
+
+inline void TakeWorkerIds(const passwd& service = ServiceUser())
+{
+    Require(setgroups(0, nullptr) == 0 && setresgid(service.pw_gid, service.pw_gid, 0) == 0 &&
+                setresuid(service.pw_uid, service.pw_uid, 0) == 0,
+            "ids");
+}
+
 // Folders and machine key as set-up makes them, then the ids of a web worker.
 inline void BecomeWorker(const char* program)
 {
     PutStateOnDisk(program);
-    const passwd* service = getpwnam(kServiceUser); // NOLINT(concurrency-mt-unsafe)
-    Require(geteuid() == 0 && service != nullptr, "to be run by bench/run");
+    const passwd& service = ServiceUser();
     for (const char* folder : {kConfigDir, kDataDir, kPreferenceDir, kStateDir}) {
         std::filesystem::create_directories(folder);
         const bool config = folder == kConfigDir;
-        Require(chown(folder, config ? 0 : service->pw_uid, config ? 0 : service->pw_gid) == 0, folder);
+        Require(chown(folder, config ? 0 : service.pw_uid, config ? 0 : service.pw_gid) == 0, folder);
         Require(chmod(folder, config ? 0755 : 0700) == 0, folder);
     }
     std::ofstream(kMachineKeyFile) << "tavr-machine-key-1 " << std::string(64, 'a') << '\n';
-    Require(chown(kMachineKeyFile, 0, service->pw_gid) == 0 && chmod(kMachineKeyFile, 0440) == 0,
+    Require(chown(kMachineKeyFile, 0, service.pw_gid) == 0 && chmod(kMachineKeyFile, 0440) == 0,
             kMachineKeyFile);
-    Require(setgroups(0, nullptr) == 0 && setresgid(service->pw_gid, service->pw_gid, 0) == 0 &&
-                setresuid(service->pw_uid, service->pw_uid, 0) == 0,
-            "ids");
+    TakeWorkerIds(service);
 }
 
 // A log that still grows costs more to sync than one that is written over: fills it once, then starts it
