@@ -5,6 +5,7 @@ import {
   byId, clearFieldError, hidePasswords, onSubmit, readCode, reloadWhenRestored, setTitle, showFieldError, showMessage,
   wirePasswordButtons,
 } from "/shared/dom.js";
+import { buildFields } from "/shared/fields.js";
 import { errorText, fillTexts, loadMessages, text } from "/shared/messages.js";
 import { endWait, showRefusal } from "/shared/refusals.js";
 import { openWizard, otherTabs, reloadedNote, wizardInHistory } from "/shared/wizard.js";
@@ -23,7 +24,7 @@ let endsUnasked = 0;   // when the session would end by itself, had nothing put 
 start().catch(() => { byId("not-loaded").hidden = false; });
 
 async function start() {
-  await loadMessages();
+  await Promise.all([loadMessages(), buildFields(document)]);
   fillTexts(document);
   setTitle(text("settings:title"));
   wirePasswordButtons(document);

@@ -8,6 +8,7 @@ import {
   announce, byId, clearFieldError, onSubmit, readAppCode, readCode, requireFilled, setTitle, showFieldError, showMessage,
   whileBusy, wirePasswordButtons, hidePasswords,
 } from "./dom.js";
+import { buildFields } from "./fields.js";
 import { endWait, showRefusal } from "./refusals.js";
 import {
   copyText, cutToBytes, groupKey, isWholePng, kLabelBytes, labelFor, qrPixels, utf8Length,
@@ -61,6 +62,7 @@ export const otherTabs = new BroadcastChannel("tavr-otp");
 export async function openWizard(host, options) {
   const markup = await (await fetch("/shared/wizard.html")).text();
   host.replaceChildren(...new DOMParser().parseFromString(markup, "text/html").body.children);
+  await buildFields(host);
   fillTexts(host);
   const wizard = new Wizard(host, options);
   await wizard.start();

@@ -4,6 +4,7 @@ import {
   announce, byId, clearFieldError, hidePasswords, onSubmit, readCode, reloadWhenRestored, requireFilled, setTitle,
   showFieldError, showMessage, whileBusy, wirePasswordButtons,
 } from "/shared/dom.js";
+import { buildFields } from "/shared/fields.js";
 import { durationText, errorText, fillTexts, loadMessages, text } from "/shared/messages.js";
 import { endWait, showRefusal } from "/shared/refusals.js";
 import { openWizard, reloadedNote, wizardInHistory } from "/shared/wizard.js";
@@ -22,7 +23,7 @@ const kHalfSigninGone = new Set(["no_pending_signin", "not_signed_in"]);
 start().catch(() => { byId("not-loaded").hidden = false; });
 
 async function start() {
-  await loadMessages();
+  await Promise.all([loadMessages(), buildFields(document)]);
   fillTexts(document);
   wirePasswordButtons(document);
   reloadWhenRestored();
