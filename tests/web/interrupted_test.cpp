@@ -520,7 +520,7 @@ private:
 
 TEST_P(Interrupted, ByAKillIsDoneOrNot)
 {
-    CutOffEverywhere({"killed", test::RunKilledAt, 97});
+    CutOffEverywhere({"killed", test::RunKilledAt, 151});
 }
 
 TEST_P(Interrupted, ByADiskThatStoresNothingMoreIsDoneOrNotAndGoesOnAfterwards)
@@ -533,9 +533,9 @@ TEST_P(Interrupted, ByADiskThatStoresNothingMoreIsDoneOrNotAndGoesOnAfterwards)
             return test::RunFailingAt(at, error, how, work);
         };
     };
-    CutOffEverywhere({"full", failing(ENOSPC, test::Failing::FromThenOn), 11});
-    CutOffEverywhere({"read-only", failing(EROFS, test::Failing::FromThenOn), 13});
-    CutOffEverywhere({"one error", failing(EIO, test::Failing::Once), 7});
+    CutOffEverywhere({"full", failing(ENOSPC, test::Failing::FromThenOn), 17});
+    CutOffEverywhere({"read-only", failing(EROFS, test::Failing::FromThenOn), 19});
+    CutOffEverywhere({"one error", failing(EIO, test::Failing::Once), 11});
 }
 
 std::string NameOf(const testing::TestParamInfo<size_t>& info)
