@@ -7,6 +7,8 @@
 
 #include <limits>
 #include <memory>
+#include <sstream>
+#include <utility>
 
 using tavr::Error;
 using tavr::Fail;
@@ -48,7 +50,12 @@ bool JsonFromFile(const std::string& path, Json::Value& value)
 
 std::string JsonToString(const Json::Value& value)
 {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, value);
+    static const std::unique_ptr<Json::StreamWriter> writer = [] { // kept: making it costs more than using it
+        Json::StreamWriterBuilder builder;
+        builder["indentation"] = "";
+        return std::unique_ptr<Json::StreamWriter>(builder.newStreamWriter());
+    }();
+    std::ostringstream text;
+    writer->write(value, &text);
+    return std::move(text).str();
 }
