@@ -28,8 +28,7 @@ namespace
 using std::chrono::milliseconds;
 
 constexpr int64_t kDrainSeconds = 12; // more than a mail may take
-constexpr uint64_t kSignalId = 0;     // the server's are those between
-constexpr uint64_t kTransfersId = UINT64_MAX;
+constexpr uint64_t kSignalId = 0;     // the server has the others
 constexpr size_t kMostConnections = 2000;
 constexpr size_t kOtherDescriptors = 128; // databases, mail servers, the log
 
