@@ -8,6 +8,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -280,6 +281,34 @@ TEST_F(Webapid, KeepsNoMoreThanEightMebibytesOfWhatIsNotWhole)
     EXPECT_EQ("", ReceiveAll(halves[0])); // who has waited longest
     SendRaw(halves[8], "}");
     EXPECT_EQ(5, CodeIn(AnswerIn(ReceiveAll(halves[8]))));
+}
+
+// Milliseconds for which the process is ready to sleep, as the kernel tells of the call that it waits in.
+long SleepOf(pid_t pid)
+{
+    for (int i = 0; i < 1000; ++i) {
+        std::ifstream file("/proc/" + std::to_string(pid) + "/syscall");
+        long call = -1;
+        std::string epoll;
+        std::string events;
+        std::string most;
+        std::string timeout;
+        if (file >> call >> epoll >> events >> most >> timeout && call == SYS_epoll_wait) {
+            return std::stol(timeout, nullptr, 16);
+        }
+        usleep(1000);
+    }
+    return -1;
+}
+
+TEST_F(Webapid, SleepsWhileNothingIsDue)
+{
+    ExpectServed();
+    const long sleep = SleepOf(service_->Pid());
+    if (sleep < 0) {
+        GTEST_SKIP() << "the kernel does not tell which call a process waits in";
+    }
+    EXPECT_GT(sleep, 3'500'000) << "woken up once an hour, to clear old rows";
 }
 
 // --- Start and end ---
