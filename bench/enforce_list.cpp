@@ -121,8 +121,9 @@ int main(int argc, char** argv)
         Grow(before, count);
         before = count;
         const auto list = [&] { bench::Demand(List("", "all") == count, "total"); };
-        met &= page.Row(count, bench::InTurn(301, askPageAndTotal, list), 1.5);
-        bench::Row("the same, floor without the total", bench::InTurn(301, askPage, list), 0);
+        met &= bench::Row(("page of 50, all, and total, " + std::to_string(count)).c_str(),
+                          bench::InTurn(301, askPageAndTotal, list), 1.5);
+        page.Row(count, bench::InTurn(301, askPage, list), 0); // counting spoils the cache for the list
         met &= selective.Row(count,
                              bench::InTurn(
                                  301, [] { bench::Demand(Rows(kFoundSql) <= 1, "found"); },
