@@ -649,6 +649,23 @@ TEST_F(Passwords, ANameThatIsGivenAnewBeginsAnew)
     });
 }
 
+TEST_F(Passwords, OldTriesGoByTheServiceItselfSomeAtATime)
+{
+    AsWorker([] {
+        SetClocks(1'800'000'000, 100'000, "first");
+        SigninDatabase()
+            .Prepare(
+                "INSERT INTO password_try (key, boot, at) WITH RECURSIVE n(i) AS"
+                " (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 10200) SELECT x'00', 'first', 0 FROM n")
+            .Run();
+        EXPECT_EQ(0, Wait("alice", "192.0.2.1"));
+        ClearTries();
+        EXPECT_GT(Rows(), 2) << "not all at once";
+        ClearTries();
+        EXPECT_EQ(2, Rows()) << "alice's of now";
+    });
+}
+
 TEST_F(Passwords, AreCountedFromTheFirstSecondsOfAStart)
 {
     AsWorker([] {

@@ -409,6 +409,22 @@ TEST_F(Sessions, AHeapOfOldRowsGoesInSmallPieces)
     EXPECT_EQ(111, Rows());
 }
 
+TEST_F(Sessions, OldRowsGoByTheServiceItselfSomeAtATime)
+{
+    SigninDatabase()
+        .Prepare("INSERT INTO session WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i "
+                 "< 10200) SELECT CAST(i AS BLOB), 1026, 'live', ?1, 0, 0, 0, 0, 0 FROM n")
+        .Bind(1, BootId())
+        .Run();
+    SetClock(0, kHour);
+    const std::string live = SignIn(leo);
+    ClearSessions();
+    EXPECT_GT(Rows(), 1) << "not all at once";
+    ClearSessions();
+    EXPECT_EQ(1, Rows());
+    EXPECT_TRUE(FindSession(live));
+}
+
 TEST_F(Sessions, ALiveRowIsNeverClearedAway)
 {
     const std::string pending = OpenPending(leo, SessionState::EnrolmentRequired);
