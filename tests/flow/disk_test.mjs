@@ -110,7 +110,7 @@ test("state that cannot be written grants no second step", async () => {
   };
   // A step that was not stored as used was not used.
   const code = server.code(key);
-  await whileFailing("UPDATE ON secret", code);
+  await whileFailing("UPDATE ON account_mark", code);
   // Stored as used, but no session: the code is gone and the next one is good.
   await whileFailing("INSERT ON session", code);
   const again = await half.post("/api/signin/code", { code });
