@@ -175,6 +175,7 @@ async def main():
     options = parser.parse_args()
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     context.load_cert_chain(*make_certificates(options.keys or options.directory, options.certificate))
+    os.umask(0o077)   # mails may hold codes that are good; the certificates are for everybody
     keeper = Keeper(options.directory, options.fault)
     commands = os.path.join(options.directory, "commands")
     server = await asyncio.get_running_loop().create_server(
