@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <tuple>
 #include <vector>
 
@@ -27,16 +26,10 @@ void Check(const std::optional<std::string>& text, bool (*isRight)(std::string_v
     }
 }
 
-bool IsSettingText(std::string_view text)
-{
-    return std::none_of(text.begin(), text.end(),
-                        [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 0x7f || c == '"'; });
-}
-
 // The service reads it, so the console asks with the service's ids as well.
 bool IsReadableFile(std::string_view path)
 {
-    return path.empty() || (path.starts_with('/') && IsSettingText(path) &&
+    return path.empty() || (path.starts_with('/') && IsSettingValue(path) &&
                             faccessat(AT_FDCWD, std::string(path).c_str(), R_OK, AT_EACCESS) == 0);
 }
 
@@ -44,7 +37,7 @@ void CheckTexts(const ServerTexts& texts)
 {
     Check(texts.host, IsHostName, "--host takes the name or the address of a server");
     Check(texts.from, IsMailAddress, "--from takes one mail address");
-    Check(texts.user, IsSettingText, "--user takes a name without quotes and control characters");
+    Check(texts.user, IsSettingValue, "--user takes a name without quotes and control characters");
     Check(texts.caFile, IsReadableFile, "--ca-file takes the whole path of a file that the service can read");
     for (const auto& [given, key, option] : {std::tuple{texts.host.has_value(), "mail_server", "--host"},
                                              std::tuple{texts.from.has_value(), "mail_from", "--from"}}) {

@@ -277,7 +277,7 @@ int64_t NumberSetting(std::string_view key, int64_t fallback, int64_t least, int
 bool WriteSettings(std::span<const SettingValue> values)
 {
     const bool valid = std::all_of(values.begin(), values.end(), [](const SettingValue& one) {
-        return IsKey(one.key) && IsValue(one.value) && one.value.find('"') == std::string_view::npos;
+        return IsKey(one.key) && IsSettingValue(one.value);
     });
     if (!valid) {
         Fail(Error::BadParameter);
@@ -290,6 +290,11 @@ bool WriteSetting(std::string_view key, std::string_view value)
 {
     const SettingValue one[] = {{key, value}};
     return WriteSettings(one);
+}
+
+bool IsSettingValue(std::string_view text)
+{
+    return IsValue(text) && text.find('"') == std::string_view::npos;
 }
 
 std::optional<std::string> SecretSetting(std::string_view key)

@@ -28,6 +28,7 @@ struct SettingValue {
 };
 bool WriteSettings(std::span<const SettingValue> values); // all of them at once
 bool WriteSetting(std::string_view key, std::string_view value);
+bool IsSettingValue(std::string_view text);
 
 // Passwords of services stand apart, in kSecretsFile (root:tavr-web 0440), in lines of the same form. Read
 // anew each time. Empty: no such key, or the file is not root's own and guarded, which is logged. A value may
