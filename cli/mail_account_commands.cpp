@@ -47,6 +47,12 @@ std::optional<MailAccount> FindMailAccount(const Account& owner, const std::stri
     throw Failure(Exit::NotFound, "no_such_mail_account", owner.name + " has no mail account " + alias);
 }
 
+[[noreturn]] void MailAccountExists(const Account& owner, const std::string& alias)
+{
+    throw Failure(Exit::Exists, "mail_account_exists",
+                  owner.name + " has a mail account " + alias + " already");
+}
+
 MailAccount ExistingMailAccount(const Account& owner, const std::string& alias)
 {
     auto account = FindMailAccount(owner, alias);
@@ -127,8 +133,7 @@ void AddMailAccountCommand(const std::string& typedName, const NewMailAccountTex
     account.isDefault = texts.isDefault;
     const std::string to = texts.test ? TestAddress(owner, account, texts.to) : "";
     if (FindMailAccount(owner, account.alias)) {
-        throw Failure(Exit::Exists, "mail_account_exists",
-                      owner.name + " has a mail account " + account.alias + " already");
+        MailAccountExists(owner, account.alias);
     }
     if (account.server.user.empty() == texts.passwordStdin) {
         throw Failure(Exit::Usage, "usage", "--user and --password-stdin go together");
@@ -143,8 +148,7 @@ void AddMailAccountCommand(const std::string& typedName, const NewMailAccountTex
     const AddedMailAccount added = AddMailAccount(owner, account);
     sodium_memzero(account.server.password.data(), account.server.password.size());
     if (added == AddedMailAccount::No) {
-        throw Failure(Exit::Exists, "mail_account_exists",
-                      owner.name + " has a mail account " + account.alias + " already");
+        MailAccountExists(owner, account.alias);
     }
     account.isDefault = added == AddedMailAccount::AddedAsDefault;
     Say("added mail account " + account.alias + " of " + owner.name +
