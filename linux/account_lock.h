@@ -2,17 +2,15 @@
 // takes AccountLock (enrolment.h), which is made of it.
 #pragma once
 
-#include "linux/descriptor.h"
+#include "linux/file_lock.h"
 
 #include <cstdint>
 
 namespace tavr
 {
 
-enum class LockWait { Forever, AWhile }; // AWhile: some seconds, for a program that somebody waits for
-
-// Holds the lock as long as the descriptor is open: an open file description lock on byte `account` of
-// kAccountLockFile. Empty, with errno set, when it cannot be had.
+// Holds the lock as long as the descriptor is open: on byte `account` of kAccountLockFile. Empty, with errno
+// set, when it cannot be had.
 Descriptor LockAccount(uint32_t account, LockWait wait);
 
 } // namespace tavr

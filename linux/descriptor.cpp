@@ -1,11 +1,27 @@
 #include "linux/descriptor.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace tavr
 {
+
+Descriptor OpenDirectoryNoLinks(const std::string& path)
+{
+    constexpr int kFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    Descriptor directory(open(path.starts_with('/') ? "/" : ".", kFlags));
+    for (size_t at = 0; directory && at < path.size();) {
+        const size_t end = std::min(path.find('/', at), path.size());
+        if (end > at) {
+            directory = Descriptor(openat(directory.Get(), path.substr(at, end - at).c_str(), kFlags));
+        }
+        at = end + 1;
+    }
+    return directory;
+}
 
 bool ReadAll(const Descriptor& file, size_t limit, std::string& text)
 {

@@ -36,6 +36,9 @@ private:
     int fd_ = -1;
 };
 
+// Opens a directory, none of whose components may be a link. The owner is empty and errno set on failure.
+Descriptor OpenDirectoryNoLinks(const std::string& path);
+
 // Appends what is left to read, `limit` bytes at most, to `text`. False: there is more, or it cannot be read.
 bool ReadAll(const Descriptor& file, size_t limit, std::string& text);
 

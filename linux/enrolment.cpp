@@ -5,6 +5,7 @@
 #include "linux/clock.h"
 #include "linux/ids.h"
 #include "linux/names.h"
+#include "linux/new_file.h"
 #include "linux/paths.h"
 #include "linux/session.h"
 #include "linux/vault.h"

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 
 namespace tavr
 {
@@ -102,20 +101,6 @@ Match MatchSecretFile(std::string_view text, const std::string& secret, const st
 
 // --- Files ---
 
-Descriptor OpenDirectoryNoLinks(const std::string& path)
-{
-    constexpr int kFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    Descriptor directory(open(path.starts_with('/') ? "/" : ".", kFlags));
-    for (size_t at = 0; directory && at < path.size();) {
-        const size_t end = std::min(path.find('/', at), path.size());
-        if (end > at) {
-            directory = Descriptor(openat(directory.Get(), path.substr(at, end - at).c_str(), kFlags));
-        }
-        at = end + 1;
-    }
-    return directory;
-}
-
 FoundFile ReadOwnFile(const Descriptor& directory, const std::string& name)
 {
     // Not blocking, for a fifo.
@@ -135,44 +120,6 @@ FoundFile ReadOwnFile(const Descriptor& directory, const std::string& name)
         return {};
     }
     return {Found::Text, text};
-}
-
-NewFile::NewFile(const Descriptor& directory, const std::string& name)
-    : directory_(directory), name_(name), newName_("." + name + ".new")
-{
-}
-
-NewFile::~NewFile()
-{
-    if (exists_) {
-        unlinkat(directory_.Get(), newName_.c_str(), 0);
-    }
-}
-
-bool NewFile::Write(std::string_view text)
-{
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    Descriptor file(openat(directory_.Get(), newName_.c_str(), kFlags, S_IRUSR | S_IWUSR));
-    if (!file && errno == EEXIST && unlinkat(directory_.Get(), newName_.c_str(), 0) == 0) {
-        file = Descriptor(openat(directory_.Get(), newName_.c_str(), kFlags, S_IRUSR | S_IWUSR));
-    }
-    if (!file) {
-        return false;
-    }
-    exists_ = true;
-    return fchmod(file.Get(), S_IRUSR | S_IWUSR) == 0 && WriteAll(file, text) && fsync(file.Get()) == 0;
-}
-
-bool NewFile::PutInPlace(AtPlace atPlace)
-{
-    // An O_PATH descriptor cannot be synced.
-    const Descriptor directory(openat(directory_.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!directory || renameat2(directory.Get(), newName_.c_str(), directory.Get(), name_.c_str(),
-                                atPlace == AtPlace::Keep ? RENAME_NOREPLACE : 0) != 0) {
-        return false;
-    }
-    exists_ = false;
-    return fsync(directory.Get()) == 0;
 }
 
 } // namespace tavr

@@ -59,9 +59,6 @@ Match MatchSecretFile(std::string_view text, const std::string& secret, const st
 
 // --- Files ---
 
-// Opens a directory, none of whose components may be a link. The owner is empty and errno set on failure.
-Descriptor OpenDirectoryNoLinks(const std::string& path);
-
 inline constexpr size_t kSecretFileLimit = 4096; // bytes; a longer file is none of ours
 
 enum class Found {
@@ -76,27 +73,5 @@ struct FoundFile {
 
 // What stands at `name` in the directory. "Own" is the effective user's.
 FoundFile ReadOwnFile(const Descriptor& directory, const std::string& name);
-
-// Writes a new file beside `name`, mode 0600, synced, and puts it in place in one step. Nothing of it is left
-// on failure, then errno says why. With `keep`, something that stands at the place is an error (EEXIST);
-// otherwise it is replaced, and the caller has looked at it.
-enum class AtPlace { Replace, Keep };
-class NewFile
-{
-public:
-    NewFile(const Descriptor& directory, const std::string& name);
-    ~NewFile(); // removes it unless it is in place
-    NewFile(const NewFile&) = delete;
-    NewFile& operator=(const NewFile&) = delete;
-
-    bool Write(std::string_view text); // whole and synced
-    bool PutInPlace(AtPlace atPlace);  // durable when it returns true
-
-private:
-    const Descriptor& directory_;
-    const std::string name_;
-    const std::string newName_; // fixed, so that a cut try leaves one file at most
-    bool exists_ = false;
-};
 
 } // namespace tavr

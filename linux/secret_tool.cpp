@@ -1,6 +1,7 @@
 #include "linux/secret_tool.h"
 
 #include "linux/account_lock.h"
+#include "linux/new_file.h"
 #include "linux/paths.h"
 #include "linux/vault.h"
 
