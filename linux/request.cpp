@@ -36,6 +36,10 @@ const char* FaultText(Fault fault)
         return "account store cannot be read";
     case Fault::MailNotQueued:
         return "mail cannot be queued";
+    case Fault::SettingsUnavailable:
+        return "system settings cannot be read";
+    case Fault::PolicyUnavailable:
+        return "it cannot be told whether two-step sign-in is demanded";
     }
     return "unknown fault";
 }

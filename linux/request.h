@@ -20,6 +20,8 @@ enum class Fault {
     SecretFile,          // the account's secret file is not what the vault says
     AccountsUnavailable, // the account store cannot be read
     MailNotQueued,       // a notification mail was to go out and could not be stored
+    SettingsUnavailable, // the system settings cannot be read
+    PolicyUnavailable,   // it cannot be told whether the policy demands two-step sign-in
 };
 
 const char* FaultText(Fault fault); // for logs and the console: a few words, no final stop

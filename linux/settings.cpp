@@ -2,6 +2,7 @@
 
 #include "linux/descriptor.h"
 #include "linux/error.h"
+#include "linux/file_stamp.h"
 #include "linux/ids.h"
 #include "linux/paths.h"
 
@@ -14,8 +15,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <cstdlib>
-#include <ctime>
 #include <set>
 
 namespace tavr
@@ -25,7 +24,6 @@ namespace
 {
 
 constexpr size_t kMaxSize = 1 << 20;
-constexpr int kReadTries = 5;
 constexpr char kLockName[] = "settings.lock"; // in kConfigDir
 
 // A file of settings in kConfigDir, and whose it is: root's, and where it is secret the service's group too.
@@ -36,50 +34,6 @@ struct Place {
 };
 constexpr Place kOpenPlace{"tavrinfo.conf", "tavrinfo.conf.new", 0644};
 constexpr Place kSecretPlace{"secrets", "secrets.new", 0440};
-
-constexpr int64_t kNano = 1'000'000'000; // nanoseconds a second
-
-// What tells one state of a file from another.
-struct Stamp {
-    dev_t device = 0;
-    ino_t inode = 0;
-    off_t size = -1;
-    int64_t modified = 0;
-    int64_t changed = 0;
-    bool operator==(const Stamp&) const = default;
-};
-
-Stamp StampOf(const struct stat& entry)
-{
-    return {entry.st_dev, entry.st_ino, entry.st_size, entry.st_mtim.tv_sec * kNano + entry.st_mtim.tv_nsec,
-            entry.st_ctim.tv_sec * kNano + entry.st_ctim.tv_nsec};
-}
-
-// O_NONBLOCK: a FIFO at the place must not stop the process.
-FileRead ReadStamped(const char* path, std::string& text, Stamp& stamp)
-{
-    for (int i = 0; i < kReadTries; ++i) {
-        const Descriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-        if (!file) {
-            return errno == ENOENT || errno == ENOTDIR ? FileRead::Absent : FileRead::Failed;
-        }
-        struct stat before {
-        };
-        struct stat after {
-        };
-        std::string read;
-        if (fstat(file.Get(), &before) != 0 || !S_ISREG(before.st_mode) || !ReadAll(file, kMaxSize, read) ||
-            fstat(file.Get(), &after) != 0) {
-            return FileRead::Failed;
-        }
-        if (StampOf(before) == StampOf(after) && static_cast<off_t>(read.size()) == after.st_size) {
-            text = std::move(read);
-            stamp = StampOf(after);
-            return FileRead::Done;
-        }
-    }
-    return FileRead::Failed;
-}
 
 std::string_view Trim(std::string_view text)
 {
@@ -123,48 +77,56 @@ void ForEachLine(std::string_view text, Each each)
     }
 }
 
+// A link, a folder and a file that is too large are none that can be read.
+FileRead Read(const char* path, std::string& text, FileStamp& stamp)
+{
+    switch (ReadStamped(path, 0, kMaxSize, text, stamp)) {
+    case StampedRead::Done:
+        return FileRead::Done;
+    case StampedRead::Absent:
+        return FileRead::Absent;
+    case StampedRead::Unfit:
+    case StampedRead::Failed:
+        break;
+    }
+    return FileRead::Failed;
+}
+
 // The settings as last read.
 struct Kept {
-    Stamp stamp;
+    FileStamp stamp;
     std::string text;
     bool settled = true; // no later change can leave the same stamp
+    bool known = false;  // this is what stands in the file
     bool complained = false;
 };
 
-// Files' times come from the kernel's clock and in steps, so a file that has changed just now may do so again
-// within the same step.
-bool IsJustNow(int64_t time)
-{
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    const int64_t age = now.tv_sec * kNano + now.tv_nsec - time;
-    return std::abs(age) < kNano;
-}
-
 // Whether an editor may be at it that writes into the file that was there, which it empties first.
-bool IsHalfWritten(const Kept& kept, const Stamp& stamp, const std::string& text)
+bool IsHalfWritten(const FileStamp& stamp, const std::string& text)
 {
     const bool complete = !text.empty() && text.back() == '\n';
-    return !complete && stamp.device == kept.stamp.device && stamp.inode == kept.stamp.inode &&
-           IsJustNow(stamp.modified);
+    return !complete && IsJustNow(stamp.modified);
 }
 
-const std::string& CurrentText()
+const Kept& Current()
 {
     static Kept kept;
     struct stat entry {
     };
     if (kept.settled && stat(kSettingsFile, &entry) == 0 && StampOf(entry) == kept.stamp) {
-        return kept.text;
+        return kept;
     }
     std::string text;
-    Stamp stamp;
-    switch (ReadStamped(kSettingsFile, text, stamp)) {
-    case FileRead::Done:
-        if (!IsHalfWritten(kept, stamp, text)) {
-            kept = {stamp, std::move(text), !IsJustNow(stamp.changed), false};
+    FileStamp stamp;
+    switch (Read(kSettingsFile, text, stamp)) {
+    case FileRead::Done: {
+        const bool half = IsHalfWritten(stamp, text);
+        if (!half || stamp.device != kept.stamp.device || stamp.inode != kept.stamp.inode) {
+            const bool known = !half && !text.empty();
+            kept = {stamp, std::move(text), !half && !IsJustNow(stamp.changed), known, false};
         }
         break;
+    }
     case FileRead::Absent:
         kept = {};
         break;
@@ -172,10 +134,12 @@ const std::string& CurrentText()
         if (!kept.complained) {
             syslog(LOG_ERR, "cannot read %s, going on with what was read before: %m", kSettingsFile);
         }
+        kept.known = false;
         kept.complained = true;
+        kept.settled = false; // read again as soon as it can be, though nothing has changed
         break;
     }
-    return kept.text;
+    return kept;
 }
 
 bool IsKey(std::string_view key)
@@ -232,8 +196,8 @@ bool Write(const Place& place, std::span<const SettingValue> values)
         return false;
     }
     std::string text;
-    Stamp stamp;
-    if (ReadStamped((std::string(kConfigDir) + "/" + place.name).c_str(), text, stamp) == FileRead::Failed) {
+    FileStamp stamp;
+    if (Read((std::string(kConfigDir) + "/" + place.name).c_str(), text, stamp) == FileRead::Failed) {
         Fail(Error::ReadFailed);
         return false;
     }
@@ -251,13 +215,18 @@ bool Write(const Place& place, std::span<const SettingValue> values)
 
 std::string Setting(std::string_view key, std::string_view fallback)
 {
-    const auto value = FindKey(CurrentText(), key);
+    const auto value = FindKey(Current().text, key);
     return value ? *value : std::string(fallback);
+}
+
+bool SettingsKnown()
+{
+    return Current().known;
 }
 
 int64_t NumberSetting(std::string_view key, int64_t fallback, int64_t least, int64_t most)
 {
-    const auto text = FindKey(CurrentText(), key);
+    const auto text = FindKey(Current().text, key);
     if (!text) {
         return fallback;
     }
@@ -354,8 +323,8 @@ std::string ReplaceKey(std::string_view text, std::string_view key, std::string_
 
 FileRead ReadWholeFile(const char* path, std::string& text)
 {
-    Stamp stamp;
-    return ReadStamped(path, text, stamp);
+    FileStamp stamp;
+    return Read(path, text, stamp);
 }
 
 } // namespace tavr

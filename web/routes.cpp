@@ -170,8 +170,9 @@ Answer Refusal(int status, const char* error)
 
 Answer Unavailable()
 {
-    syslog(LOG_ERR, "two-step sign-in unavailable: %s", FaultText(CurrentRequest().fault));
-    return Refusal(503, "otp_unavailable");
+    const Fault fault = CurrentRequest().fault;
+    syslog(LOG_ERR, "two-step sign-in unavailable: %s", FaultText(fault));
+    return Refusal(503, fault == Fault::PolicyUnavailable ? "policy_unavailable" : "otp_unavailable");
 }
 
 Answer Later(int seconds)

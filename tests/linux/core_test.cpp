@@ -2,6 +2,7 @@
 
 #include "linux/error.h"
 #include "linux/ids.h"
+#include "linux/request.h"
 #include "linux/settings.h"
 #include "linux/string_hash.h"
 #include "platform/conf.h"
@@ -412,6 +413,43 @@ TEST_F(Settings, StayAsTheyWereWhileTheFileCannotBeRead)
     unlink("/etc/tavr/tavrinfo.conf");
     mkdir("/etc/tavr/tavrinfo.conf", 0755);
     EXPECT_EQ("red", tavr::Setting("colour", "fallback"));
+    rmdir("/etc/tavr/tavrinfo.conf");
+}
+
+// What an option says is then not known, and the request notes it.
+TEST_F(Settings, AreNotKnownWhileTheFileIsAbsentEmptyOrCannotBeRead)
+{
+    const auto known = [] {
+        tavr::StartRequest();
+        TavrConf().Info("colour", "");
+        EXPECT_EQ(tavr::SettingsKnown() ? tavr::Fault::None : tavr::Fault::SettingsUnavailable,
+                  tavr::CurrentRequest().fault);
+        return tavr::SettingsKnown();
+    };
+    const auto left = [](const char* text) { // by somebody who is not at it any more
+        WriteAsRoot("/etc/tavr/tavrinfo.conf", text);
+        const tavr::EffectiveIds root = tavr::EffectiveIds::Root();
+        const timespec earlier[2] = {{1, 0}, {1, 0}};
+        ASSERT_EQ(0, utimensat(AT_FDCWD, "/etc/tavr/tavrinfo.conf", earlier, 0));
+    };
+    left("colour=\"red\"");
+    EXPECT_TRUE(known());
+    left("");
+    EXPECT_FALSE(known());
+    left("# nothing\n");
+    EXPECT_TRUE(known());
+    const tavr::EffectiveIds root = tavr::EffectiveIds::Root();
+    unlink("/etc/tavr/tavrinfo.conf");
+    EXPECT_FALSE(known());
+    WriteAsRoot("/etc/tavr/other.conf", "colour=\"re"); // by a process that has read nothing before
+    ASSERT_EQ(0, rename("/etc/tavr/other.conf", "/etc/tavr/tavrinfo.conf"));
+    EXPECT_FALSE(known());
+    WriteAsRoot("/etc/tavr/tavrinfo.conf", "colour=\"red\"\n");
+    EXPECT_TRUE(known());
+    unlink("/etc/tavr/tavrinfo.conf");
+    mkdir("/etc/tavr/tavrinfo.conf", 0755);
+    EXPECT_FALSE(known());
+    EXPECT_EQ("red", tavr::Setting("colour", "")) << "the value of before";
     rmdir("/etc/tavr/tavrinfo.conf");
 }
 
