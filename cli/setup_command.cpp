@@ -7,6 +7,7 @@
 #include "linux/ids.h"
 #include "linux/machine_key.h"
 #include "linux/paths.h"
+#include "linux/policy_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -150,11 +151,21 @@ void MakeRootsPart(Ids service)
     MakeFolder(kRunDir, root, 0755);
 }
 
+// A file that is gone may have picked somebody: its last good copy goes before an empty one.
+void MakePolicyFile(Ids service)
+{
+    if (!PolicyReading().Usable()) {
+        Fail(kPolicyFile, "cannot be used, see the log; put back one from a backup, or {} for no picks");
+    }
+    MakeFile(kPolicyFile, service, 0644, "{}\n");
+    const PolicyReading takesCopy;
+}
+
 // With the service's ids: the folders are its own, and what stands in them may have been put there by it.
 void MakeServicesPart(Ids service)
 {
     MakeFolder(kPreferenceDir, service, 0700);
-    MakeFile(kPolicyFile, service, 0644, "{}\n");
+    MakePolicyFile(service);
     AccountsDatabase();
     Report("opened", kAccountsDatabase);
     SigninDatabase();

@@ -98,6 +98,16 @@ EventWords WordsOf(AuditEvent event)
         return {"account", "enabled", LOG_NOTICE};
     case AuditEvent::PasswordChanged:
         return {"account", "password-changed", LOG_NOTICE};
+    case AuditEvent::PolicyOption:
+        return {"policy", "option", LOG_NOTICE};
+    case AuditEvent::PolicyPicked:
+        return {"policy", "picked", LOG_NOTICE};
+    case AuditEvent::PolicyUnpicked:
+        return {"policy", "unpicked", LOG_NOTICE};
+    case AuditEvent::PolicyRestored:
+        return {"policy", "restored", LOG_WARNING};
+    case AuditEvent::PolicyAdopted:
+        return {"policy", "adopted", LOG_WARNING};
     }
     return {"unknown", "unknown", LOG_WARNING};
 }
@@ -142,6 +152,11 @@ const char* NoticeOf(AuditEvent event)
     case AuditEvent::AccountDisabled:
     case AuditEvent::AccountEnabled:
     case AuditEvent::PasswordChanged:
+    case AuditEvent::PolicyOption:
+    case AuditEvent::PolicyPicked:
+    case AuditEvent::PolicyUnpicked:
+    case AuditEvent::PolicyRestored:
+    case AuditEvent::PolicyAdopted:
         break;
     }
     return nullptr;
@@ -221,13 +236,13 @@ struct Entry {
     EventWords words;
     std::string address;
     std::optional<uint32_t> uid;
-    const char* detail;
+    std::string detail;
     std::string account;
 };
 
-Entry EntryOf(AuditEvent event, std::string_view name, std::optional<uint32_t> uid, const char* detail)
+Entry EntryOf(AuditEvent event, std::string_view name, std::optional<uint32_t> uid, std::string_view detail)
 {
-    return {WordsOf(event), ClientAddress(), uid, detail, AuditName(name)};
+    return {WordsOf(event), ClientAddress(), uid, std::string(detail), AuditName(name)};
 }
 
 // What others may have chosen stands last.
@@ -249,17 +264,31 @@ void StoreRow(const Entry& entry)
     insert.Run();
 }
 
-void Write(const Entry& entry)
+void WriteLine(const Entry& entry)
 {
     syslog(LOG_AUTHPRIV | entry.words.priority, "%s", LineOf(entry).c_str());
+}
+
+// Never fails its caller.
+template<class Store>
+void StoreIfPossible(Store store)
+{
     // A database that has just failed must not be waited for again.
-    if (entry.words.keep == Keep::LineOnly || CurrentRequest().fault != Fault::None) {
+    if (CurrentRequest().fault != Fault::None) {
         return;
     }
     try {
-        StoreRow(entry);
+        store();
     } catch (const DatabaseError& error) {
         syslog(LOG_ERR, "the audit's row could not be stored: %s", error.what());
+    }
+}
+
+void Write(const Entry& entry)
+{
+    WriteLine(entry);
+    if (entry.words.keep == Keep::LineAndRow) {
+        StoreIfPossible([&] { StoreRow(entry); });
     }
 }
 
@@ -302,6 +331,23 @@ void Audit(AuditEvent event, const Account& account, const char* detail)
 void Audit(AuditEvent event, std::string_view typedName, const char* detail)
 {
     Write(EntryOf(event, typedName, std::nullopt, detail));
+}
+
+void AuditPicks(const Account* who, const std::vector<PickChange>& changes)
+{
+    std::vector<Entry> entries;
+    entries.reserve(changes.size());
+    for (const PickChange& change : changes) {
+        const AuditEvent event = change.picked ? AuditEvent::PolicyPicked : AuditEvent::PolicyUnpicked;
+        entries.push_back(who != nullptr ? EntryOf(event, who->name, who->uid, change.what)
+                                         : EntryOf(event, {}, std::nullopt, change.what));
+    }
+    std::for_each(entries.begin(), entries.end(), WriteLine);
+    StoreIfPossible([&] {
+        Transaction transaction(SigninDatabase());
+        std::for_each(entries.begin(), entries.end(), StoreRow);
+        transaction.Commit();
+    });
 }
 
 AuditedGrant::AuditedGrant(AuditEvent event, const Account& account, const char* detail)

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tavr
 {
@@ -44,6 +45,11 @@ enum class AuditEvent {
     AccountDisabled,
     AccountEnabled,
     PasswordChanged,
+    PolicyOption,   // of who must use two-step sign-in; by an administrator
+    PolicyPicked,   // an account or group; by an administrator
+    PolicyUnpicked, // likewise
+    PolicyRestored, // the picks' file was broken or gone
+    PolicyAdopted,  // the picks' file was changed past us
 };
 
 // Writes line and row, with the client's address of the current request, and notes what the account's owner
@@ -53,6 +59,13 @@ enum class AuditEvent {
 void Audit(AuditEvent event, const Account& account, const char* detail = "-");
 void Audit(AuditEvent event, std::string_view typedName,
            const char* detail = "-"); // of whom nothing is known
+
+// What came to the policy's picks or went: a row for each, stored together. `who` null: the console.
+struct PickChange {
+    bool picked = false;
+    std::string what; // a detail: the type and the number
+};
+void AuditPicks(const Account* who, const std::vector<PickChange>& changes);
 
 // For what is granted, and for what takes a second step away: made inside the transaction that does it, it
 // stores the row there, so that nothing is done without it; the line follows when that is durable. Making it

@@ -2,6 +2,7 @@
 
 #include "linux/descriptor.h"
 #include "linux/error.h"
+#include "linux/json_text.h"
 
 #include <fcntl.h>
 
@@ -29,6 +30,15 @@ Json::CharReader& Reader()
 
 } // namespace
 
+bool tavr::ParseJson(std::string_view text, Json::Value& value)
+{
+    try {
+        return Reader().parse(text.data(), text.data() + text.size(), &value, nullptr);
+    } catch (const Json::Exception&) { // nested too deep
+        return false;
+    }
+}
+
 bool JsonFromFile(const std::string& path, Json::Value& value)
 {
     const tavr::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -37,15 +47,11 @@ bool JsonFromFile(const std::string& path, Json::Value& value)
         return false;
     }
     std::string text;
-    try {
-        if (ReadAll(file, std::numeric_limits<size_t>::max(), text) &&
-            Reader().parse(text.data(), text.data() + text.size(), &value, nullptr)) {
-            return true;
-        }
-    } catch (const Json::Exception&) { // nested too deep
+    if (!ReadAll(file, std::numeric_limits<size_t>::max(), text) || !tavr::ParseJson(text, value)) {
+        Fail(Error::ReadFailed);
+        return false;
     }
-    Fail(Error::ReadFailed);
-    return false;
+    return true;
 }
 
 std::string JsonToString(const Json::Value& value)

@@ -20,6 +20,8 @@ inline constexpr char kStateDir[] = "/var/lib/tavr";                     // tavr
 inline constexpr char kAccountsDatabase[] = "/var/lib/tavr/accounts.db"; // users, groups
 inline constexpr char kSigninDatabase[] = "/var/lib/tavr/signin.db";     // vault, sessions
 inline constexpr char kMailDatabase[] = "/var/lib/tavr/mail.db";         // mails that wait to be sent
+inline constexpr char kPolicyCopyFile[] = "/var/lib/tavr/policy.copy";   // the last good kPolicyFile
+inline constexpr char kPolicyLockFile[] = "/var/lib/tavr/policy.lock";   // policy_file.h
 inline constexpr char kAccountLockFile[] = "/var/lib/tavr/account.lock"; // one byte an account
 inline constexpr char kMailLockFile[] = "/var/lib/tavr/mail.lock";       // held by who sends
 

@@ -136,6 +136,11 @@ TEST_F(AuditTrail, NamesEveryEvent)
         {AuditEvent::AccountDisabled, LOG_NOTICE, true, "event=account outcome=disabled"},
         {AuditEvent::AccountEnabled, LOG_NOTICE, true, "event=account outcome=enabled"},
         {AuditEvent::PasswordChanged, LOG_NOTICE, true, "event=account outcome=password-changed"},
+        {AuditEvent::PolicyOption, LOG_NOTICE, true, "event=policy outcome=option"},
+        {AuditEvent::PolicyPicked, LOG_NOTICE, true, "event=policy outcome=picked"},
+        {AuditEvent::PolicyUnpicked, LOG_NOTICE, true, "event=policy outcome=unpicked"},
+        {AuditEvent::PolicyRestored, LOG_WARNING, true, "event=policy outcome=restored"},
+        {AuditEvent::PolicyAdopted, LOG_WARNING, true, "event=policy outcome=adopted"},
     };
     for (const auto& row : table) {
         SetUp();

@@ -197,12 +197,12 @@ is 2 '*' tavrctl session end alice --id 0123456789abcdef
 # --- Audit ---
 stamp='20[0-9][0-9]-[0-9][0-9]-[0-9][0-9]T[0-9][0-9]:[0-9][0-9]:[0-9][0-9]Z'
 audited() { tavrctl audit --account "$1" | cut -f 2- | tail -n "$2"; }
-is 0 "$stamp"$'\taccount\tadded\tconsole\t-\talice\n*' tavrctl audit
+is 0 "$stamp"$'\tpolicy\tadopted\tconsole\tchanged\t-\n'"$stamp"$'\taccount\tadded\tconsole\t-\talice\n*' tavrctl audit
 is 0 $'account\tdisabled\tconsole\t-\tbob\naccount\tenabled\tconsole\t-\tbob\naccount\tenabled\tconsole\t-\tbob' audited ' BOB ' 3
 is 0 $'reset\tdone\tconsole\t-\talice\nsession\tended\tconsole\tall\talice\nsession\tended\tconsole\tall\talice' audited alice 3
 is 0 $'account\tadded\tconsole\t-\t-rf\naccount\tremoved\tconsole\t-\t-rf' audited -rf 2
 is 0 $'*recovery-address\tchanged\tconsole\t-\tbob\n*' audited bob 99
-is 0 '*"account":"alice","address":"console","detail":"-","event":"account","id":1,"outcome":"added","time":"20*Z","uid":1026*"success":true}' \
+is 0 '*"account":"alice","address":"console","detail":"-","event":"account","id":2,"outcome":"added","time":"20*Z","uid":1026*"success":true}' \
     tavrctl audit --json
 is 0 '' tavrctl audit --account nobody
 is 0 '' tavrctl audit --since 2100-01-01

@@ -132,6 +132,7 @@ void FreshServer::SetUp()
     Require(chown(kClockFile, kServiceId, kServiceId) == 0, kClockFile);
     std::ofstream(kMachineKeyFile)
         << "tavr-machine-key-1 000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f\n";
+    WriteSettings("maillang=\"enu\"\n");
     Require(chown(kMachineKeyFile, 0, kServiceId) == 0 && chmod(kMachineKeyFile, 0440) == 0, kMachineKeyFile);
 }
 

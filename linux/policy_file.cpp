@@ -1,0 +1,452 @@
+#include "linux/policy_file.h"
+
+#include "linux/audit.h"
+#include "linux/file_lock.h"
+#include "linux/json_text.h"
+#include "linux/paths.h"
+#include "linux/settings.h"
+
+#include <fcntl.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <iterator>
+#include <vector>
+
+namespace tavr
+{
+
+namespace
+{
+
+constexpr char kOptionKey[] = "otp_enforce_option";
+constexpr char kFileName[] = "tavr_otp_enforce_custom_setting"; // in kDataDir
+constexpr char kBrokenName[] = "tavr_otp_enforce_custom_setting.broken";
+constexpr char kCopyName[] = "policy.copy"; // in kStateDir
+constexpr mode_t kFileMode = 0644;
+constexpr size_t kMaxSize = 32 << 20; // two million accounts and more
+constexpr char kNoPicks[] = "{}\n";
+constexpr const char* kTypes[] = {"local_user",   "local_group", "domain_user",
+                                  "domain_group", "ldap_user",   "ldap_group"};
+constexpr const char* kOptions[] = {"none", "user", "admin", "custom"};
+
+// Bytes of the lock's file. Whoever wants the policy passes the gate first, so that readers who come one
+// after the other do not keep a writer out.
+constexpr off_t kGate = 0;
+constexpr off_t kPolicy = 1;
+
+// --- What picks are ---
+
+// An array or object inside a list ends the library's calls in an exception, and a list that is none counts
+// as an empty one.
+bool IsList(const Json::Value& list)
+{
+    return list.isArray() && std::all_of(list.begin(), list.end(), [](const Json::Value& entry) {
+               return entry.isString() || entry.isNumeric();
+           });
+}
+
+// What a power cut leaves in a file that was being rewritten: blocks that never came to the disk.
+bool HoldsControlCharacters(std::string_view text)
+{
+    return std::any_of(text.begin(), text.end(), [](char c) {
+        return static_cast<unsigned char>(c) < ' ' && c != '\n' && c != '\r' && c != '\t';
+    });
+}
+
+std::optional<Json::Value> ParsePicks(std::string_view text)
+{
+    Json::Value picks;
+    if (HoldsControlCharacters(text) || !ParseJson(text, picks) || !picks.isObject()) {
+        return std::nullopt;
+    }
+    const bool lists = std::all_of(std::begin(kTypes), std::end(kTypes), [&](const char* type) {
+        return !picks.isMember(type) || IsList(picks[type]);
+    });
+    return lists ? std::optional(std::move(picks)) : std::nullopt;
+}
+
+bool ArePicks(std::string_view text)
+{
+    return ParsePicks(text).has_value();
+}
+
+// --- What came and what went ---
+
+std::vector<std::string> NumbersOf(const Json::Value& picks, const char* type)
+{
+    std::vector<std::string> numbers;
+    for (const Json::Value& entry : picks[type]) {
+        numbers.push_back(entry.asString());
+    }
+    std::sort(numbers.begin(), numbers.end());
+    return numbers;
+}
+
+// As a detail of the audit: "local-user-1026".
+std::string DetailOf(std::string_view type, const std::string& number)
+{
+    const bool decimal =
+        !number.empty() && number.size() <= 10 && number.find_first_not_of("0123456789") == std::string::npos;
+    std::string detail = std::string(type) + '-' + (decimal ? number : "other");
+    std::replace(detail.begin(), detail.end(), '_', '-');
+    return detail;
+}
+
+std::vector<PickChange> ChangesBetween(const Json::Value& before, const Json::Value& after)
+{
+    std::vector<PickChange> changes;
+    for (const char* const type : kTypes) {
+        const std::vector<std::string> old = NumbersOf(before, type);
+        const std::vector<std::string> now = NumbersOf(after, type);
+        std::vector<std::string> gone;
+        std::vector<std::string> come;
+        std::set_difference(old.begin(), old.end(), now.begin(), now.end(), std::back_inserter(gone));
+        std::set_difference(now.begin(), now.end(), old.begin(), old.end(), std::back_inserter(come));
+        for (const std::string& number : gone) {
+            changes.push_back({false, DetailOf(type, number)});
+        }
+        for (const std::string& number : come) {
+            changes.push_back({true, DetailOf(type, number)});
+        }
+    }
+    return changes;
+}
+
+// --- Looking ---
+
+// The state of the file that was last found good by this process, if no later one can have the same stamp.
+std::optional<FileStamp>& KnownGood()
+{
+    static std::optional<FileStamp> stamp;
+    return stamp;
+}
+
+void Remember(const FileStamp& stamp)
+{
+    const bool tells = stamp != FileStamp() && !IsJustNow(stamp.changed);
+    KnownGood() = tells ? std::optional(stamp) : std::nullopt;
+}
+
+// That of no file where there is none.
+FileStamp PresentStamp()
+{
+    struct stat entry {
+    };
+    return lstat(kPolicyFile, &entry) == 0 ? StampOf(entry) : FileStamp();
+}
+
+enum class Finding {
+    Good,     // picks, and the copy's content
+    NoneYet,  // neither file nor copy
+    Changed,  // picks, and not the copy's content, or there is no copy
+    Broken,   // no picks, or gone, and the copy holds picks
+    Hopeless, // likewise, and the copy holds none
+    Unknown,  // it cannot be told what is there
+};
+
+struct Look {
+    Finding finding = Finding::Unknown;
+    bool gone = false;
+    bool copied = false; // there is a copy that holds picks
+    std::string text;    // the file's, with Good and Changed
+    std::string copy;
+    FileStamp stamp; // of `text`
+};
+
+Finding FindingOf(StampedRead file, StampedRead copy, Look& look)
+{
+    if (file == StampedRead::Failed) {
+        return Finding::Unknown;
+    }
+    const bool read = file == StampedRead::Done;
+    if (read && copy == StampedRead::Done && look.text == look.copy) {
+        return Finding::Good; // nothing becomes a copy that is no picks
+    }
+    look.gone = file == StampedRead::Absent;
+    look.copied = copy == StampedRead::Done && ArePicks(look.copy);
+    if (read && ArePicks(look.text)) {
+        return Finding::Changed;
+    }
+    if (look.copied) {
+        return Finding::Broken;
+    }
+    return look.gone && copy == StampedRead::Absent ? Finding::NoneYet : Finding::Hopeless;
+}
+
+Look LookAtFile()
+{
+    Look look;
+    FileStamp copyStamp;
+    const StampedRead file = ReadStamped(kPolicyFile, O_NOFOLLOW, kMaxSize, look.text, look.stamp);
+    const StampedRead copy = ReadStamped(kPolicyCopyFile, O_NOFOLLOW, kMaxSize, look.copy, copyStamp);
+    look.finding = FindingOf(file, copy, look);
+    return look;
+}
+
+// --- Mending, under the exclusive lock ---
+
+bool StoreCopy(std::string_view text)
+{
+    const Descriptor folder = OpenDirectoryNoLinks(kStateDir);
+    NewFile copy(folder, kCopyName);
+    return folder && copy.Write(text) && copy.PutInPlace(AtPlace::Replace);
+}
+
+// What stands there is kept: it may be somebody's work.
+bool StoreFile(std::string_view text)
+{
+    const Descriptor folder = OpenDirectoryNoLinks(kDataDir);
+    NewFile file(folder, kFileName, kFileMode);
+    if (!folder || !file.Write(text)) {
+        return false;
+    }
+    renameat(folder.Get(), kFileName, folder.Get(), kBrokenName);
+    return file.PutInPlace(AtPlace::Replace);
+}
+
+// What is to be told once the lock is no longer exclusive.
+struct Report {
+    std::optional<AuditEvent> event;
+    const char* detail = "-";
+};
+
+void Tell(const Report& report)
+{
+    if (report.event) {
+        Audit(*report.event, std::string_view(), report.detail);
+    }
+}
+
+void Adopt(Look& look, Report& report)
+{
+    if (!StoreCopy(look.text)) {
+        syslog(LOG_ERR, "%s has changed and cannot be copied to %s: %m", kPolicyFile, kPolicyCopyFile);
+        return; // good all the same; the next one tries again
+    }
+    if (look.copied) {
+        syslog(LOG_WARNING, "%s was changed by somebody else, and is taken as it stands", kPolicyFile);
+        report = {AuditEvent::PolicyAdopted, "changed"};
+    }
+    look.finding = Finding::Good;
+}
+
+void Restore(Look& look, Report& report)
+{
+    if (!StoreFile(look.copy)) {
+        syslog(LOG_ERR, "%s is %s and cannot be restored: %m", kPolicyFile, look.gone ? "gone" : "broken");
+        return;
+    }
+    syslog(LOG_WARNING, "%s was %s, and is restored from its last good copy%s%s", kPolicyFile,
+           look.gone ? "gone" : "broken", look.gone ? "" : "; what stood there is now ",
+           look.gone ? "" : kBrokenName);
+    report = {AuditEvent::PolicyRestored, look.gone ? "gone" : "broken"};
+    look.finding = Finding::Good;
+    look.text = look.copy;
+    look.stamp = PresentStamp();
+}
+
+void Begin(Look& look)
+{
+    if (!StoreCopy(kNoPicks) || !StoreFile(kNoPicks)) {
+        syslog(LOG_ERR, "%s cannot be made: %m", kPolicyFile);
+        return;
+    }
+    look.finding = Finding::Good;
+    look.text = kNoPicks;
+    look.stamp = PresentStamp();
+}
+
+// Puts right what can be put right.
+Report Mend(Look& look)
+{
+    Report report;
+    if (look.finding == Finding::Changed) {
+        Adopt(look, report);
+    } else if (look.finding == Finding::Broken) {
+        Restore(look, report);
+    }
+    return report;
+}
+
+// Whether the library may be let at it. What cannot be put right is told.
+bool MayBeRead(const Look& look)
+{
+    switch (look.finding) {
+    case Finding::Good:
+        Remember(look.stamp);
+        return true;
+    case Finding::NoneYet:
+    case Finding::Changed:
+        return true;
+    case Finding::Broken: // told by Restore
+        return false;
+    case Finding::Hopeless:
+        syslog(LOG_ERR, "%s holds no picks and there is no good copy; put one back, or {} for no picks",
+               kPolicyFile);
+        return false;
+    case Finding::Unknown:
+        syslog(LOG_ERR, "%s cannot be read: %m", kPolicyFile);
+        return false;
+    }
+    return false;
+}
+
+bool NeedsMending(const Look& look)
+{
+    return look.finding == Finding::Changed || look.finding == Finding::Broken;
+}
+
+bool SyncFile()
+{
+    const Descriptor file(open(kPolicyFile, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    return file && fsync(file.Get()) == 0;
+}
+
+} // namespace
+
+// --- The lock ---
+
+bool PolicyLock::Take(LockKind kind)
+{
+    file_ = OpenLockFile(kPolicyLockFile);
+    const bool taken = file_ && LockByte(file_, kGate, kind, LockWait::AWhile) &&
+                       LockByte(file_, kPolicy, kind, LockWait::AWhile);
+    if (!taken) {
+        syslog(LOG_ERR, "%s cannot be locked: %m", kPolicyLockFile);
+        file_ = Descriptor();
+        return false;
+    }
+    UnlockByte(file_, kGate);
+    return true;
+}
+
+bool PolicyLock::MakeShared()
+{
+    return LockByte(file_, kPolicy, LockKind::Shared, LockWait::AWhile);
+}
+
+// --- Reading ---
+
+PolicyReading::PolicyReading()
+{
+    if (!service_.Changed() || !lock_.Take(LockKind::Shared)) {
+        return;
+    }
+    stamp_ = PresentStamp();
+    if (stamp_ == KnownGood()) {
+        usable_ = true;
+        return;
+    }
+    Look look = LookAtFile();
+    Report report;
+    if (NeedsMending(look)) {
+        if (!lock_.Take(LockKind::Exclusive)) {
+            return;
+        }
+        look = LookAtFile(); // somebody else may have been quicker
+        report = Mend(look);
+        if (!lock_.MakeShared()) {
+            return;
+        }
+    }
+    Tell(report);
+    usable_ = MayBeRead(look);
+    stamp_ = look.stamp;
+}
+
+bool PolicyReading::Unchanged() const
+{
+    return PresentStamp() == stamp_;
+}
+
+// --- Writing ---
+
+PolicyWriting::PolicyWriting()
+{
+    locked_ = service_.Changed() && lock_.Take(LockKind::Exclusive);
+    if (!locked_) {
+        return;
+    }
+    Look look = LookAtFile();
+    Tell(Mend(look));
+    if (look.finding == Finding::NoneYet) {
+        Begin(look);
+    }
+    if (!MayBeRead(look) || look.finding != Finding::Good) {
+        return;
+    }
+    folder_ = OpenDirectoryNoLinks(kDataDir);
+    putBack_.emplace(folder_, kFileName, kFileMode);
+    if (!folder_ || !putBack_->Write(look.text)) {
+        syslog(LOG_ERR, "%s is not changed, as there is no room to put it back: %m", kPolicyFile);
+        putBack_.reset();
+        return;
+    }
+    before_ = std::move(look.text);
+    usable_ = true;
+}
+
+PolicyWriting::~PolicyWriting()
+{
+    if (!putBack_) {
+        return;
+    }
+    const Look look = LookAtFile();
+    if (look.text != before_ && !putBack_->PutInPlace(AtPlace::Replace)) {
+        syslog(LOG_ERR, "%s was not written whole and cannot be put back: %m", kPolicyFile);
+    }
+}
+
+bool PolicyWriting::Commit(const Account* who)
+{
+    std::string text;
+    FileStamp stamp;
+    if (!usable_ || ReadStamped(kPolicyFile, O_NOFOLLOW, kMaxSize, text, stamp) != StampedRead::Done) {
+        return false;
+    }
+    const std::optional<Json::Value> after = ParsePicks(text);
+    if (!after) {
+        syslog(LOG_ERR, "%s would hold no picks any more, and is put back", kPolicyFile);
+        return false;
+    }
+    if (text != before_ && (!SyncFile() || !StoreCopy(text))) {
+        syslog(LOG_ERR, "%s cannot be stored, and is put back: %m", kPolicyFile);
+        return false;
+    }
+    usable_ = false;
+    putBack_.reset();
+    Remember(stamp);
+    AuditPicks(who, ChangesBetween(ParsePicks(before_).value_or(Json::Value()), *after));
+    return true;
+}
+
+// --- The option ---
+
+std::string PolicyOption()
+{
+    std::string option = Setting(kOptionKey, "");
+    return IsPolicyOption(option) ? option : "none";
+}
+
+bool IsPolicyOption(std::string_view text)
+{
+    return std::find(std::begin(kOptions), std::end(kOptions), text) != std::end(kOptions);
+}
+
+OptionChange ChangePolicyOption(std::string_view option, const Account* who)
+{
+    const PolicyWriting policy;
+    if (option == "custom" && !policy.Usable()) {
+        return OptionChange::PicksUnusable;
+    }
+    if (!policy.Locked() || !IsPolicyOption(option) || !WriteSetting(kOptionKey, option)) {
+        return OptionChange::NotWritten;
+    }
+    const char* const detail = *std::find(std::begin(kOptions), std::end(kOptions), option);
+    who != nullptr ? Audit(AuditEvent::PolicyOption, *who, detail)
+                   : Audit(AuditEvent::PolicyOption, std::string_view(), detail);
+    return OptionChange::Done;
+}
+
+} // namespace tavr
