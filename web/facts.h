@@ -3,12 +3,17 @@
 
 #include "linux/enrolment.h"
 
+#include <optional>
+
 namespace tavr::web
 {
 
-bool Demanded(const Account& account); // by the administrator's policy
+// By the administrator's policy. Empty when it cannot be told; the request then has
+// Fault::PolicyUnavailable.
+std::optional<bool> Demanded(const Account& account);
 
-// Settles the account and puts both facts into the request, for whatever login comes after.
+// Settles the account and puts both facts into the request, for whatever login comes after. What cannot be
+// told of either is a fault.
 EnrolmentState LearnFacts(const Account& account);
 
 } // namespace tavr::web

@@ -330,9 +330,10 @@ Answer WizardRenew(Call& call)
 
 Answer WizardLabel(Call& call)
 {
-    OTPWizardHandler handler;
-    if (std::optional<Answer> refusal = RefusePassword(handler, call)) {
-        return std::move(*refusal);
+    Step step;
+    Begin(step, call);
+    if (step.refusal) {
+        return std::move(*step.refusal);
     }
     if (std::optional<Answer> refusal = RefuseWithoutQrTool()) {
         return std::move(*refusal);
@@ -431,7 +432,7 @@ Answer WizardDisable(Call& call)
     }
     DropWaiting(account.uid);
     const Grant grant = OpenSession(account);
-    if (grant == Grant::Ended) {
+    if (grant == Grant::Ended || grant == Grant::SecondStepMissing) { // the latter: demanded by now
         return Refusal(401, "not_signed_in");
     }
     if (grant != Grant::Opened) {

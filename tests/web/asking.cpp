@@ -4,7 +4,9 @@
 #include "linux/clock.h"
 #include "linux/enrolment.h"
 #include "linux/names.h"
+#include "linux/policy_file.h"
 #include "linux/vault.h"
+#include "otp/OTPEnforceHandler.h"
 #include "tests/support/fresh_server.h"
 
 #include <crypt.h>
@@ -52,6 +54,17 @@ Somebody AddEnrolled(const std::string& name)
     Somebody somebody = AddSomebody(name);
     somebody.key = Enrol(somebody.account);
     return somebody;
+}
+
+void Demand(const Account& account)
+{
+    StartRequest();
+    Json::Value rows;
+    rows[0]["id"] = std::to_string(account.uid);
+    rows[0]["is_enforced"] = true;
+    PolicyWriting policy;
+    EXPECT_TRUE(policy.Usable() && OTPEnforceCustomSettingSet("local_user", rows) == 0 &&
+                policy.Commit(nullptr));
 }
 
 void Keep(const Somebody& somebody, const std::string& path)

@@ -27,6 +27,9 @@ struct Somebody {
 Somebody AddSomebody(const std::string& name);
 Somebody AddEnrolled(const std::string& name);
 
+// Picked by the administrator, for the option "custom".
+void Demand(const Account& account);
+
 // For another process: everything but the account, through a file.
 void Keep(const Somebody& somebody, const std::string& path);
 Somebody Recall(const std::string& path);

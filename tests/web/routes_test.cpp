@@ -78,7 +78,7 @@ constexpr Row kRows[] = {
     {"GET",  "/api/session",      false, {kWho,     kWho,     kWho,      kOk,        kOk,        kWho,     kOk,      kWho,     kWho,     kWho,     kWho}},
     {"POST", "/api/otp/qr",       true,  {kWho,     kWho,     kOk,       kOk,        kOk,        kWho,     kOk,      kWho,     kWho,     kWho,     kWho}},
     {"POST", "/api/otp/renew",    true,  {kWho,     kWho,     kWho,      kNoCode,    kOk,        kWho,     kNoCode,  kWho,     kWho,     kWho,     kWho}},
-    {"POST", "/api/otp/label",    true,  {kWho,     kWho,     kOk,       kOk,        kOk,        kOk,      kOk,      kWho,     kWho,     kWho,     kWho}},
+    {"POST", "/api/otp/label",    true,  {kWho,     kWho,     kOk,       kOk,        kOk,        kWho,     kOk,      kWho,     kWho,     kWho,     kWho}},
     {"POST", "/api/otp/confirm",  true,  {kWho,     kWho,     kNoSetup,  kNoSetup,   kNoSetup,   kWho,     kNoSetup, kWho,     kWho,     kWho,     kWho}},
     {"POST", "/api/otp/mail",     true,  {kWho,     kWho,     kOk,       kOk,        kOk,        kWho,     kOk,      kWho,     kWho,     kWho,     kWho}},
     {"POST", "/api/otp/disable",  true,  {kWho,     kWho,     kWho,      kNoCode,    kOk,        kWho,     kNoCode,  kWho,     kWho,     kWho,     kWho}},
@@ -140,7 +140,9 @@ void Enter(Somebody& somebody, State state)
         somebody.pending = OpenPending(account, SessionState::CodeRequired);
         break;
     case EnrolmentDemanded:
-        somebody.pending = OpenPending(account, SessionState::EnrolmentRequired);
+        Demand(account);
+        EXPECT_EQ("enrolment_required", SignInAs(somebody).body["state"]);
+        EXPECT_TRUE(somebody.sid.empty());
         break;
     case SignedIn:
     case Administrator:
@@ -197,6 +199,7 @@ protected:
     void SetUp() override
     {
         FreshServer::SetUp();
+        WriteSettings("otp_enforce_option=\"custom\"\n");
         ASSERT_TRUE(MakeMailPlaces(2)); // as the parent of the workers does
     }
 };
