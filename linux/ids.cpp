@@ -16,12 +16,14 @@ namespace
 constexpr uid_t kNoUid = static_cast<uid_t>(-1);
 constexpr gid_t kNoGid = static_cast<gid_t>(-1);
 
+bool AreEffective(uid_t uid, gid_t gid)
+{
+    return geteuid() == uid && getegid() == gid;
+}
+
 // Up user before group, down group before user: only root may change the group.
 bool Switch(uid_t uid, gid_t gid)
 {
-    if (geteuid() == uid && getegid() == gid) {
-        return true;
-    }
     if (geteuid() != 0 && setresuid(kNoUid, 0, kNoUid) != 0) {
         return false;
     }
@@ -35,8 +37,9 @@ struct Ids {
 
 Ids ServiceIds()
 {
-    if (getuid() != 0) {
-        return {getuid(), getgid()};
+    const uid_t real = getuid();
+    if (real != 0) {
+        return {real, getgid()};
     }
     passwd entry{};
     passwd* found = nullptr;
@@ -67,12 +70,16 @@ EffectiveIds EffectiveIds::Service()
 
 EffectiveIds::EffectiveIds(uid_t uid, gid_t gid) : savedUid_(geteuid()), savedGid_(getegid())
 {
+    if (savedUid_ == uid && savedGid_ == gid) {
+        changed_ = true; // as they are already
+        return;
+    }
     changed_ = uid != kNoUid && gid != kNoGid && Switch(uid, gid);
     if (!changed_) {
         syslog(LOG_AUTH | LOG_ERR, "cannot switch to ids %d, %d: %m", static_cast<int>(uid),
                static_cast<int>(gid));
         Audit(AuditEvent::PrivilegeFailed, std::string_view(), "ids");
-        if (!Switch(savedUid_, savedGid_)) {
+        if (!AreEffective(savedUid_, savedGid_) && !Switch(savedUid_, savedGid_)) {
             _exit(70);
         }
     }
@@ -80,7 +87,7 @@ EffectiveIds::EffectiveIds(uid_t uid, gid_t gid) : savedUid_(geteuid()), savedGi
 
 EffectiveIds::~EffectiveIds()
 {
-    if (!Switch(savedUid_, savedGid_)) {
+    if (!AreEffective(savedUid_, savedGid_) && !Switch(savedUid_, savedGid_)) {
         syslog(LOG_AUTH | LOG_CRIT, "cannot give back ids %d, %d: %m", static_cast<int>(savedUid_),
                static_cast<int>(savedGid_));
         Audit(AuditEvent::PrivilegeFailed, std::string_view(), "ids");

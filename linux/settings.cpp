@@ -113,7 +113,9 @@ const Kept& Current()
     static Kept kept;
     struct stat entry {
     };
-    if (kept.settled && stat(kSettingsFile, &entry) == 0 && StampOf(entry) == kept.stamp) {
+    const bool isThere = stat(kSettingsFile, &entry) == 0;
+    const bool isAbsent = !isThere && (errno == ENOENT || errno == ENOTDIR);
+    if (kept.settled && (isThere || isAbsent) && (isThere ? StampOf(entry) : FileStamp()) == kept.stamp) {
         return kept;
     }
     std::string text;
