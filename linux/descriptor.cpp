@@ -1,7 +1,9 @@
 #include "linux/descriptor.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -9,18 +11,35 @@
 namespace tavr
 {
 
-Descriptor OpenDirectoryNoLinks(const std::string& path)
+namespace
 {
-    constexpr int kFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    Descriptor directory(open(path.starts_with('/') ? "/" : ".", kFlags));
+
+constexpr int kDirectoryFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+// For systems that do not know openat2().
+Descriptor WalkNoLinks(const std::string& path)
+{
+    Descriptor directory(open(path.starts_with('/') ? "/" : ".", kDirectoryFlags));
     for (size_t at = 0; directory && at < path.size();) {
         const size_t end = std::min(path.find('/', at), path.size());
         if (end > at) {
-            directory = Descriptor(openat(directory.Get(), path.substr(at, end - at).c_str(), kFlags));
+            directory =
+                Descriptor(openat(directory.Get(), path.substr(at, end - at).c_str(), kDirectoryFlags));
         }
         at = end + 1;
     }
     return directory;
+}
+
+} // namespace
+
+Descriptor OpenDirectoryNoLinks(const std::string& path)
+{
+    open_how how{};
+    how.flags = kDirectoryFlags;
+    how.resolve = RESOLVE_NO_SYMLINKS;
+    Descriptor directory(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how)));
+    return directory || errno != ENOSYS ? std::move(directory) : WalkNoLinks(path);
 }
 
 bool ReadAll(const Descriptor& file, size_t limit, std::string& text)

@@ -8,7 +8,11 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -35,6 +39,44 @@ mode_t ModeOf(const std::string& path)
     struct stat what {
     };
     return lstat(path.c_str(), &what) == 0 ? what.st_mode : 0;
+}
+
+// From here on this process lives on a system that does not know openat2().
+void ForgetOpenat2()
+{
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat2, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    sock_fprog filter = {std::size(program), program};
+    ASSERT_EQ(0, prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0));
+    ASSERT_EQ(0, prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter));
+}
+
+TEST_F(SecretTool, FindsItsDirectoryThroughNoLinkAtAll)
+{
+    AsWorker([] {
+        ASSERT_EQ(0, mkdir("/tmp/real", 0700));
+        ASSERT_EQ(0, mkdir("/tmp/real/inner", 0700));
+        ASSERT_EQ(0, symlink("/tmp/real", "/tmp/link"));
+        ASSERT_EQ(0, symlink("real/inner", "/tmp/last"));
+        for (const bool old : {false, true}) {
+            if (old) {
+                ForgetOpenat2();
+            }
+            EXPECT_TRUE(OpenDirectoryNoLinks("/tmp/real/inner")) << old;
+            EXPECT_TRUE(OpenDirectoryNoLinks("/tmp//real/../real/inner/")) << old;
+            EXPECT_TRUE(OpenDirectoryNoLinks(".")) << old;
+            EXPECT_FALSE(OpenDirectoryNoLinks("/tmp/link")) << old;
+            EXPECT_FALSE(OpenDirectoryNoLinks("/tmp/link/inner")) << old;
+            EXPECT_FALSE(OpenDirectoryNoLinks("/tmp/last")) << old;
+            EXPECT_FALSE(OpenDirectoryNoLinks("/etc/passwd")) << old;
+            EXPECT_FALSE(OpenDirectoryNoLinks("/tmp/none/inner")) << old;
+            EXPECT_EQ(ENOENT, errno) << old;
+        }
+    });
 }
 
 TEST(ToolPathText, TakesNumbersOfAccountsAndNothingElse)
