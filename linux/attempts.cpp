@@ -209,7 +209,7 @@ void ClearOldMails(uint32_t account)
 SecondStep SecondStepOf(uint32_t account)
 {
     Statement ask = SigninDatabase().Prepare(
-        "SELECT failures, failed_boot, failed_at FROM account_mark WHERE account = ?1");
+        "SELECT failures, failed_boot, failed_at, told_step FROM account_mark WHERE account = ?1");
     ask.Bind(1, int64_t{account});
     if (!ask.Step()) {
         return {};
@@ -218,6 +218,7 @@ SecondStep SecondStepOf(uint32_t account)
     step.failures = static_cast<int>(ask.Int(0));
     step.closed = step.failures >= kFailuresUntilClosed;
     step.waitSeconds = SecondsLeft(OnThisBoot(ask.Text(1), ask.Int(2)), WaitAfter(step.failures));
+    step.toldStep = ask.Int(3);
     return step;
 }
 
@@ -252,13 +253,6 @@ bool OpenSecondStep(const Account& account)
     ForgetFailures(transaction, account.uid);
     transaction.Commit();
     return before.closed || before.waitSeconds > 0;
-}
-
-int64_t ToldStep(uint32_t account)
-{
-    Statement ask = SigninDatabase().Prepare("SELECT told_step FROM account_mark WHERE account = ?1");
-    ask.Bind(1, int64_t{account});
-    return ask.Step() ? ask.Int(0) : -1;
 }
 
 void NoteToldStep(Transaction& /*inside*/, uint32_t account, int64_t step)

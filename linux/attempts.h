@@ -34,11 +34,13 @@ inline constexpr int64_t kLongestWaitSeconds = 60 * 60;
 struct SecondStep {
     int failures = 0; // in a row
     bool closed = false;
-    int waitSeconds = 0; // until the next code is compared
+    int waitSeconds = 0;   // until the next code is compared
+    int64_t toldStep = -1; // see NoteToldStep
 };
 SecondStep SecondStepOf(uint32_t account);
 
-// For the verifier, in the transaction in which it decides.
+// For the verifier, in the transaction in which it decides. An accepted step (AcceptStep, vault.h) forgets
+// failures by itself.
 void CountFailure(Transaction& inside, uint32_t account);
 void ForgetFailures(Transaction& inside, uint32_t account);
 
@@ -47,7 +49,6 @@ bool OpenSecondStep(const Account& account);
 
 // The latest time step that was told apart from the present one in a hint about a phone's clock
 // (ClockOffsetMinutes, verifier.h); its code is not accepted any more. -1: none.
-int64_t ToldStep(uint32_t account);
 void NoteToldStep(Transaction& inside, uint32_t account, int64_t step);
 
 // --- Passwords ---

@@ -384,8 +384,10 @@ void ClearAudit()
     const int64_t days = NumberSetting("audit_days", kDaysKept, 1, 36500);
     Database& db = SigninDatabase();
     for (int i = 0; i < kBatches; ++i) {
-        db.Prepare("DELETE FROM audit WHERE id IN (SELECT id FROM audit WHERE time < ?1 LIMIT ?2)"
-                   " OR id IN (SELECT id FROM audit WHERE id <= (SELECT max(id) FROM audit) - ?3 LIMIT ?2)")
+        // The newest stays, so that no number comes again.
+        db.Prepare("DELETE FROM audit WHERE id IN (SELECT id FROM audit ORDER BY id LIMIT ?2)"
+                   " AND id < (SELECT max(id) FROM audit)"
+                   " AND (time < ?1 OR id <= (SELECT max(id) FROM audit) - ?3)")
             .Bind(1, WallSeconds() - days * kDaySeconds)
             .Bind(2, kClearedAtOnce)
             .Bind(3, kMostRows)

@@ -92,23 +92,26 @@ std::string TextOf(const StoredSecret& secret)
     return RenderSecretFile(file);
 }
 
-bool Carries(const std::string& text, const StoredSecret* secret)
+// How what stands at the place stands to the secret; one that is not there is carried by nothing.
+Match MatchOf(const FoundFile& found, const StoredSecret* secret)
 {
-    if (secret == nullptr) {
-        return false;
-    }
-    const Match match = MatchSecretFile(text, secret->reference, secret->codes);
+    return secret == nullptr ? Match::Other : MatchSecretFile(found.text, secret->reference, secret->codes);
+}
+
+bool IsCarried(Match match)
+{
     return match == Match::Whole || match == Match::WithSpent;
 }
 
-const StoredSecret* Find(const std::vector<StoredSecret>& secrets, SecretState state)
+template<typename Secrets>
+auto* Find(Secrets& secrets, SecretState state)
 {
     const auto found = std::find_if(secrets.begin(), secrets.end(),
                                     [state](const StoredSecret& secret) { return secret.state == state; });
     return found == secrets.end() ? nullptr : &*found;
 }
 
-EnrolmentState Enrolled(StoredSecret secret)
+EnrolmentState Enrolled(StoredSecret&& secret)
 {
     secret.state = SecretState::Active; // by now
     const auto left = std::count_if(secret.codes.begin(), secret.codes.end(),
@@ -116,29 +119,10 @@ EnrolmentState Enrolled(StoredSecret secret)
     return {Enrolment::Yes, Fault::None, static_cast<int>(left), std::move(secret)};
 }
 
-// The file as it should go on: what stands there, or the vault's own text where it is absent or incomplete.
-std::string MendedFile(const Preference& preference, const FoundFile& found, const StoredSecret* active,
-                       const StoredSecret* confirmed)
-{
-    const auto isPart = [&](const StoredSecret* secret) {
-        return secret != nullptr &&
-               MatchSecretFile(found.text, secret->reference, secret->codes) == Match::Part;
-    };
-    if (found.found == Found::Text && !isPart(active) && !isPart(confirmed)) {
-        return found.text;
-    }
-    const std::string text = TextOf(active != nullptr ? *active : *confirmed);
-    WritePlace(preference, text);
-    return text;
-}
-
 // Spent codes are dead whether or not the file names them: one that cannot be written now is tidied by a
 // later question, and keeps nobody out.
-void DropSpentLines(const Preference& preference, const std::string& text, const StoredSecret& secret)
+void DropSpentLines(const Preference& preference, const StoredSecret& secret)
 {
-    if (text == TextOf(secret)) {
-        return;
-    }
     try {
         WritePlace(preference, TextOf(secret));
     } catch (const VaultError& error) {
@@ -163,7 +147,9 @@ EnrolmentState SettleLocked(const Account& account)
     if (!preference.directory && !preference.absent) {
         throw VaultError(Fault::SecretFile);
     }
-    if (IsSwitchingOff(account.uid)) {
+    bool isSwitchingOff = false;
+    std::vector<StoredSecret> secrets = SecretsOf(account.uid, &isSwitchingOff);
+    if (isSwitchingOff) {
         ClearPlace(preference);
         FinishSwitchingOff(account.uid);
         if (CurrentRequest().codeOf == account.uid) {
@@ -175,23 +161,29 @@ EnrolmentState SettleLocked(const Account& account)
     if (found.found == Found::NotOurs) {
         throw VaultError(Fault::SecretFile);
     }
-    const std::vector<StoredSecret> secrets = SecretsOf(account.uid);
-    const StoredSecret* active = Find(secrets, SecretState::Active);
-    const StoredSecret* confirmed = Find(secrets, SecretState::Confirmed);
+    StoredSecret* active = Find(secrets, SecretState::Active);
+    StoredSecret* confirmed = Find(secrets, SecretState::Confirmed);
     if (active == nullptr && confirmed == nullptr) {
         if (found.found == Found::Text) {
             throw VaultError(Fault::SecretFile);
         }
         return {Enrolment::No};
     }
-    const std::string text = MendedFile(preference, found, active, confirmed);
-    if (Carries(text, active)) {
-        DropSpentLines(preference, text, *active);
-        return Enrolled(*active);
+    Match ofActive = MatchOf(found, active);
+    Match ofConfirmed = MatchOf(found, confirmed);
+    if (ofActive == Match::Part || ofConfirmed == Match::Part) { // absent, or cut short
+        WritePlace(preference, TextOf(active != nullptr ? *active : *confirmed));
+        (active != nullptr ? ofActive : ofConfirmed) = Match::Whole;
     }
-    if (Carries(text, confirmed)) {
+    if (IsCarried(ofActive)) {
+        if (ofActive == Match::WithSpent) {
+            DropSpentLines(preference, *active);
+        }
+        return Enrolled(std::move(*active));
+    }
+    if (IsCarried(ofConfirmed)) {
         Activate(account, *confirmed, active == nullptr ? AuditEvent::Enrolled : AuditEvent::Renewed);
-        return Enrolled(*confirmed);
+        return Enrolled(std::move(*confirmed));
     }
     throw VaultError(Fault::SecretFile);
 }

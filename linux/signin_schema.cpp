@@ -125,6 +125,26 @@ UPDATE account_mark SET told_step = s.told_step, failures = s.failures, failed_b
 DROP TABLE second_step;
 ALTER TABLE secret DROP COLUMN last_step;
 )",
+    // Settling reads an account's codes from the index alone. The audit's rows go in the order of their
+    // numbers, so their number is all the order they need; as the newest row never goes, no number comes
+    // again.
+    R"(
+DROP INDEX code_of_secret;
+CREATE INDEX code_of_secret ON code (secret, position, spent);
+CREATE TABLE audit_by_number (
+    id INTEGER PRIMARY KEY,
+    time INTEGER NOT NULL,
+    event TEXT NOT NULL,
+    outcome TEXT NOT NULL,
+    address TEXT NOT NULL,
+    uid INTEGER,
+    detail TEXT NOT NULL,
+    account TEXT NOT NULL
+) STRICT;
+INSERT INTO audit_by_number SELECT id, time, event, outcome, address, uid, detail, account FROM audit;
+DROP TABLE audit;
+ALTER TABLE audit_by_number RENAME TO audit;
+)",
 };
 
 } // namespace

@@ -58,15 +58,16 @@ void Open(const MachineKey& key, const RowName& row, const std::string& sealed, 
 
 // --- The key that sealed the rows ---
 
-std::optional<std::string> StoredFingerprint()
+using Fingerprint = std::optional<std::string>;
+
+Fingerprint StoredFingerprint()
 {
     Statement ask = SigninDatabase().Prepare("SELECT fingerprint FROM vault_key WHERE id = 1");
-    return ask.Step() ? std::optional(ask.Text(0)) : std::nullopt;
+    return ask.Step() ? Fingerprint(ask.Text(0)) : std::nullopt;
 }
 
-void CheckKey(const MachineKey& key)
+void CheckKey(const MachineKey& key, const Fingerprint& stored)
 {
-    const std::optional<std::string> stored = StoredFingerprint();
     if (!stored.has_value() && HoldsSealedRows()) {
         throw VaultError(Fault::VaultDamaged);
     }
@@ -78,8 +79,9 @@ void CheckKey(const MachineKey& key)
 // Inside a transaction, before the first row is sealed with `key`.
 void EnterKey(const MachineKey& key)
 {
-    CheckKey(key);
-    if (StoredFingerprint() == key.Fingerprint()) {
+    const Fingerprint stored = StoredFingerprint();
+    CheckKey(key, stored);
+    if (stored == key.Fingerprint()) {
         return;
     }
     SigninDatabase()
@@ -151,6 +153,19 @@ void InsertCode(const MachineKey& key, uint32_t account, const SecretFileText& r
         .Run();
 }
 
+std::vector<CodeLine> CodesOf(const std::string& secret)
+{
+    std::vector<CodeLine> codes;
+    codes.reserve(kCodesOfSecret);
+    Statement ask =
+        SigninDatabase().Prepare("SELECT reference, spent FROM code WHERE secret = ?1 ORDER BY position");
+    ask.Bind(1, secret);
+    while (ask.Step()) {
+        codes.push_back({ask.Text(0), ask.Int(1) != 0});
+    }
+    return codes;
+}
+
 } // namespace
 
 bool HoldsSealedRows()
@@ -160,22 +175,24 @@ bool HoldsSealedRows()
     return ask.Step() && ask.Int(0) != 0;
 }
 
-std::vector<StoredSecret> SecretsOf(uint32_t account)
+std::vector<StoredSecret> SecretsOf(uint32_t account, bool* isSwitchingOff)
 {
     std::vector<StoredSecret> secrets;
     Statement ask = SigninDatabase().Prepare(
-        "SELECT secret.reference, state, session, made_boot, made, code.reference, spent"
-        " FROM secret LEFT JOIN code ON code.secret = secret.reference WHERE account = ?1"
-        " ORDER BY state, position");
+        "SELECT reference, state, session, made_boot, made, switching_off FROM (SELECT 1)"
+        " LEFT JOIN account_mark ON account_mark.account = ?1 LEFT JOIN secret ON secret.account = ?1"
+        " ORDER BY state");
     ask.Bind(1, int64_t{account});
     while (ask.Step()) {
-        if (secrets.empty() || secrets.back().reference != ask.Text(0)) {
-            secrets.push_back(
-                {ask.Text(0), account, StateOf(ask.Text(1)), ask.Text(2), ask.Text(3), ask.Int(4), {}});
+        if (isSwitchingOff != nullptr) {
+            *isSwitchingOff = ask.Int(5) != 0;
         }
-        if (!ask.IsNull(5)) {
-            secrets.back().codes.push_back({ask.Text(5), ask.Int(6) != 0});
+        if (ask.IsNull(0)) {
+            break; // it has none
         }
+        secrets.push_back(
+            {ask.Text(0), account, StateOf(ask.Text(1)), ask.Text(2), ask.Text(3), ask.Int(4), {}});
+        secrets.back().codes = CodesOf(secrets.back().reference); // as they were when `ask` began
     }
     return secrets;
 }
@@ -233,9 +250,29 @@ bool OpenSecret(uint32_t account, std::string_view reference, SecretBytes& secre
         return false;
     }
     const MachineKey key = MachineKey::Read();
-    CheckKey(key);
+    CheckKey(key, StoredFingerprint());
     Open(key, {kForSecret, account, reference}, ask.Text(0), secret.bytes.data(), secret.bytes.size());
     return true;
+}
+
+int64_t OpenForCode(const StoredSecret& stored, int64_t newestStep, SecretBytes& secret)
+{
+    Statement ask = SigninDatabase().Prepare(
+        "SELECT sealed, fingerprint, last_step,"
+        " CASE state WHEN 'active' THEN active_step WHEN 'confirmed' THEN confirmed_step END"
+        " FROM secret LEFT JOIN account_mark USING (account) LEFT JOIN vault_key ON id = 1"
+        " WHERE reference = ?1 AND account = ?2 AND state = ?3");
+    ask.Bind(1, stored.reference).Bind(2, int64_t{stored.account}).Bind(3, StateText(stored.state));
+    if (!ask.Step()) {
+        throw VaultError(Fault::SecretFile); // another state since it was read
+    }
+    const MachineKey key = MachineKey::Read();
+    CheckKey(key, ask.IsNull(1) ? std::nullopt : Fingerprint(ask.Text(1)));
+    Open(key, {kForSecret, stored.account, stored.reference}, ask.Text(0), secret.bytes.data(),
+         secret.bytes.size());
+    const int64_t ofAccount = ask.IsNull(2) ? -1 : ask.Int(2);
+    const int64_t ofSecret = ask.IsNull(3) ? -1 : ask.Int(3);
+    return ofAccount > newestStep ? ofSecret : std::max(ofSecret, ofAccount);
 }
 
 bool OpenCode(uint32_t account, std::string_view reference, CodeDigits& code)
@@ -248,38 +285,20 @@ bool OpenCode(uint32_t account, std::string_view reference, CodeDigits& code)
         return false;
     }
     const MachineKey key = MachineKey::Read();
-    CheckKey(key);
+    CheckKey(key, StoredFingerprint());
     Open(key, {kForCode, account, reference}, ask.Text(0), code.text, kCodeDigits);
     return true;
 }
 
 void CheckVault()
 {
-    CheckKey(MachineKey::Read());
+    CheckKey(MachineKey::Read(), StoredFingerprint());
 }
 
 // --- Changing ---
 
-int64_t LastStep(const StoredSecret& secret, int64_t newestStep)
+void AcceptStep(Transaction& /*inside*/, const StoredSecret& secret, int64_t step)
 {
-    Statement ask = SigninDatabase().Prepare(
-        "SELECT CASE state WHEN 'active' THEN active_step WHEN 'confirmed' THEN confirmed_step END, last_step"
-        " FROM secret LEFT JOIN account_mark USING (account)"
-        " WHERE reference = ?1 AND account = ?2 AND state = ?3");
-    ask.Bind(1, secret.reference).Bind(2, int64_t{secret.account}).Bind(3, StateText(secret.state));
-    if (!ask.Step()) {
-        throw VaultError(Fault::SecretFile); // another state since it was read
-    }
-    const int64_t ofSecret = ask.IsNull(0) ? -1 : ask.Int(0);
-    const int64_t ofAccount = ask.IsNull(1) ? -1 : ask.Int(1);
-    return ofAccount > newestStep ? ofSecret : std::max(ofSecret, ofAccount);
-}
-
-bool AcceptStep(Transaction& /*inside*/, const StoredSecret& secret, int64_t step, int64_t newestStep)
-{
-    if (step <= LastStep(secret, newestStep)) {
-        return false;
-    }
     Database& db = SigninDatabase();
     if (secret.state == SecretState::Waiting) {
         DeleteSecret(secret.account, SecretState::Confirmed);
@@ -290,11 +309,10 @@ bool AcceptStep(Transaction& /*inside*/, const StoredSecret& secret, int64_t ste
     const char* const store =
         secret.state == SecretState::Active
             ? "INSERT INTO account_mark (account, last_step, active_step) VALUES (?1, ?2, ?2)"
-              " ON CONFLICT (account) DO UPDATE SET last_step = ?2, active_step = ?2"
+              " ON CONFLICT (account) DO UPDATE SET last_step = ?2, active_step = ?2, failures = 0"
             : "INSERT INTO account_mark (account, last_step, confirmed_step) VALUES (?1, ?2, ?2)"
-              " ON CONFLICT (account) DO UPDATE SET last_step = ?2, confirmed_step = ?2";
+              " ON CONFLICT (account) DO UPDATE SET last_step = ?2, confirmed_step = ?2, failures = 0";
     db.Prepare(store).Bind(1, int64_t{secret.account}).Bind(2, step).Run();
-    return true;
 }
 
 bool SpendCode(Transaction& /*inside*/, const StoredSecret& secret, std::string_view reference)
@@ -337,13 +355,6 @@ bool ClaimWaitingSecret(const StoredSecret& secret, std::string_view session)
         .BindBlob(2, session)
         .Run();
     return db.Changes() == 1;
-}
-
-bool IsSwitchingOff(uint32_t account)
-{
-    Statement ask = SigninDatabase().Prepare("SELECT switching_off FROM account_mark WHERE account = ?1");
-    ask.Bind(1, int64_t{account});
-    return ask.Step() && ask.Int(0) != 0;
 }
 
 void MarkAsSwitchingOff(uint32_t account)
@@ -412,7 +423,7 @@ bool OpenTemporaryCode(uint32_t account, CodeDigits& code)
         return false;
     }
     const MachineKey key = MachineKey::Read();
-    CheckKey(key);
+    CheckKey(key, StoredFingerprint());
     const std::string bound = BootId() + ' ' + std::to_string(ask.Int(1));
     Open(key, {kForTemporaryCode, account, bound}, ask.Text(0), code.text, kCodeDigits);
     return true;

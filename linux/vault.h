@@ -41,8 +41,9 @@ struct StoredSecret {
     std::vector<CodeLine> codes; // in the order of the file's lines
 };
 
-// The account's secrets, one of each state at most.
-std::vector<StoredSecret> SecretsOf(uint32_t account);
+// The account's secrets, one of each state at most. `isSwitchingOff`: whether it has the mark of
+// MarkAsSwitchingOff.
+std::vector<StoredSecret> SecretsOf(uint32_t account, bool* isSwitchingOff = nullptr);
 
 // Whether there is anything that the loss of the machine key would lose.
 bool HoldsSealedRows();
@@ -70,6 +71,13 @@ void StoreWaiting(uint32_t account, const SecretFileText& references, const Secr
 
 // False when the account has no such live secret or code (a spent one is none).
 bool OpenSecret(uint32_t account, std::string_view reference, SecretBytes& secret);
+
+// Likewise the secret as `stored` has it, with the last time step of which it accepted a code; -1: none.
+// Steps used with the account's earlier secrets count too, but for those further ahead than `newestStep`: a
+// clock that was wrong once must not close a new secret. Throws VaultError when it does not stand any more as
+// it was read.
+int64_t OpenForCode(const StoredSecret& stored, int64_t newestStep, SecretBytes& secret);
+
 struct CodeDigits {
     char text[kCodeDigits + 1] = {};
     CodeDigits() = default;
@@ -84,15 +92,10 @@ void CheckVault();
 
 // --- Changing; durable when it returns, or when the caller's transaction is committed ---
 
-// The last time step of which this account's secret accepted a code; -1: none. Steps used with the account's
-// earlier secrets count too, but for those further ahead than `newestStep`: a clock that was wrong once
-// must not close a new secret.
-int64_t LastStep(const StoredSecret& secret, int64_t newestStep);
-
-// Stores `step` as accepted, in the caller's transaction, if no step at or after it was accepted; else false,
-// and nothing has changed. A waiting secret is confirmed by it and replaces one confirmed earlier. Throws
-// VaultError when the secret does not stand any more as `secret` has it.
-bool AcceptStep(Transaction& inside, const StoredSecret& secret, int64_t step, int64_t newestStep);
+// Stores `step` as accepted, in the caller's transaction, in which OpenForCode gave an earlier one; the
+// account's failures in a row end with it. A waiting secret is confirmed by it and replaces one confirmed
+// earlier.
+void AcceptStep(Transaction& inside, const StoredSecret& secret, int64_t step);
 
 // Spends one of the secret's codes, in the caller's transaction. False: it was spent, or the secret is not
 // there.
@@ -103,7 +106,6 @@ void MakeActive(Transaction& inside, const StoredSecret& secret);
 void RetireWaitingSecret(uint32_t account);
 bool ClaimWaitingSecret(const StoredSecret& secret, std::string_view session); // false: it waits no more
 
-bool IsSwitchingOff(uint32_t account);
 void MarkAsSwitchingOff(uint32_t account);
 void FinishSwitchingOff(uint32_t account); // retires every secret and takes the mark back
 

@@ -85,34 +85,26 @@ bool IsCodeOfStep(const SecretBytes& secret, int64_t step, std::string_view code
     return same;
 }
 
-void OpenOrThrow(const StoredSecret& secret, SecretBytes& bytes)
-{
-    // never: under the account's lock nobody retires it
-    if (!OpenSecret(secret.account, secret.reference, bytes)) {
-        throw VaultError(Fault::SecretFile);
-    }
-}
-
 int64_t AcceptedAround()
 {
     return Setting("otp_strict_window", "no") == "yes" ? 0 : kWindow;
 }
 
-CodeAnswer CompareTotp(Transaction& transaction, const StoredSecret& secret, std::string_view code)
+CodeAnswer CompareTotp(Transaction& transaction, const StoredSecret& secret, int64_t told,
+                       std::string_view code)
 {
     SecretBytes bytes;
-    OpenOrThrow(secret, bytes);
     const int64_t present = WallSeconds() / kStepSeconds;
-    const int64_t newest = present + kWindow;
+    const int64_t last = OpenForCode(secret, present + kWindow, bytes);
     const int64_t around = AcceptedAround();
-    const int64_t told = ToldStep(secret.account);
     CodeAnswer answer{CodeResult::Wrong};
     // The latest first: of steps whose codes are the same, no later one is left for another try.
     for (int64_t step = present + around; step >= present - around; --step) {
         if (step < 0 || !IsCodeOfStep(bytes, step, code)) {
             continue;
         }
-        if (step != told && AcceptStep(transaction, secret, step, newest)) {
+        if (step != told && step > last) {
+            AcceptStep(transaction, secret, step);
             return {CodeResult::Accepted, 0, Fault::None, CodeKind::Totp};
         }
         answer.result = CodeResult::Used;
@@ -140,10 +132,12 @@ CodeAnswer CompareSingle(Transaction& transaction, const StoredSecret& secret, s
     const bool isGiven = OpenTemporaryCode(secret.account, given) && IsSame(given, code);
     // never: nor is one spent meanwhile
     if (found != nullptr && SpendCode(transaction, secret, *found)) {
+        ForgetFailures(transaction, secret.account);
         return {CodeResult::Accepted, 0, Fault::None, CodeKind::Emergency};
     }
     // never: likewise
     if (isGiven && SpendTemporaryCode(transaction, secret.account)) {
+        ForgetFailures(transaction, secret.account);
         return {CodeResult::Accepted, 0, Fault::None, CodeKind::Temporary};
     }
     return {CodeResult::Wrong};
@@ -162,30 +156,32 @@ std::optional<CodeAnswer> RefusalOf(const SecondStep& counter)
     return std::nullopt;
 }
 
-// One durable transaction: counted before the comparison, and the count and what came of it stored at once.
-// Until it is stored nobody has learned anything, and a try that ends before was none.
+// One durable transaction, one at a time: it reads the counter before the comparison, and stores what came of
+// it, the count of a wrong one included. Until that is stored nobody has learned anything, and a try that
+// ends before was none.
 CodeAnswer CountAndCompare(const Account& account, std::string_view code, Form form,
-                           const StoredSecret& secret)
+                           const StoredSecret& secret, const GrantInside& grant)
 {
     Transaction transaction(SigninDatabase());
     const SecondStep counter = SecondStepOf(account.uid);
     if (const auto refusal = RefusalOf(counter)) {
         return *refusal;
     }
-    CountFailure(transaction, account.uid);
-    const CodeAnswer answer = form == Form::Totp ? CompareTotp(transaction, secret, code)
+    const CodeAnswer answer = form == Form::Totp ? CompareTotp(transaction, secret, counter.toldStep, code)
                                                  : CompareSingle(transaction, secret, code);
     if (answer.result == CodeResult::Used) {
-        return answer; // with the transaction undone: not a guess
+        return answer; // not a guess: nothing is stored
     }
     std::optional<AuditedGrant> spent;
-    if (answer.result == CodeResult::Accepted) {
-        ForgetFailures(transaction, account.uid);
-        if (answer.kind != CodeKind::Totp) {
-            spent.emplace(answer.kind == CodeKind::Emergency ? AuditEvent::ScratchCodeSpent
-                                                             : AuditEvent::TemporaryCodeSpent,
-                          account, "-");
-        }
+    if (answer.result == CodeResult::Wrong) {
+        CountFailure(transaction, account.uid);
+    } else if (answer.kind != CodeKind::Totp) {
+        spent.emplace(answer.kind == CodeKind::Emergency ? AuditEvent::ScratchCodeSpent
+                                                         : AuditEvent::TemporaryCodeSpent,
+                      account, "-");
+    }
+    if (answer.result == CodeResult::Accepted && grant) {
+        grant(transaction);
     }
     transaction.Commit();
     if (spent) {
@@ -217,7 +213,8 @@ CountedWrong& KeptWrong()
 
 // The one place where a code is found good. Under the account's lock, with the service's ids. `active`: the
 // secret that the account settled with; empty: it is the waiting one's turn.
-CodeAnswer Decide(const Account& account, std::string_view code, const std::optional<StoredSecret>& active)
+CodeAnswer Decide(const Account& account, std::string_view code, std::optional<StoredSecret> active,
+                  const GrantInside& grant = {})
 {
     KeptWrong() = {};
     const Form form = FormOf(code);
@@ -227,8 +224,8 @@ CodeAnswer Decide(const Account& account, std::string_view code, const std::opti
     CodeAnswer answer;
     StoredSecret secret;
     const Fault fault = FaultIn([&] {
-        secret = active ? *active : WaitingSecretOf(account);
-        answer = CountAndCompare(account, code, form, secret);
+        secret = active ? std::move(*active) : WaitingSecretOf(account);
+        answer = CountAndCompare(account, code, form, secret, grant);
     });
     if (fault != Fault::None) {
         NoteFault(fault);
@@ -261,7 +258,10 @@ std::optional<int64_t> StepsAhead(const SecretBytes& secret, int64_t present, st
 std::optional<int64_t> TellStepsAhead(const Account& account, const CountedWrong& wrong)
 {
     SecretBytes bytes;
-    OpenOrThrow(wrong.secret, bytes);
+    // never: under the account's lock nobody retires it
+    if (!OpenSecret(account.uid, wrong.secret.reference, bytes)) {
+        throw VaultError(Fault::SecretFile);
+    }
     Transaction transaction(SigninDatabase());
     const int64_t present = WallSeconds() / kStepSeconds;
     const std::optional<int64_t> ahead = StepsAhead(bytes, present, wrong.code);
@@ -269,7 +269,7 @@ std::optional<int64_t> TellStepsAhead(const Account& account, const CountedWrong
     if (!isLater || wrong.secret.state != SecretState::Active) { // who sets up has seen the secret itself
         return ahead;
     }
-    if (ToldStep(account.uid) >= present - kWindow) {
+    if (SecondStepOf(account.uid).toldStep >= present - kWindow) {
         return std::nullopt;
     }
     NoteToldStep(transaction, account.uid, present + *ahead);
@@ -369,21 +369,21 @@ CodeAnswer AnswerLibrary(const LibraryQuestion& question)
 
 } // namespace
 
-CodeAnswer VerifyCode(const Account& account, std::string_view code)
+CodeAnswer VerifyCode(const Account& account, std::string_view code, const GrantInside& grant)
 {
     const EffectiveIds service = EffectiveIds::Service();
     const AccountLock lock(account.uid);
     if (!service.Changed() || !lock.Held()) {
         return FaultAnswer(Fault::StateUnavailable);
     }
-    const EnrolmentState state = Settle(account);
+    EnrolmentState state = Settle(account);
     if (state.enrolment == Enrolment::Fault) {
         return FaultAnswer(state.fault);
     }
     if (state.enrolment == Enrolment::No) {
         return Audited(account, kNotCompared, "signin");
     }
-    const CodeAnswer answer = Decide(account, code, state.active);
+    const CodeAnswer answer = Decide(account, code, std::move(state.active), grant);
     if (answer.kind == CodeKind::Emergency) {
         Settle(account); // the file loses the spent code's line
     }

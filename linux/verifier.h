@@ -15,8 +15,10 @@
 #pragma once
 
 #include "linux/accounts.h"
+#include "linux/database.h"
 #include "linux/request.h"
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -44,8 +46,11 @@ struct CodeAnswer {
 };
 
 // Checks `code` against the account's active secret. When accepted, the request's codeOf is the account. The
-// account is settled under its lock first.
-CodeAnswer VerifyCode(const Account& account, std::string_view code);
+// account is settled under its lock first. `grant` is called with an accepted code, inside the transaction
+// that stores it: what it stores there stands if the answer is Accepted, and only then. What it throws is a
+// fault.
+using GrantInside = std::function<void(Transaction& inside)>;
+CodeAnswer VerifyCode(const Account& account, std::string_view code, const GrantInside& grant = {});
 
 // What the next code of a set-up would meet before it is compared: Throttled, Closed or Fault; empty when it
 // would be compared. Counts nothing. For whoever has to answer that in place of the library.

@@ -292,7 +292,7 @@ TEST_F(Counter, AFloodOfWhatIsNoCodeLeavesNoRows)
 TEST_F(Counter, AHintBelongsToACountedFailure)
 {
     AsWorker([] {
-        EXPECT_EQ(-1, ToldStep(9999));
+        EXPECT_EQ(-1, SecondStepOf(9999).toldStep);
         Transaction transaction(SigninDatabase());
         EXPECT_THROW(NoteToldStep(transaction, 9999, 5), DatabaseError);
     });

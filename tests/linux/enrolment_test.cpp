@@ -45,12 +45,21 @@ StoredSecret Stored(const Account& account, SecretState state)
     throw std::runtime_error("no such secret");
 }
 
+int64_t LastStep(const StoredSecret& secret, int64_t newestStep)
+{
+    SecretBytes bytes;
+    return OpenForCode(secret, newestStep, bytes);
+}
+
 bool Accept(const StoredSecret& secret, int64_t step)
 {
     Transaction transaction(SigninDatabase());
-    const bool accepted = AcceptStep(transaction, secret, step, 1000);
+    if (step <= LastStep(secret, 1000)) {
+        return false;
+    }
+    AcceptStep(transaction, secret, step);
     transaction.Commit();
-    return accepted;
+    return true;
 }
 
 // As after an accepted code, before the file was moved.

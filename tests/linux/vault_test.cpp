@@ -99,6 +99,10 @@ CREATE TABLE account_mark (account INTEGER PRIMARY KEY, switching_off INTEGER NO
     last_step INTEGER NOT NULL DEFAULT -1) STRICT;
 CREATE TABLE second_step (account INTEGER PRIMARY KEY, failures INTEGER NOT NULL, boot TEXT NOT NULL,
     at INTEGER NOT NULL, told_step INTEGER NOT NULL DEFAULT -1) STRICT;
+CREATE INDEX code_of_secret ON code (secret, position);
+CREATE TABLE audit (id INTEGER PRIMARY KEY AUTOINCREMENT, time INTEGER NOT NULL, event TEXT NOT NULL,
+    outcome TEXT NOT NULL, address TEXT NOT NULL, uid INTEGER, detail TEXT NOT NULL, account TEXT NOT NULL) STRICT;
+INSERT INTO audit VALUES (70, 1, 'signin', 'granted', '192.0.2.1', 1026, 'code', 'alice');
 INSERT INTO secret VALUES ('a', 1026, x'00', 'active', 7, NULL, '', 0), ('c', 1026, x'00', 'confirmed', 9, NULL, '', 0),
     ('w', 1026, x'00', 'waiting', -1, NULL, '', 0), ('b', 1027, x'00', 'active', 5, NULL, '', 0);
 INSERT INTO account_mark VALUES (1026, 0, 8), (1028, 1, 3);
@@ -107,17 +111,25 @@ PRAGMA user_version = 6;)";
         ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, sql, nullptr, nullptr, nullptr)) << sqlite3_errmsg(db);
         sqlite3_close(db);
 
-        const auto secret = [](uint32_t account, size_t at) { return SecretsOf(account).at(at); };
-        EXPECT_EQ(8, LastStep(secret(1026, 0), 100));
-        EXPECT_EQ(7, LastStep(secret(1026, 0), 1)) << "its own";
-        EXPECT_EQ(9, LastStep(secret(1026, 1), 1));
-        EXPECT_EQ(-1, LastStep(secret(1026, 2), 1));
-        EXPECT_EQ(5, LastStep(secret(1027, 0), 100));
+        const auto steps = [](int64_t account) { // of the account, its active and its confirmed secret
+            Statement ask = SigninDatabase().Prepare(
+                "SELECT last_step, active_step, confirmed_step FROM account_mark WHERE account = ?1");
+            EXPECT_TRUE(ask.Bind(1, account).Step());
+            return std::vector<int64_t>{ask.Int(0), ask.Int(1), ask.Int(2)};
+        };
+        EXPECT_EQ((std::vector<int64_t>{8, 7, 9}), steps(1026));
+        EXPECT_EQ((std::vector<int64_t>{-1, 5, -1}), steps(1027));
+        EXPECT_EQ(3U, SecretsOf(1026).size());
         EXPECT_EQ(4, SecondStepOf(1027).failures);
-        EXPECT_EQ(12, ToldStep(1027));
+        EXPECT_EQ(12, SecondStepOf(1027).toldStep);
         EXPECT_TRUE(SecondStepOf(1029).closed);
-        EXPECT_TRUE(IsSwitchingOff(1028));
+        bool isSwitchingOff = false;
+        EXPECT_TRUE(SecretsOf(1028, &isSwitchingOff).empty());
+        EXPECT_TRUE(isSwitchingOff);
         EXPECT_EQ(0, SecondStepOf(1026).failures);
+        std::vector<int64_t> audited;
+        ForEachAuditRow({}, [&](const AuditRow& row) { audited.push_back(row.id); });
+        EXPECT_EQ(std::vector<int64_t>{70}, audited);
     });
 }
 
