@@ -5,7 +5,6 @@
 #include "linux/database.h"
 #include "linux/enrolment.h"
 #include "linux/settings.h"
-#include "linux/verifier.h"
 
 #include <sodium.h>
 #include <syslog.h>
@@ -198,37 +197,56 @@ void Insert(Database& db, const NewSession& session, const std::string& id, int6
 
 struct Opening {
     Grant grant = Grant::Opened;
-    std::string identifier; // with Opened
+    std::string identifier;              // with Opened
+    std::optional<AuditedGrant> audited; // to be told of when it is durable
 };
 
-// A new row and the identifier that stands for it, durable when this returns. Whoever changes the account
+// A new row and the identifier that stands for it, in the caller's transaction. Whoever changes the account
 // after it was looked at here raises its generation, with which this row is dead.
-Opening Open(const NewSession& session)
+Opening OpenIn(Transaction& /*inside*/, const NewSession& session)
 {
     Database& db = SigninDatabase();
     const int64_t now = BootSeconds();
-    const std::string identifier = NewIdentifier();
-    Transaction transaction(db);
     if (!FindOwner(session.account.uid, session.account.generation) ||
         (session.half != nullptr && !TakeHalf(db, *session.half))) {
-        return {Grant::Ended, {}};
+        return {Grant::Ended, {}, {}};
     }
     const bool isLive = session.state == SessionState::Live;
     if (isLive && !session.secondStep && EnrolledSince(db, session.account)) {
-        return {Grant::SecondStepMissing, {}};
+        return {Grant::SecondStepMissing, {}, {}};
     }
-    ClearOld(db, now);
-    Insert(db, session, HashOf(identifier), now);
-    std::optional<AuditedGrant> audited;
+    if (session.half == nullptr) { // a password has just been compared, beside which this is nothing
+        ClearOld(db, now);
+    }
+    Opening opening;
+    opening.identifier = NewIdentifier();
+    Insert(db, session, HashOf(opening.identifier), now);
     if (isLive) {
-        audited.emplace(AuditEvent::SignIn, session.account,
-                        ProofText(session.secondStep, session.confirmedNow));
+        opening.audited.emplace(AuditEvent::SignIn, session.account,
+                                ProofText(session.secondStep, session.confirmedNow));
     }
-    transaction.Commit();
-    if (audited) {
-        audited->Committed();
+    return opening;
+}
+
+// Durable when this returns.
+Opening Open(const NewSession& session)
+{
+    Transaction transaction(SigninDatabase());
+    Opening opening = OpenIn(transaction, session);
+    if (opening.grant == Grant::Opened) {
+        transaction.Commit();
     }
-    return {Grant::Opened, identifier};
+    return opening;
+}
+
+// What was opened counts for this request from here on.
+Grant Take(const Opening& opening)
+{
+    if (opening.audited) {
+        opening.audited->Committed();
+    }
+    CurrentRequest().newSid = opening.identifier;
+    return opening.grant;
 }
 
 void Renew(const std::string& id, Row& row, const Limits& limits, int64_t now)
@@ -267,7 +285,7 @@ bool SecondStepMissing(const Account& account)
     return !known || request.facts->enrolled || request.facts->demanded;
 }
 
-Grant OpenSession(const Account& account, const Session* half)
+Grant OpenSession(const Account& account)
 {
     if (SecondStepMissing(account)) {
         return Grant::SecondStepMissing;
@@ -285,14 +303,27 @@ Grant OpenSession(const Account& account, const Session* half)
     const bool confirmed =
         secondStep && LastLibraryAnswer() && LastLibraryAnswer()->result == CodeResult::Accepted;
     try {
-        const Opening opening = Open({account, SessionState::Live, half, secondStep, confirmed});
-        request.newSid = opening.identifier;
-        return opening.grant;
+        return Take(Open({account, SessionState::Live, nullptr, secondStep, confirmed}));
     } catch (const DatabaseError& error) {
         syslog(LOG_ERR, "cannot open a session for %s: %s", account.name.c_str(), error.what());
         NoteFault(Fault::StateUnavailable);
         return Grant::Fault;
     }
+}
+
+FinishedSignIn FinishSignIn(const Session& half, std::string_view code)
+{
+    Opening opening;
+    FinishedSignIn finished;
+    finished.code = VerifyCode(half.account, code, [&](Transaction& inside) {
+        const bool isKnown = CurrentRequest().fault == Fault::None; // what the answer rests on
+        opening = isKnown ? OpenIn(inside, {half.account, SessionState::Live, &half, true})
+                          : Opening{Grant::Fault, {}, {}};
+    });
+    if (finished.code.result == CodeResult::Accepted) {
+        finished.grant = Take(opening);
+    }
+    return finished;
 }
 
 std::string OpenPending(const Account& account, SessionState state)

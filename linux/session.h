@@ -4,6 +4,7 @@
 
 #include "linux/accounts.h"
 #include "linux/request.h"
+#include "linux/verifier.h"
 
 #include <optional>
 #include <string>
@@ -36,8 +37,7 @@ struct Session {
 //     and it has not been enrolled since, or
 //   - this very request has had the account's code accepted and the account settles as enrolled,
 // and what the request rests on still holds when the session is stored: the account stands, is not disabled
-// and is of the generation that `account` was read in, with the password or the half sign-in; and `half`,
-// where the password was proved by an earlier request, is still there. It is replaced by the session.
+// and is of the generation that `account` was read in, with the password or the half sign-in.
 bool SecondStepMissing(const Account& account); // by that rule, as far as this request knows
 enum class Grant {
     Opened,
@@ -45,8 +45,18 @@ enum class Grant {
     Ended, // what the request rests on holds no more; nothing is opened
     Fault,
 };
-Grant OpenSession(const Account& account,
-                  const Session* half = nullptr); // on Opened: CurrentRequest().newSid
+Grant OpenSession(const Account& account); // on Opened: CurrentRequest().newSid
+
+// The second step of a half sign-in, whose password an earlier request has proved: the code is decided on
+// (VerifyCode), and with an accepted one the session takes the place of the half sign-in, if that is still
+// there, all in one transaction. Accepted with another grant than Opened: the code is used, and nothing is
+// opened.
+struct FinishedSignIn {
+    CodeAnswer code;
+    Grant grant = Grant::SecondStepMissing; // with Accepted: Opened, Ended or Fault
+};
+FinishedSignIn FinishSignIn(const Session& half,
+                            std::string_view code); // on Opened: CurrentRequest().newSid
 
 // A half sign-in after an accepted password. Gives the identifier, empty when the password holds no more (as
 // above); throws DatabaseError. Lives 5 minutes, 30 where an enrolment is demanded.

@@ -12,7 +12,7 @@ Answer SignIn(Call& call);
 Answer SignInCode(Call& call);
 
 // Empty when the code of the session's account was accepted. A wrong one comes with a hint about the phone's
-// clock, but not in a half sign-in that waits for its code.
+// clock; so never for a half sign-in that waits for its code.
 std::optional<Answer> RefuseCode(const Session& session, const char* code);
 std::optional<Answer> RefuseCodeAnswer(const CodeAnswer& answer);
 void AddClockHint(const Session& session, Json::Value& body);

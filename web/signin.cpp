@@ -142,10 +142,11 @@ Answer SignIn(Call& call)
 
 Answer SignInCode(Call& call)
 {
-    if (std::optional<Answer> refusal = RefuseCode(*call.session, call.Text("code"))) {
+    const FinishedSignIn finished = FinishSignIn(*call.session, call.Text("code"));
+    if (std::optional<Answer> refusal = RefuseCodeAnswer(finished.code)) {
         return std::move(*refusal);
     }
-    switch (OpenSession(call.session->account, call.session)) {
+    switch (finished.grant) {
     case Grant::Opened:
         return SignedIn(call, call.session->account);
     case Grant::Ended:
@@ -189,9 +190,6 @@ std::optional<Answer> RefuseCode(const Session& session, const char* code)
 
 void AddClockHint(const Session& session, Json::Value& body)
 {
-    if (session.state == SessionState::CodeRequired) {
-        return;
-    }
     if (const std::optional<int> minutes = ClockOffsetMinutes(session.account)) {
         body["clock_ahead_minutes"] = *minutes;
     }

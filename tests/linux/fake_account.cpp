@@ -78,6 +78,16 @@ EnrolmentState Settle(const Account& account)
     return state;
 }
 
+CodeAnswer VerifyCode(const Account& /*account*/, std::string_view /*code*/, const GrantInside& grant)
+{
+    Transaction transaction(SigninDatabase());
+    if (fake.codeAnswer.result == CodeResult::Accepted) {
+        grant(transaction);
+    }
+    transaction.Commit();
+    return fake.codeAnswer;
+}
+
 const std::optional<CodeAnswer>& LastLibraryAnswer()
 {
     return fake.libraryAnswer;

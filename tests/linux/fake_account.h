@@ -16,6 +16,7 @@ struct FakeAccounts {
     std::map<std::string, int64_t> settings;
     std::map<uint32_t, tavr::Enrolment> settlesAs;
     std::optional<tavr::CodeAnswer> libraryAnswer;
+    tavr::CodeAnswer codeAnswer; // of VerifyCode
     bool storeFails = false;
     bool directoriesFail = false;
     int directoriesMade = 0;

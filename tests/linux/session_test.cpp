@@ -495,13 +495,31 @@ TEST_F(Sessions, TakeThePlaceOfTheHalfSignInOnce)
     const std::string identifier = OpenPending(mia, SessionState::CodeRequired);
     const std::optional<Session> half = FindSession(identifier);
     ASSERT_TRUE(half);
-    CurrentRequest().codeOf = 1026;
-    EXPECT_EQ(Grant::Opened, OpenSession(mia, &*half));
+    Fake().codeAnswer = {CodeResult::Wrong};
+    EXPECT_EQ(CodeResult::Wrong, FinishSignIn(*half, "123456").code.result);
+    EXPECT_TRUE(FindSession(identifier));
+    EXPECT_EQ(1, Rows());
+    Fake().codeAnswer = {CodeResult::Accepted};
+    EXPECT_EQ(Grant::Opened, FinishSignIn(*half, "123456").grant);
     EXPECT_FALSE(FindSession(identifier));
-    EXPECT_TRUE(FindSession(CurrentRequest().newSid));
+    const std::optional<Session> session = FindSession(CurrentRequest().newSid);
+    ASSERT_TRUE(session);
+    EXPECT_TRUE(session->secondStep);
     EXPECT_EQ(1, Rows());
-    EXPECT_EQ(Grant::Ended, OpenSession(mia, &*half)) << "it has led to a session already";
+    EXPECT_EQ(Grant::Ended, FinishSignIn(*half, "123456").grant) << "it has led to a session already";
+    EXPECT_EQ("", CurrentRequest().newSid);
     EXPECT_EQ(1, Rows());
+}
+
+TEST_F(Sessions, AreNotOpenedOnACodeWhenSomethingCouldNotBeLookedUp)
+{
+    const std::optional<Session> half = FindSession(OpenPending(mia, SessionState::CodeRequired));
+    ASSERT_TRUE(half);
+    Fake().codeAnswer = {CodeResult::Accepted};
+    NoteFault(Fault::AccountsUnavailable);
+    EXPECT_EQ(Grant::Fault, FinishSignIn(*half, "123456").grant);
+    EXPECT_EQ("", CurrentRequest().newSid);
+    EXPECT_EQ(1, Rows()) << "the half sign-in stays";
 }
 
 TEST_F(Sessions, AreListedAndEndedByHandlesThatOpenNothing)
