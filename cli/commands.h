@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tavr::console
 {
@@ -39,6 +40,27 @@ void ResetOtp(const std::string& typedName);
 void OpenOtp(const std::string& typedName);
 inline constexpr int kMostMinutes = 24 * 60;
 void MakeOtpCode(const std::string& typedName, int minutes);
+
+// enforce_commands.cpp
+struct EnforceChoice {
+    std::string type;
+    std::vector<std::string> names; // as typed
+    bool numbers = false;           // the names are numbers
+};
+struct EnforceList {
+    std::string type;
+    std::string query;
+    std::string domain;
+    std::string filter = "enforced";
+    int offset = 0;
+    int limit = -1; // all
+};
+void ShowPolicy();
+void SetPolicyOption(const std::string& option);
+void AddPicks(const EnforceChoice& choice);
+void RemovePicks(const EnforceChoice& choice);
+void ListPolicy(const EnforceList& asked);
+void ExplainPolicy(const std::string& typedName);
 
 // session_commands.cpp
 void ListSessionsCommand(const std::string& typedName); // empty: of all users

@@ -82,6 +82,8 @@ struct Words {
     tavr::console::ServerTexts server;
     tavr::console::NewMailAccountTexts mailAccount;
     tavr::console::AuditChoice audit;
+    tavr::console::EnforceChoice picks;
+    tavr::console::EnforceList listed;
     bool rootOnly = false;
     bool yes = false;
     bool isAdmin = false;
@@ -246,6 +248,64 @@ void DefineOtpCommands(CLI::App& program, Words& words)
         words.rootOnly = true;
         words.command = [&words] { tavr::console::MakeOtpCode(words.name, words.minutes); };
     });
+}
+
+void DefineEnforceCommands(CLI::App& program, Words& words)
+{
+    CLI::App* enforce = program.add_subcommand("enforce", "who must use two-step sign-in")
+                            ->require_subcommand(1)
+                            ->fallthrough();
+    enforce->add_subcommand("show", "show the option and how many are picked")
+        ->fallthrough()
+        ->callback([&words] { words.command = tavr::console::ShowPolicy; });
+
+    CLI::App* option = enforce->add_subcommand("option", "choose whom it is demanded of")->fallthrough();
+    option->add_option("VALUE", words.second, "none, user (everybody), admin or custom (the picks)")
+        ->required()
+        ->check(CLI::IsMember({"none", "user", "admin", "custom"}));
+    option->callback([&words] {
+        words.rootOnly = true;
+        words.command = [&words] { tavr::console::SetPolicyOption(words.second); };
+    });
+
+    const auto addType = [](CLI::App* command, std::string& type) {
+        command->add_option("TYPE", type, "local_user, local_group, domain_user, ...")->required();
+    };
+    const auto change = [&](const char* name, const char* what,
+                            void (*command)(const tavr::console::EnforceChoice&)) {
+        CLI::App* defined = enforce->add_subcommand(name, what)->fallthrough();
+        addType(defined, words.picks.type);
+        defined->add_option("NAME", words.picks.names, "names of accounts or groups")->required();
+        defined->callback([&words, command] {
+            words.rootOnly = true;
+            words.command = [&words, command] { command(words.picks); };
+        });
+        return defined;
+    };
+    change("add", "pick accounts or groups", tavr::console::AddPicks);
+    change("remove", "pick them no more", tavr::console::RemovePicks)
+        ->add_flag("--numbers", words.picks.numbers,
+                   "the names are numbers, of whom there may be none any more");
+
+    CLI::App* list = enforce->add_subcommand("list", "list accounts or groups, those picked")->fallthrough();
+    addType(list, words.listed.type);
+    list->add_option("--query", words.listed.query, "that hold this in name or description")
+        ->type_name("TEXT");
+    list->add_option("--filter", words.listed.filter, "enforced, unenforced or all")
+        ->type_name("WHICH")
+        ->check(CLI::IsMember({"enforced", "unenforced", "all"}));
+    list->add_option("--domain", words.listed.domain, "of this domain")->type_name("NAME");
+    list->add_option("--offset", words.listed.offset, "from this one on")
+        ->type_name("N")
+        ->check(CLI::NonNegativeNumber);
+    list->add_option("--limit", words.listed.limit, "so many at most")
+        ->type_name("N")
+        ->check(CLI::NonNegativeNumber);
+    list->callback([&words] { words.command = [&words] { tavr::console::ListPolicy(words.listed); }; });
+
+    CLI::App* explain = enforce->add_subcommand("explain", "tell why a user is asked or not")->fallthrough();
+    AddName(explain, words);
+    explain->callback([&words] { words.command = [&words] { tavr::console::ExplainPolicy(words.name); }; });
 }
 
 void DefineSessionCommands(CLI::App& program, Words& words)
@@ -424,7 +484,8 @@ std::vector<std::string> WordsOf(int argc, char** argv)
 int Run(int argc, char** argv)
 {
     CLI::App program(
-        "Console of two-step sign-in: set-up, users, groups, second step, sessions, mails, audit", "tavrctl");
+        "Console of two-step sign-in: set-up, users, groups, second step, policy, sessions, mails, audit",
+        "tavrctl");
     Words words;
     program.require_subcommand(1);
     program.set_help_flag("--help", "show this help and exit");
@@ -438,6 +499,7 @@ int Run(int argc, char** argv)
     DefineUserCommands(program, words);
     DefineGroupCommands(program, words);
     DefineOtpCommands(program, words);
+    DefineEnforceCommands(program, words);
     DefineSessionCommands(program, words);
     DefineMailCommands(program, words);
     DefineMailAccountCommands(program, words);

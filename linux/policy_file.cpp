@@ -4,6 +4,7 @@
 #include "linux/file_lock.h"
 #include "linux/json_text.h"
 #include "linux/paths.h"
+#include "linux/request.h"
 #include "linux/settings.h"
 
 #include <fcntl.h>
@@ -29,6 +30,8 @@ constexpr char kNoPicks[] = "{}\n";
 constexpr const char* kTypes[] = {"local_user",   "local_group", "domain_user",
                                   "domain_group", "ldap_user",   "ldap_group"};
 constexpr const char* kOptions[] = {"none", "user", "admin", "custom"};
+
+constexpr int kTries = 5; // of a decision, while somebody writes the file who knows no lock
 
 // Bytes of the lock's file. Whoever wants the policy passes the gate first, so that readers who come one
 // after the other do not keep a writer out.
@@ -297,6 +300,11 @@ bool NeedsMending(const Look& look)
     return look.finding == Finding::Changed || look.finding == Finding::Broken;
 }
 
+bool PicksCount()
+{
+    return PolicyOption() == "custom";
+}
+
 bool SyncFile()
 {
     const Descriptor file(open(kPolicyFile, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
@@ -419,6 +427,32 @@ bool PolicyWriting::Commit(const Account* who)
     Remember(stamp);
     AuditPicks(who, ChangesBetween(ParsePicks(before_).value_or(Json::Value()), *after));
     return true;
+}
+
+// --- The decision ---
+
+std::optional<bool> AskPolicy(bool (*decide)(const std::string& account), const std::string& account)
+{
+    Request& request = CurrentRequest();
+    const Fault before = request.fault;
+    for (int i = 0; i < kTries; ++i) {
+        const PolicyReading policy;
+        if ((policy.Usable() || !PicksCount()) && decide(account)) {
+            request.fault = before;
+            return true;
+        }
+        const bool unchanged = policy.Unchanged();
+        if (request.fault == before && (!PicksCount() || (policy.Usable() && unchanged))) {
+            return false;
+        }
+        if (!policy.Usable() || unchanged) {
+            break;
+        }
+    }
+    syslog(LOG_ERR, "whether %s must use two-step sign-in cannot be told: %s", account.c_str(),
+           request.fault == before ? "the picks cannot be used" : FaultText(request.fault));
+    request.fault = Fault::PolicyUnavailable;
+    return std::nullopt;
 }
 
 // --- The option ---

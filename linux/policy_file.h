@@ -1,22 +1,21 @@
 // Who must use two-step sign-in: the option and the picks' file, and what our programs put around the
 // library's functions, which lock nothing, rewrite the file in place and take a broken one for an empty one.
 //
+//     AskPolicy(OTPEnforceIsEnabled, name)
 //     {
 //         const PolicyReading policy;                    // readers side by side
-//         if (policy.Usable()) { OTPEnforceIsEnabled(...) or OTPEnforceCustomSettingList(...) }
+//         if (policy.Usable()) { OTPEnforceCustomSettingList(...) }
 //     }
 //     {
 //         PolicyWriting policy;                          // alone
-//         if (policy.Usable() && OTPEnforceCustomSettingSet(...) == 0 && policy.Commit(&administrator)) {
-//         done }
+//         done = policy.Usable() && OTPEnforceCustomSettingSet(...) == 0 && policy.Commit(&administrator);
 //     }
 //
-// Every call of these three functions of the library stands in such a scope, and no scope inside another. The
-// effective ids are the service's until it ends.
+// The library's functions are called in no other way, and no scope stands inside another. The effective ids
+// are the service's until it ends.
 //
 // A scope looks at the file before anything is read. What does not hold a last good copy's content is
-//   - restored from the copy, if it is no picks (below) or gone; what stood there is kept as
-//   kPolicyFile.broken;
+//   - restored from the copy, if it is no picks (below) or gone; what stood there is kept, as .broken;
 //   - taken as the new copy, if it is picks: somebody else has changed it.
 // Both are told in log and audit. The look costs one stat() while nothing has changed.
 //
@@ -103,6 +102,13 @@ private:
     Descriptor folder_;
     std::optional<NewFile> putBack_; // `before_`, ready to be put in place
 };
+
+// --- The decision ---
+
+// The library's (OTPEnforceIsEnabled, handed in), in a PolicyReading of its own. It takes what it could not
+// look up for a "no"; here that is empty, logged, and Fault::PolicyUnavailable in the request. A "yes" is one
+// whatever could not be looked up beside it.
+std::optional<bool> AskPolicy(bool (*decide)(const std::string& account), const std::string& account);
 
 // --- The option ---
 

@@ -8,8 +8,7 @@
 namespace tavr::web
 {
 
-// By the administrator's policy. Empty when it cannot be told; the request then has
-// Fault::PolicyUnavailable.
+// By the administrator's policy (AskPolicy in linux/policy_file.h). Empty when it cannot be told.
 std::optional<bool> Demanded(const Account& account);
 
 // Settles the account and puts both facts into the request, for whatever login comes after. What cannot be

@@ -194,6 +194,71 @@ done
 is 2 '*' tavrctl session end
 is 2 '*' tavrctl session end alice --id 0123456789abcdef
 
+# --- The policy ---
+is 0 'added user pat with number 1030' tavrctl user add pat --password-stdin <<<x
+picks=/usr/tavr/etc/tavr_otp_enforce_custom_setting
+echo '{}' >$picks
+is 0 $'option\tnone\nlocal_user\t0\nlocal_group\t0\ndomain_user\t0\n*' tavrctl enforce show
+is 0 '{"option":"none","picks":{"domain_group":0,*,"local_user":0},"success":true}' tavrctl enforce show --json
+is 0 'the option is user' tavrctl enforce option user
+is 0 '{"option":"admin","success":true}' tavrctl enforce option admin --json
+is 0 '*otp_enforce_option="admin"*' cat /etc/tavrinfo.conf
+is 0 '*ours="kept"*' cat /etc/tavrinfo.conf
+for value in '' Custom all; do
+    is 2 '*VALUE*' tavrctl enforce option "$value"
+done
+is 0 'alice: two-step sign-in is demanded, as the option demands it of administrators, and this is one*' tavrctl enforce explain alice
+is 0 'pat: two-step sign-in is not demanded, as the option demands it of administrators alone*' tavrctl enforce explain pat
+is 0 '2 picked as local_user; this counts with the option custom, and it is admin' tavrctl enforce add local_user Alice pat
+is 0 '{"local_user":\["1026","1030"\]}' cat $picks
+is 0 'the option is custom' tavrctl enforce option custom
+is 0 '1 picked as local_group' tavrctl enforce add local_group users
+is 0 '{"option":"custom","settings":\[{"id":"1030","is_enforced":false}\],"success":true,"type":"local_user"}' \
+    tavrctl enforce remove local_user pat --json
+is 0 '{"local_group":\["65537"\],"local_user":\["1026"\]}' cat $picks
+is 0 $'1026\talice\tpicked\tAlice "A."' tavrctl enforce list local_user
+is 0 $'*1030\tpat\t-\t' tavrctl enforce list local_user --filter unenforced
+is 0 $'1030\tpat\t-\t' tavrctl enforce list local_user --filter all --offset 2 --limit 1
+is 0 '{"rows":\[{"desc":"","id":"1030","is_enforced":false,"name":"pat"}\],"success":true,"total":1}' \
+    tavrctl enforce list local_user --filter all --query PA --json
+is 0 '' tavrctl enforce list local_user --query nobody
+is 1 '*"err":"list_failed"*' tavrctl enforce list ldap_user --json
+is 0 $'pat: two-step sign-in is demanded, as a group of the account is picked\noption\tcustom\naccount\t1030, local, no administrator\ngroups\t65537\nin local_user\tno\nin local_group\t65537' \
+    tavrctl enforce explain ' PAT '
+is 0 '{"because":"user_entry","demanded":true,"group_entries":\[65537\],"groups":\[65537,65536\],"is_admin":true,"kind":1,"option":"custom","success":true,"uid":1026,"user":"alice","user_entry":true}' \
+    tavrctl enforce explain alice --json
+is 3 '*no user nobody' tavrctl enforce explain nobody
+is 3 '*no user nobody' tavrctl enforce add local_user pat nobody
+is 3 '*no group nobody' tavrctl enforce add local_group nobody
+is 2 '*no type local_users*' tavrctl enforce add local_users pat
+is 2 '*pat is local, not of the type ldap_user' tavrctl enforce add ldap_user pat
+is 2 '*no name*' tavrctl enforce add local_user $'bo\tb'
+is 2 '*NAME*' tavrctl enforce add local_user
+is 2 '*pat is no number' tavrctl enforce remove local_user pat --numbers
+is 0 '{"local_group":\["65537"\],"local_user":\["1026"\]}' cat $picks
+is 0 '1 picked as local_user' tavrctl enforce add local_user pat
+is 0 '2 not picked any more as local_user' tavrctl enforce remove local_user --numbers 1026 1030
+is 0 '{"local_group":\["65537"\],"local_user":\[\]}' cat $picks
+rm $picks
+is 0 '*picked*' tavrctl enforce list local_group
+is 0 '{"local_group":\["65537"\],"local_user":\[\]}' cat $picks
+rm $picks
+is 0 "*kept $picks*" tavrctl setup   # restored before anything could make an empty one
+is 0 '{"local_group":\["65537"\],"local_user":\[\]}' cat $picks
+rm /var/lib/tavr/policy.copy
+echo '[]' >$picks
+for command in show 'option custom' 'list local_user' 'add local_user pat' 'explain pat'; do
+    # shellcheck disable=SC2086   # words
+    is 1 '*"err":"policy_unavailable"*' tavrctl enforce $command --json
+done
+is 1 "*$picks: cannot be used*" tavrctl setup
+is 0 'the option is none' tavrctl enforce option none
+is 0 '\[\]' cat $picks
+echo '{}' >$picks
+is 0 'removed user pat' tavrctl user remove pat
+is 4 '*must be run by root*' setpriv --reuid tavr-web --regid tavr-web --clear-groups tavrctl enforce option none
+is 4 '*must be run by root*' setpriv --reuid tavr-web --regid tavr-web --clear-groups tavrctl enforce add local_user pat
+
 # --- Audit ---
 stamp='20[0-9][0-9]-[0-9][0-9]-[0-9][0-9]T[0-9][0-9]:[0-9][0-9]:[0-9][0-9]Z'
 audited() { tavrctl audit --account "$1" | cut -f 2- | tail -n "$2"; }
