@@ -23,6 +23,7 @@ namespace
 
 constexpr int64_t kLookAgainSeconds = 60; // while another process sends
 constexpr int kWipeWaitMilliseconds = 100;
+constexpr size_t kMostBytesAtOnce = 1024 * 1024; // of texts that are taken out
 constexpr int kMostDoublings = 10;
 
 constexpr const char* kMigrations[] = {
@@ -46,6 +47,11 @@ CREATE TABLE mail (
 CREATE INDEX mail_due ON mail (due, id) WHERE state = 'waiting';
 CREATE INDEX mail_of_recipient ON mail (mark) WHERE state = 'waiting';
 CREATE INDEX mail_finished ON mail (id) WHERE state <> 'waiting';
+)",
+    // A mail that is finished keeps its place in it: marks are spread over all of the index.
+    R"(
+DROP INDEX mail_of_recipient;
+CREATE INDEX mail_of_recipient ON mail (mark);
 )",
 };
 
@@ -73,17 +79,30 @@ std::string BoundTo(const char* part, int64_t id)
     return std::string("tavr-mail-1 ") + part + ' ' + std::to_string(id);
 }
 
-int64_t CountWaiting(Database& db)
+// Counted only where there are as many numbers between the first row and the last one.
+bool IsFull(Database& db)
 {
+    Statement rows =
+        db.Prepare("SELECT coalesce((SELECT max(id) FROM mail) - (SELECT min(id) FROM mail) + 1, 0)");
+    if (rows.Step() && rows.Int(0) < kMostWaitingMails) {
+        return false;
+    }
     Statement ask = db.Prepare("SELECT count(*) FROM mail WHERE state = 'waiting'");
-    return ask.Step() ? ask.Int(0) : 0;
+    return ask.Step() && ask.Int(0) >= kMostWaitingMails;
 }
 
-int64_t CountWaitingOf(Database& db, const std::string& mark)
+bool HasTooMany(Database& db, const std::string& mark)
 {
-    Statement ask = db.Prepare("SELECT count(*) FROM mail WHERE state = 'waiting' AND mark = ?1");
+    Statement ask = db.Prepare("SELECT count(*) FROM mail WHERE mark = ?1 AND state = 'waiting'");
     ask.BindBlob(1, mark);
-    return ask.Step() ? ask.Int(0) : 0;
+    return ask.Step() && ask.Int(0) >= kMostMailsOfRecipient;
+}
+
+// Inside the transaction that uses it.
+int64_t NextId(Database& db)
+{
+    Statement ask = db.Prepare("SELECT seq + 1 FROM sqlite_sequence WHERE name = 'mail'");
+    return ask.Step() ? ask.Int(0) : 1;
 }
 
 // --- The one that sends ---
@@ -168,12 +187,14 @@ std::vector<Row> DueRows(size_t most)
         MailDatabase().Prepare("SELECT id, recipient, content, message_id, date, attempts FROM mail"
                                " WHERE state = 'waiting' AND due <= ?1 ORDER BY due, id");
     ask.Bind(1, BootSeconds());
-    while (rows.size() < most && ask.Step()) {
+    size_t bytes = 0;
+    while (rows.size() < most && bytes < kMostBytesAtOnce && ask.Step()) {
         if (!out.contains(ask.Int(0))) {
             rows.push_back({ask.Int(0),
                             ask.Text(1),
                             ask.Text(2),
                             {ask.Int(0), "", "", "", ask.Text(3), ask.Int(4), static_cast<int>(ask.Int(5))}});
+            bytes += rows.back().content.size();
         }
     }
     return rows;
@@ -196,7 +217,7 @@ bool Open(const MachineKey& key, Row& row)
 void Finish(Database& db, const char* state, const QueueResult& result)
 {
     db.Prepare("UPDATE mail SET state = ?2, content = NULL, attempts = attempts + 1, reply = ?3, answer = ?4"
-               " WHERE id = ?1")
+               " WHERE id = ?1 AND state = 'waiting'")
         .Bind(1, result.id)
         .Bind(2, state)
         .Bind(3, int64_t{result.reply})
@@ -224,6 +245,10 @@ void PutOff(Database& db, int64_t waited, int64_t attempts, const QueueResult& r
 // Inside a transaction. True when the mail is given up by this result.
 bool StoreResult(Database& db, const QueueResult& result)
 {
+    if (result.sent) {
+        Finish(db, "sent", result);
+        return false;
+    }
     int64_t waited = 0;
     int64_t attempts = 0;
     {
@@ -236,10 +261,6 @@ bool StoreResult(Database& db, const QueueResult& result)
         const int64_t at = ask.Text(2) == ThisBoot() ? ask.Int(1) : 0;
         waited = ask.Int(0) + std::max<int64_t>(0, BootSeconds() - at);
         attempts = ask.Int(3);
-    }
-    if (result.sent) {
-        Finish(db, "sent", result);
-        return false;
     }
     if (result.retry && waited < kMailGivenUpSeconds) {
         PutOff(db, waited, attempts + 1, result);
@@ -259,11 +280,18 @@ void WakeSender()
     }
 }
 
+// Only when they are many: together they cost a few pages, one by one a few each.
 void DropOldest(Database& db)
 {
+    Statement many =
+        db.Prepare("SELECT 1 FROM mail WHERE state <> 'waiting' ORDER BY id DESC LIMIT 1 OFFSET ?1");
+    many.Bind(1, kMostFinishedMails);
+    if (!many.Step()) {
+        return;
+    }
     db.Prepare("DELETE FROM mail WHERE id IN (SELECT id FROM mail WHERE state <> 'waiting'"
                " ORDER BY id DESC LIMIT -1 OFFSET ?1)")
-        .Bind(1, kMostFinishedMails)
+        .Bind(1, kKeptFinishedMails)
         .Run();
 }
 
@@ -289,23 +317,20 @@ void QueueMail(const std::string& to, const std::string& subject, const std::str
     const std::string mark = key.Mark(to);
     Database& db = MailDatabase();
     Transaction transaction(db);
-    if (CountWaiting(db) >= kMostWaitingMails || CountWaitingOf(db, mark) >= kMostMailsOfRecipient) {
+    if (IsFull(db) || HasTooMany(db, mark)) {
         throw DatabaseError(SQLITE_FULL, "the mail queue is full");
     }
-    // The number first: it is part of what the texts are sealed for.
-    db.Prepare("INSERT INTO mail (state, recipient, mark, message_id, date, boot, at, due)"
-               " VALUES ('waiting', x'', ?1, ?2, ?3, ?4, ?5, ?5)")
-        .BindBlob(1, mark)
-        .Bind(2, NewMessageId())
-        .Bind(3, WallSeconds())
-        .Bind(4, ThisBoot())
-        .Bind(5, BootSeconds())
-        .Run();
-    const int64_t id = db.LastInsertId();
-    db.Prepare("UPDATE mail SET recipient = ?2, content = ?3 WHERE id = ?1")
+    const int64_t id = NextId(db); // part of what the texts are sealed for
+    db.Prepare("INSERT INTO mail (id, state, recipient, mark, content, message_id, date, boot, at, due)"
+               " VALUES (?1, 'waiting', ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?8)")
         .Bind(1, id)
         .BindBlob(2, key.Seal(BoundTo("recipient", id), to))
-        .BindBlob(3, key.Seal(BoundTo("content", id), subject + '\0' + html))
+        .BindBlob(3, mark)
+        .BindBlob(4, key.Seal(BoundTo("content", id), subject + '\0' + html))
+        .Bind(5, NewMessageId())
+        .Bind(6, WallSeconds())
+        .Bind(7, ThisBoot())
+        .Bind(8, BootSeconds())
         .Run();
     transaction.Commit();
     WakeSender();

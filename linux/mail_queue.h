@@ -21,7 +21,8 @@ namespace tavr
 
 inline constexpr int64_t kMostWaitingMails = 20'000;
 inline constexpr int64_t kMostMailsOfRecipient = 200; // that wait: nobody takes all the room
-inline constexpr int64_t kMostFinishedMails = 1'000;  // rows kept to be looked at
+inline constexpr int64_t kMostFinishedMails = 2'000;  // then all but the last kKeptFinishedMails go
+inline constexpr int64_t kKeptFinishedMails = 1'000;  // rows to be looked at
 inline constexpr size_t kMailLimit = 131'072;         // bytes of subject and text
 
 inline constexpr int64_t kFirstMailWaitSeconds = 60; // doubled after each further try
@@ -46,8 +47,9 @@ struct QueuedMail {
     int attempts = 0;      // made before
 };
 
-// Takes out what is due, those that are due longest first: this process gets none of them again before
-// StoreResults. Nothing while another process sends. One that does not open counts as a failed try.
+// Takes out what is due, those that are due longest first, less than `most` where they are large: this
+// process gets none of them again before StoreResults. Nothing while another process sends. One that does not
+// open counts as a failed try.
 std::vector<QueuedMail> DueMails(size_t most);
 
 // What became of mails that were taken out, in one transaction. One that is sent, or not to be tried again,

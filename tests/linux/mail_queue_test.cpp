@@ -257,7 +257,7 @@ TEST_F(Queue, NoWallClockMovesAWait)
         Later(1);
         for (const int64_t wall : {kNow + 365 * kDay, kNow - 365 * kDay, int64_t{0}}) {
             SetClocks(wall, 10 * kDay + 10, "first");
-            EXPECT_EQ(50, SecondsUntilDue());
+            EXPECT_NEAR(50, SecondsUntilDue(), 1); // seconds go by in a test, too
         }
     });
 }
@@ -412,20 +412,38 @@ TEST_F(Queue, WipesWhatAKilledOneLeftInTheLog)
     });
 }
 
-TEST_F(Queue, KeepsAThousandFinishedRows)
+TEST_F(Queue, KeepsAThousandFinishedRowsAtLeast)
 {
     AsWorker([] {
-        std::vector<QueueResult> results;
-        for (int i = 1; i <= 1'200; ++i) {
-            QueueOne("user" + std::to_string(i) + "@example.org");
-            results.push_back({i, true, false, 250, "ok"});
-        }
-        ASSERT_EQ(1'200U, TakeDue(2'000).size());
-        StoreResults(results);
+        const auto send = [](int first, int last) {
+            std::vector<QueueResult> results;
+            for (int i = first; i <= last; ++i) {
+                QueueOne("user" + std::to_string(i) + "@example.org");
+                results.push_back({i, true, false, 250, "ok"});
+            }
+            while (!TakeDue(2'000).empty()) {
+            }
+            StoreResults(results);
+        };
+        send(1, 2'000);
+        EXPECT_EQ(2'000U, ListMails().size());
+        send(2'001, 2'001);
         const std::vector<ListedMail> mails = ListMails();
         EXPECT_EQ(1'000U, mails.size());
-        EXPECT_EQ(201, mails.front().id);
-        EXPECT_EQ(1'200, mails.back().id);
+        EXPECT_EQ(1'002, mails.front().id);
+        EXPECT_EQ(2'001, mails.back().id);
+    });
+}
+
+TEST_F(Queue, TakesOutFewAtOnceWhereTheyAreLarge)
+{
+    AsWorker([] {
+        for (int i = 0; i < 12; ++i) {
+            QueueMail("alice@example.org", "S", std::string(120'000, 'x'));
+        }
+        EXPECT_EQ(9U, TakeDue().size()) << "a mebibyte";
+        EXPECT_EQ(0, SecondsUntilDue());
+        EXPECT_EQ(3U, TakeDue().size());
     });
 }
 
