@@ -16,7 +16,8 @@ namespace tavr::webapi
 namespace
 {
 
-constexpr size_t kLongestLine = 76; // of encoded text, without its end
+constexpr size_t kLongestLine = 76;  // of encoded text, without its end
+constexpr size_t kUsualHead = 1'024; // bytes of a message besides its text
 constexpr size_t kLongestMessageId = 200;
 constexpr int64_t kLastDate = 253'402'300'799; // the end of the year 9999
 constexpr char kEndOfLine[] = "\r\n";
@@ -109,52 +110,69 @@ std::string SubjectText(std::string subject)
 
 // --- Bodies ---
 
-void AppendQuoted(std::string& line, unsigned char c)
+void AppendQuoted(std::string& out, char c)
 {
     constexpr char kDigits[] = "0123456789ABCDEF";
-    line += '=';
-    line += kDigits[c >> 4];
-    line += kDigits[c & 15];
+    const auto byte = static_cast<unsigned char>(c);
+    out.append({'=', kDigits[byte >> 4], kDigits[byte & 15]});
 }
 
-// Quoted-printable (RFC 2045) of one line. A blank at its end is quoted, or it could be lost on the way.
+// How many characters at the beginning can stand as they are. A blank at the end of a line could be lost on
+// the way.
+size_t PlainPart(std::string_view text, size_t most)
+{
+    size_t size = 0;
+    while (size < most && IsPrintable(text[size]) && text[size] != '=') {
+        ++size;
+    }
+    return size == text.size() && text.ends_with(' ') ? size - 1 : size;
+}
+
+// Quoted-printable (RFC 2045) of one line.
 void AppendEncodedLine(std::string& out, std::string_view text)
 {
-    std::string line;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        const bool last = i + 1 == text.size();
-        const bool plain = IsPrintable(c) && c != '=' && !(last && c == ' ');
-        if (line.size() + (plain ? 1 : 3) + (last ? 0 : 1) > kLongestLine) {
-            out += line + '=' + kEndOfLine;
-            line.clear();
+    constexpr char kGoesOn[] = "=\r\n";
+    size_t room = kLongestLine;
+    while (!text.empty()) {
+        const size_t most =
+            text.size() <= room ? text.size() : room - 1; // the sign that it goes on needs one
+        const size_t plain = PlainPart(text, most);
+        out.append(text.substr(0, plain));
+        text.remove_prefix(plain);
+        room -= plain;
+        if (text.empty()) {
+            break;
         }
-        if (plain) {
-            line += c;
-        } else {
-            AppendQuoted(line, static_cast<unsigned char>(c));
+        if (plain == most || room < (text.size() == 1 ? 3 : 4)) {
+            out.append(kGoesOn);
+            room = kLongestLine;
+            continue;
         }
+        AppendQuoted(out, text.front());
+        text.remove_prefix(1);
+        room -= 3;
     }
-    out += line + kEndOfLine;
+    out.append(kEndOfLine);
 }
 
-std::string QuotedPrintable(std::string_view text)
+void AppendQuotedPrintable(std::string& out, std::string_view text)
 {
-    std::string out;
     do {
-        const size_t end = std::min(text.find_first_of("\r\n"), text.size());
+        const auto* const found =
+            std::find_if(text.begin(), text.end(), [](char c) { return c == '\r' || c == '\n'; });
+        const auto end = static_cast<size_t>(found - text.begin());
         AppendEncodedLine(out, text.substr(0, end));
         const bool both = text.substr(end).starts_with(kEndOfLine);
         text.remove_prefix(std::min(end + (both ? 2 : 1), text.size()));
     } while (!text.empty());
-    return out;
 }
 
-std::string Part(const char* type, std::string_view text)
+void AppendPart(std::string& out, const char* type, std::string_view text)
 {
-    return std::string("--") + kBoundary + kEndOfLine + "Content-Type: " + type + "; charset=utf-8" +
-           kEndOfLine + "Content-Transfer-Encoding: quoted-printable" + kEndOfLine + kEndOfLine +
-           QuotedPrintable(text);
+    out.append("--").append(kBoundary).append(kEndOfLine);
+    out.append("Content-Type: ").append(type).append("; charset=utf-8").append(kEndOfLine);
+    out.append("Content-Transfer-Encoding: quoted-printable").append(kEndOfLine).append(kEndOfLine);
+    AppendQuotedPrintable(out, text);
 }
 
 // --- Plain text of HTML ---
@@ -226,7 +244,7 @@ std::optional<std::string> EntityText(std::string_view name)
 class HtmlReader
 {
 public:
-    explicit HtmlReader(std::string_view html) : rest_(html) {}
+    explicit HtmlReader(std::string_view html) : rest_(html) { text_.reserve(html.size()); }
 
     std::string Read()
     {
@@ -344,11 +362,14 @@ std::string BuildMessage(std::string_view from, const Mail& mail)
         {"Content-Type", std::string("multipart/alternative;\r\n boundary=\"") + kBoundary + '"'},
     };
     std::string message;
+    message.reserve(kUsualHead + 3 * mail.html.size()); // so that few copies of the text are left behind
     for (const auto& [name, value] : headers) {
-        message += std::string(name) + ": " + value + kEndOfLine;
+        message.append(name).append(": ").append(value).append(kEndOfLine);
     }
-    return message + kEndOfLine + Part("text/plain", TextOfHtml(mail.html)) + Part("text/html", mail.html) +
-           "--" + kBoundary + "--" + kEndOfLine;
+    message += kEndOfLine;
+    AppendPart(message, "text/plain", TextOfHtml(mail.html));
+    AppendPart(message, "text/html", mail.html);
+    return message.append("--").append(kBoundary).append("--").append(kEndOfLine);
 }
 
 std::string TextOfHtml(std::string_view html)
