@@ -31,7 +31,7 @@ void CheckTransfer(const MailServer& server)
     Demand(server.host.find_first_of("/@?#%[] ") == std::string::npos, "a host is nothing but a host");
     Demand(server.from.find_first_of("<>, ") == std::string::npos, "a sender is one address");
     try {
-        MailTransfer(server, AnyMail());
+        MailSender(server).Load(AnyMail());
     } catch (const std::invalid_argument&) {
         return;
     }

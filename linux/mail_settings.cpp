@@ -67,6 +67,11 @@ std::optional<MailSecurity> MailSecurityOf(std::string_view text)
     return std::nullopt;
 }
 
+MailServer::~MailServer()
+{
+    sodium_memzero(password.data(), password.size());
+}
+
 int UsualPort(MailSecurity security)
 {
     switch (security) {

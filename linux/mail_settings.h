@@ -25,6 +25,9 @@ struct MailServer {
     std::string from;              // the sender's address
     std::string caFile;            // PEM, besides the system's certificates; may be empty
     bool privateAddresses = false; // may stand on a private or loopback address
+
+    ~MailServer(); // overwrites the password
+    bool operator==(const MailServer&) const = default;
 };
 
 // The port that is usual for it.

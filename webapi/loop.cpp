@@ -29,6 +29,7 @@ using std::chrono::milliseconds;
 
 constexpr int64_t kDrainSeconds = 12; // more than a mail may take
 constexpr uint64_t kSignalId = 0;     // the server has the others
+constexpr uint64_t kBellId = UINT64_MAX;
 constexpr size_t kMostConnections = 2000;
 constexpr size_t kOtherDescriptors = 128; // databases, mail servers, the log
 
@@ -80,24 +81,17 @@ public:
           tools_{transfers_, queue_},
           server_(std::move(listener), epoll_.Get(), service, MostConnections(), tools_)
     {
-        epoll_event event{};
-        event.events = EPOLLIN;
-        event.data.u64 = kSignalId;
-        if (epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, signals_.Get(), &event) != 0) {
-            throw std::system_error(errno, std::generic_category(), "epoll");
-        }
+        WatchFor(signals_.Get(), kSignalId);
+        WatchFor(transfers_.Bell(), kBellId);
     }
+    ~Loop() { queue_.Stop(); } // the transfers, let go of next, wait for it
+    Loop(const Loop&) = delete;
+    Loop& operator=(const Loop&) = delete;
 
     void Run()
     {
         for (milliseconds longest = GoOn(); !Ended(); longest = GoOn()) {
-            if (transfers_.Running() > 0) {
-                transfers_.Wait(epoll_.Get(), longest);
-                TakeEvents(milliseconds(0));
-                transfers_.GoOn();
-            } else {
-                TakeEvents(longest);
-            }
+            TakeEvents(longest);
         }
         if (transfers_.Running() > 0) {
             _exit(0); // what still hangs cannot be waited for; a kill would lose nothing either
@@ -105,6 +99,16 @@ public:
     }
 
 private:
+    void WatchFor(int descriptor, uint64_t id)
+    {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u64 = id;
+        if (epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, descriptor, &event) != 0) {
+            throw std::system_error(errno, std::generic_category(), "epoll");
+        }
+    }
+
     // What is due by the clock. Gives the time until something will be.
     milliseconds GoOn()
     {
@@ -124,6 +128,8 @@ private:
         for (int i = 0; i < count; ++i) {
             if (events[i].data.u64 == kSignalId) {
                 OnSignal();
+            } else if (events[i].data.u64 == kBellId) {
+                transfers_.GoOn();
             } else {
                 server_.OnEvent(events[i].data.u64);
             }
@@ -152,8 +158,8 @@ private:
     Descriptor epoll_;
     Descriptor signals_;
     int64_t drainEnd_ = -1; // BootSeconds; -1: not ending
-    Transfers transfers_;
     QueueRunner queue_{transfers_};
+    Transfers transfers_;
     Clearing clearing_;
     Tools tools_;
     Server server_;

@@ -31,20 +31,6 @@ Json::Value Explained(Code code, int reply, const std::string& text)
     return refusal;
 }
 
-// A copy of a password, for as long as a call takes.
-class WipedServer
-{
-public:
-    explicit WipedServer(MailServer server) : server_(std::move(server)) {}
-    ~WipedServer() { sodium_memzero(server_.password.data(), server_.password.size()); }
-    WipedServer(const WipedServer&) = delete;
-    WipedServer& operator=(const WipedServer&) = delete;
-    [[nodiscard]] const MailServer& Get() const { return server_; }
-
-private:
-    MailServer server_;
-};
-
 // The text of a JSON array that holds one text.
 std::optional<std::string> OnlyAddress(std::string_view text)
 {
@@ -80,8 +66,7 @@ void WithMailAccount(const Request& request, const Reply& reply, Use use)
             reply.Refuse(account ? Code::NoMailAccount : Code::NoAccount);
             return;
         }
-        const WipedServer server(std::move(opened->server));
-        use(*account, server.Get());
+        use(*account, opened->server);
     } catch (const DatabaseError& error) {
         syslog(LOG_ERR, "a mail account cannot be read: %s", error.what());
         reply.Refuse(Code::Unavailable);
@@ -134,15 +119,24 @@ Json::Value Said(const MailOutcome& outcome)
 
 void SendAndAnswer(const MailServer& server, const Mail& mail, const Reply& reply, Tools& tools)
 {
-    std::shared_ptr<MailTransfer> transfer;
+    struct Transfer {
+        std::unique_ptr<MailSender> sender;
+        MailOutcome outcome;
+    };
+    const auto transfer = std::make_shared<Transfer>();
     try {
-        transfer = std::make_shared<MailTransfer>(server, mail);
+        transfer->sender = std::make_unique<MailSender>(server);
+        transfer->sender->Load(mail);
     } catch (const std::invalid_argument& error) {
         reply.Refuse(Explained(Code::BadArgument, 0, error.what()));
         return;
     }
-    tools.transfers.Start(transfer->Handle(), [transfer, reply](CURLcode result) {
-        const MailOutcome outcome = transfer->Finish(result);
+    const auto send = [transfer] {
+        transfer->outcome = transfer->sender->Send();
+        transfer->sender.reset(); // here, where a goodbye may take its time
+    };
+    tools.transfers.Start(send, [transfer, reply] {
+        const MailOutcome& outcome = transfer->outcome;
         if (outcome.delivery == Delivery::Sent) {
             reply.Data(Said(outcome));
         } else {
@@ -171,15 +165,13 @@ void TestNotificationMail(const Request& request, const Reply& reply, Tools& too
         reply.Refuse(Code::BadArgument);
         return;
     }
-    std::optional<MailServer> found = NotificationServer();
-    if (!found) {
+    const std::optional<MailServer> server = NotificationServer();
+    if (!server) {
         reply.Refuse(Code::NoMailServer);
         return;
     }
-    const WipedServer server(std::move(*found));
-    SendAndAnswer(server.Get(),
-                  TestMail(std::string(*to), "the mail server that is set up on " + OwnHostName()), reply,
-                  tools);
+    SendAndAnswer(*server, TestMail(std::string(*to), "the mail server that is set up on " + OwnHostName()),
+                  reply, tools);
 }
 
 void SendPersonalMail(const Request& request, const Reply& reply, Tools& tools)
@@ -223,13 +215,12 @@ void TestPersonalMail(const Request& request, const Reply& reply, Tools& tools)
         });
         return;
     }
-    Described described = DescribedServer(request.params);
+    const Described described = DescribedServer(request.params);
     if (described.problem != nullptr) {
         reply.Refuse(Explained(Code::BadArgument, 0, described.problem));
         return;
     }
-    const WipedServer server(std::move(described.account.server));
-    SendAndAnswer(server.Get(), mail, reply, tools);
+    SendAndAnswer(described.account.server, mail, reply, tools);
 }
 
 } // namespace tavr::webapi

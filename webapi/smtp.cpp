@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <set>
 #include <stdexcept>
 
 namespace tavr::webapi
@@ -20,6 +19,7 @@ namespace
 
 constexpr long kConnectMilliseconds = 5'000;
 constexpr long kWholeMilliseconds = 10'000;
+constexpr long kBuffer = 16'384;
 constexpr size_t kLongestText = 200; // of an outcome
 
 // --- Memory that was used for passwords and mails ---
@@ -40,15 +40,6 @@ void* Reallocate(void* memory, size_t size)
         WipeAndFree(memory);
     }
     return larger;
-}
-
-// --- Connections ---
-
-// Of the transfers that this thread runs.
-std::set<curl_socket_t>& OpenSockets()
-{
-    static thread_local std::set<curl_socket_t> sockets;
-    return sockets;
 }
 
 // --- Addresses ---
@@ -149,34 +140,72 @@ bool StartMailTransfers()
                                 std::calloc) == CURLE_OK;
 }
 
-MailTransfer::MailTransfer(const MailServer& server, const Mail& mail)
-    : privateAddresses_(server.privateAddresses), url_(curl_url()), easy_(curl_easy_init())
+MailSender::MailSender(const MailServer& server)
+    : from_(server.from),
+      privateAddresses_(server.privateAddresses),
+      url_(curl_url()),
+      easy_(curl_easy_init())
 {
-    if (const char* problem = MailProblem(server.from, mail)) {
-        throw std::invalid_argument(std::string("a mail cannot be sent: ") + problem);
-    }
     if (!url_ || !easy_) {
         throw std::bad_alloc();
     }
     SetServer(server);
-    SetMail(server, mail);
+    SetUpload();
 }
 
-MailTransfer::~MailTransfer()
+MailSender::~MailSender()
 {
+    StopListening();
     easy_.reset(); // it reads the message until then
+    Forget();
+}
+
+void MailSender::Load(const Mail& mail)
+{
+    Forget();
+    if (const char* problem = MailProblem(from_, mail)) {
+        throw std::invalid_argument(std::string("a mail cannot be sent: ") + problem);
+    }
+    message_ = BuildMessage(from_, mail);
+    recipients_.reset(curl_slist_append(nullptr, mail.to.c_str()));
+    if (!recipients_) {
+        throw std::bad_alloc();
+    }
+    Set(CURLOPT_MAIL_RCPT, recipients_.get());
+    Set(CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(message_.size()));
+    Set(CURLOPT_FORBID_REUSE, 1L); // see OnReply
+}
+
+MailOutcome MailSender::Send()
+{
+    MailOutcome outcome = OutcomeOf(curl_easy_perform(easy_.get()));
+    Forget();
+    return outcome;
+}
+
+void MailSender::Forget()
+{
     explicit_bzero(message_.data(), message_.size());
+    message_.clear();
+    read_ = 0;
+    refusedAddress_ = false;
+    stage_ = Stage::Login;
+    left_ = false;
+    reply_ = 0;
+    replyEnded_ = true;
+    replyText_.clear();
+    error_[0] = 0;
 }
 
 template<class Value>
-void MailTransfer::Set(CURLoption option, Value value)
+void MailSender::Set(CURLoption option, Value value)
 {
     if (curl_easy_setopt(easy_.get(), option, value) != CURLE_OK) {
         throw std::bad_alloc(); // what all of these options can fail for
     }
 }
 
-void MailTransfer::SetServer(const MailServer& server)
+void MailSender::SetServer(const MailServer& server)
 {
     const bool sixth = server.host.find(':') != std::string::npos;
     const std::string host = sixth ? '[' + server.host + ']' : server.host;
@@ -214,23 +243,15 @@ void MailTransfer::SetServer(const MailServer& server)
     Set(CURLOPT_OPENSOCKETFUNCTION, OpenSocket);
     Set(CURLOPT_OPENSOCKETDATA, this);
     Set(CURLOPT_CLOSESOCKETFUNCTION, CloseSocket);
-    Set(CURLOPT_FORBID_REUSE, 1L); // see OnReply
-    if (!server.privateAddresses) {
-        Set(CURLOPT_FRESH_CONNECT, 1L); // one that another mail has left open may lead where this may not go
-    }
+    Set(CURLOPT_CLOSESOCKETDATA, this);
+    Set(CURLOPT_MAIL_FROM, from_.c_str());
 }
 
-void MailTransfer::SetMail(const MailServer& server, const Mail& mail)
+void MailSender::SetUpload()
 {
-    message_ = BuildMessage(server.from, mail);
-    recipients_.reset(curl_slist_append(nullptr, mail.to.c_str()));
-    if (!recipients_) {
-        throw std::bad_alloc();
-    }
-    Set(CURLOPT_MAIL_FROM, server.from.c_str());
-    Set(CURLOPT_MAIL_RCPT, recipients_.get());
     Set(CURLOPT_UPLOAD, 1L);
-    Set(CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(message_.size()));
+    Set(CURLOPT_UPLOAD_BUFFERSIZE, kBuffer); // each mail has its own, and it is overwritten
+    Set(CURLOPT_BUFFERSIZE, kBuffer);
     Set(CURLOPT_READFUNCTION, ReadMessage);
     Set(CURLOPT_READDATA, this);
     Set(CURLOPT_ERRORBUFFER, error_);
@@ -240,59 +261,63 @@ void MailTransfer::SetMail(const MailServer& server, const Mail& mail)
 }
 
 // The address that is about to be connected to: a name looked up before could have been another one's.
-curl_socket_t MailTransfer::OpenSocket(void* self, curlsocktype /*purpose*/, curl_sockaddr* address)
+curl_socket_t MailSender::OpenSocket(void* self, curlsocktype /*purpose*/, curl_sockaddr* address)
 {
-    auto* transfer = static_cast<MailTransfer*>(self);
-    if (!transfer->privateAddresses_ && !IsPublicAddress(address->addr)) {
-        transfer->refusedAddress_ = true;
+    auto* sender = static_cast<MailSender*>(self);
+    if (!sender->privateAddresses_ && !IsPublicAddress(address->addr)) {
+        sender->refusedAddress_ = true;
         return CURL_SOCKET_BAD;
     }
-    transfer->socket_ = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-    if (transfer->socket_ >= 0) {
-        OpenSockets().insert(transfer->socket_);
+    const curl_socket_t made = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    if (made != CURL_SOCKET_BAD) {
+        sender->sockets_.insert(made);
     }
-    return transfer->socket_;
+    return made;
 }
 
-int MailTransfer::CloseSocket(void* /*unused*/, curl_socket_t socket)
+int MailSender::CloseSocket(void* self, curl_socket_t socket)
 {
-    OpenSockets().erase(socket);
+    static_cast<MailSender*>(self)->sockets_.erase(socket);
     return close(socket);
 }
 
-size_t MailTransfer::ReadMessage(char* buffer, size_t size, size_t count, void* self)
+// libcurl would wait for the reply to a goodbye, without any limit of time.
+void MailSender::StopListening()
 {
-    auto* transfer = static_cast<MailTransfer*>(self);
-    const size_t taken = std::min(size * count, transfer->message_.size() - transfer->read_);
-    std::copy_n(transfer->message_.data() + transfer->read_, taken, buffer);
-    transfer->read_ += taken;
+    for (const curl_socket_t socket : sockets_) {
+        shutdown(socket, SHUT_RD);
+    }
+}
+
+size_t MailSender::ReadMessage(char* buffer, size_t size, size_t count, void* self)
+{
+    auto* sender = static_cast<MailSender*>(self);
+    const size_t taken = std::min(size * count, sender->message_.size() - sender->read_);
+    std::copy_n(sender->message_.data() + sender->read_, taken, buffer);
+    sender->read_ += taken;
     return taken;
 }
 
-int MailTransfer::Listen(CURL* /*easy*/, curl_infotype type, char* data, size_t size, void* self)
+int MailSender::Listen(CURL* /*easy*/, curl_infotype type, char* data, size_t size, void* self)
 {
-    auto* transfer = static_cast<MailTransfer*>(self);
+    auto* sender = static_cast<MailSender*>(self);
     if (type == CURLINFO_HEADER_OUT) {
-        transfer->OnCommand({data, size});
+        sender->OnCommand({data, size});
     } else if (type == CURLINFO_HEADER_IN) {
-        transfer->OnReply({data, size});
+        sender->OnReply({data, size});
     }
     return 0;
 }
 
 // Commands of the login hold the password; nothing is kept of any command.
-void MailTransfer::OnCommand(std::string_view text)
+void MailSender::OnCommand(std::string_view text)
 {
     if (text == "QUIT\r\n") {
         left_ = true;
-        // libcurl would wait for the reply, without any limit of time.
-        if (socket_ >= 0) {
-            shutdown(socket_, SHUT_RD);
-        } else { // another transfer has opened it
-            HangUpKeptConnections();
-        }
+        StopListening();
         return;
     }
+    left_ = false; // it was an older connection's goodbye
     if (text.starts_with("MAIL ")) {
         stage_ = Stage::Sender;
     } else if (text.starts_with("RCPT ")) {
@@ -303,7 +328,7 @@ void MailTransfer::OnCommand(std::string_view text)
     reply_ = 0;
 }
 
-void MailTransfer::OnReply(std::string_view line)
+void MailSender::OnReply(std::string_view line)
 {
     if (left_) {
         return;
@@ -318,18 +343,18 @@ void MailTransfer::OnReply(std::string_view line)
     }
     // Only now: libcurl would use a connection again on which a late reply to this mail is still to come, and
     // take that for the reply to the next one.
-    if (keepsConnection_ && IsSent()) {
+    if (IsSent()) {
         Set(CURLOPT_FORBID_REUSE, 0L);
     }
 }
 
-bool MailTransfer::IsSent() const
+bool MailSender::IsSent() const
 {
     return stage_ == Stage::Message && reply_ / 100 == 2 && replyEnded_;
 }
 
 // The server's own answer to the message counts, whatever happened to the connection afterwards.
-MailOutcome MailTransfer::Finish(CURLcode result) const
+MailOutcome MailSender::OutcomeOf(CURLcode result) const
 {
     if (IsSent()) {
         return {Delivery::Sent, reply_, Clean(replyText_)};
@@ -345,17 +370,11 @@ MailOutcome MailTransfer::Finish(CURLcode result) const
     return {Delivery::Later, 0, Clean(explained ? error_ : curl_easy_strerror(result))};
 }
 
-void HangUpKeptConnections()
-{
-    for (const curl_socket_t socket : OpenSockets()) {
-        shutdown(socket, SHUT_RD);
-    }
-}
-
 MailOutcome SendMail(const MailServer& server, const Mail& mail)
 {
-    MailTransfer transfer(server, mail);
-    return transfer.Finish(curl_easy_perform(transfer.Handle()));
+    MailSender sender(server);
+    sender.Load(mail);
+    return sender.Send();
 }
 
 bool IsPublicAddress(const sockaddr& address)

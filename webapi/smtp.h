@@ -9,7 +9,9 @@
 #include <sys/socket.h>
 
 #include <memory>
+#include <set>
 #include <string>
+#include <string_view>
 
 namespace tavr::webapi
 {
@@ -31,24 +33,23 @@ struct MailOutcome {
 // does not start.
 bool StartMailTransfers();
 
-// One try. The easy handle belongs to the transfer; it is for a multi handle or for curl_easy_perform.
-class MailTransfer
+// Mails to one server, one after the other, over a connection that stays open as long as the server takes
+// them. For one thread at a time.
+class MailSender
 {
 public:
-    // Takes what it needs of both. Throws std::invalid_argument for a mail that has a problem (MailProblem)
-    // or a server that is none, std::bad_alloc.
-    MailTransfer(const MailServer& server, const Mail& mail);
-    ~MailTransfer();
-    MailTransfer(const MailTransfer&) = delete;
-    MailTransfer& operator=(const MailTransfer&) = delete;
+    // Takes what it needs of the server. Throws std::invalid_argument where it is none, std::bad_alloc.
+    explicit MailSender(const MailServer& server);
+    ~MailSender(); // says goodbye, and does not wait for a reply
+    MailSender(const MailSender&) = delete;
+    MailSender& operator=(const MailSender&) = delete;
 
-    CURL* Handle() { return easy_.get(); }
+    // Makes the mail the next one to be sent; nothing is kept of another one before it. Throws
+    // std::invalid_argument for a mail that has a problem (MailProblem), std::bad_alloc.
+    void Load(const Mail& mail);
 
-    // To be called before it begins: the connection stays open for the next transfer of the same multi handle
-    // to this server, if the server takes the mail.
-    void KeepConnection() { keepsConnection_ = true; }
-
-    MailOutcome Finish(CURLcode result) const;
+    // One try with the loaded mail, ten seconds at most. What it was is forgotten.
+    MailOutcome Send();
 
 private:
     // How far the dialogue has come, by the command that was sent last.
@@ -61,39 +62,40 @@ private:
     };
 
     void SetServer(const MailServer& server);
-    void SetMail(const MailServer& server, const Mail& mail);
+    void SetUpload();
     template<class Value>
     void Set(CURLoption option, Value value);
     void OnCommand(std::string_view text);
     void OnReply(std::string_view line);
     [[nodiscard]] bool IsSent() const; // the server has taken the mail
+    [[nodiscard]] MailOutcome OutcomeOf(CURLcode result) const;
+    void Forget();
+    void StopListening();
 
     static curl_socket_t OpenSocket(void* self, curlsocktype purpose, curl_sockaddr* address);
-    static int CloseSocket(void* unused, curl_socket_t socket);
+    static int CloseSocket(void* self, curl_socket_t socket);
     static size_t ReadMessage(char* buffer, size_t size, size_t count, void* self);
     static int Listen(CURL* easy, curl_infotype type, char* data, size_t size, void* self);
 
-    std::string message_;
-    size_t read_ = 0; // of the message
+    std::string from_;
     bool privateAddresses_ = false;
-    bool keepsConnection_ = false;
+    std::set<curl_socket_t> sockets_; // libcurl's
+
+    // Of the mail at hand.
+    std::string message_;
+    size_t read_ = 0;             // of the message
     bool refusedAddress_ = false; // one that was not public
-    int socket_ = -1;             // libcurl's
     Stage stage_ = Stage::Login;
     bool left_ = false;      // QUIT was sent
     int reply_ = 0;          // to that command; 0: none yet
     bool replyEnded_ = true; // its last line has come
     std::string replyText_;
     char error_[CURL_ERROR_SIZE] = {};
+
     std::unique_ptr<CURLU, Cleanup> url_;
     std::unique_ptr<curl_slist, Cleanup> recipients_;
     std::unique_ptr<CURL, Cleanup> easy_; // let go of first: it uses all of the above
 };
-
-// To be called before a multi handle is let go of, on the thread that has used it: the servers of connections
-// that were kept are told goodbye, but no longer listened to. libcurl would wait for their replies, without
-// any limit of time.
-void HangUpKeptConnections();
 
 // Sends and waits for it, about ten seconds at most.
 MailOutcome SendMail(const MailServer& server, const Mail& mail);

@@ -1,57 +1,17 @@
 #include "webapi/transfers.h"
 
-#include "webapi/smtp.h"
-
-#include <poll.h>
 #include <sys/eventfd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <climits>
-#include <memory>
 #include <system_error>
+#include <utility>
 
 namespace tavr::webapi
 {
 
-namespace
+Transfers::Transfers() : bell_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
-
-constexpr std::chrono::seconds kKeepIdle{5}; // a connection
-
-struct Cleanup {
-    void operator()(CURLM* multi) const noexcept
-    {
-        HangUpKeptConnections();
-        curl_multi_cleanup(multi);
-    }
-};
-using Multi = std::unique_ptr<CURLM, Cleanup>;
-
-// Waits for the end of it. The connections of the multi handle are used.
-CURLcode Perform(CURLM* multi, CURL* easy)
-{
-    if (multi == nullptr || curl_multi_add_handle(multi, easy) != CURLM_OK) {
-        return CURLE_OUT_OF_MEMORY;
-    }
-    int running = 1;
-    while (curl_multi_perform(multi, &running) == CURLM_OK && running != 0) {
-        curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
-    }
-    CURLcode result = CURLE_OUT_OF_MEMORY;
-    int unused = 0;
-    while (const CURLMsg* message = curl_multi_info_read(multi, &unused)) {
-        result = message->data.result;
-    }
-    curl_multi_remove_handle(multi, easy);
-    return result;
-}
-
-} // namespace
-
-Transfers::Transfers() : ended_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
-{
-    if (!ended_) {
+    if (!bell_) {
         throw std::system_error(errno, std::generic_category(), "eventfd");
     }
 }
@@ -68,15 +28,15 @@ Transfers::~Transfers()
     }
 }
 
-void Transfers::Start(CURL* easy, Done done)
+void Transfers::Start(std::function<void()> work, std::function<void()> done)
 {
-    running_.emplace(easy, std::move(done));
     bool isEnough = false;
     {
         const std::lock_guard lock(mutex_);
-        waiting_.push_back(easy);
+        waiting_.push_back({std::move(work), std::move(done)});
         isEnough = waiting_.size() <= idle_ || threads_.size() == kMostAtOnce;
     }
+    ++running_;
     work_.notify_one();
     if (isEnough) {
         return;
@@ -86,72 +46,50 @@ void Transfers::Start(CURL* easy, Done done)
     } catch (const std::system_error&) {
         if (threads_.empty()) { // nobody would ever take it
             waiting_.clear();
-            running_.erase(easy);
+            running_ = 0;
             throw;
         }
     }
 }
 
-CURL* Transfers::Take(bool keepsConnections)
-{
-    std::unique_lock lock(mutex_);
-    const auto isTime = [this] { return ending_ || !waiting_.empty(); };
-    ++idle_;
-    if (keepsConnections) {
-        work_.wait_for(lock, kKeepIdle, isTime);
-    } else {
-        work_.wait(lock, isTime);
-    }
-    --idle_;
-    if (ending_ || waiting_.empty()) {
-        return nullptr;
-    }
-    CURL* easy = waiting_.front();
-    waiting_.pop_front();
-    return easy;
-}
-
 void Transfers::Work()
 {
-    Multi multi;
+    std::unique_lock lock(mutex_);
     for (;;) {
-        CURL* easy = Take(multi != nullptr);
-        if (easy == nullptr && !multi) {
+        ++idle_;
+        work_.wait(lock, [this] { return ending_ || !waiting_.empty(); });
+        --idle_;
+        if (ending_) {
             return;
         }
-        if (easy == nullptr) {
-            multi.reset();
-            continue;
-        }
-        if (!multi) {
-            multi.reset(curl_multi_init());
-        }
-        const CURLcode result = Perform(multi.get(), easy);
-        const std::lock_guard lock(mutex_);
-        results_.emplace_back(easy, result);
-        eventfd_write(ended_.Get(), 1);
+        Transfer transfer = std::move(waiting_.front());
+        waiting_.pop_front();
+        lock.unlock();
+        transfer.work();
+        transfer.work = nullptr; // what it holds is let go of here, where it may take its time
+        lock.lock();
+        done_.push_back(std::move(transfer.done));
+        Ring();
     }
 }
 
-void Transfers::Wait(int descriptor, std::chrono::milliseconds longest)
+void Transfers::Ring() const
 {
-    pollfd waiting[] = {{descriptor, POLLIN, 0}, {ended_.Get(), POLLIN, 0}};
-    const auto most = longest.count() < 0 ? -1 : std::min<int64_t>(longest.count(), INT_MAX);
-    poll(waiting, std::size(waiting), static_cast<int>(most));
+    eventfd_write(bell_.Get(), 1);
 }
 
 void Transfers::GoOn()
 {
-    std::vector<std::pair<CURL*, CURLcode>> results;
+    std::vector<std::function<void()>> done;
     {
         const std::lock_guard lock(mutex_);
         eventfd_t unused = 0;
-        eventfd_read(ended_.Get(), &unused);
-        results.swap(results_);
+        eventfd_read(bell_.Get(), &unused);
+        done.swap(done_);
     }
-    for (const auto& [easy, result] : results) {
-        const auto ended = running_.extract(easy);
-        ended.mapped()(result);
+    for (const std::function<void()>& tell : done) {
+        --running_;
+        tell();
     }
 }
 

@@ -257,7 +257,7 @@ TEST_F(Queue, NoWallClockMovesAWait)
         Later(1);
         for (const int64_t wall : {kNow + 365 * kDay, kNow - 365 * kDay, int64_t{0}}) {
             SetClocks(wall, 10 * kDay + 10, "first");
-            EXPECT_NEAR(50, SecondsUntilDue(), 1); // seconds go by in a test, too
+            EXPECT_EQ(5, (SecondsUntilDue() + 5) / 10); // seconds go by in a test, too
         }
     });
 }

@@ -11,6 +11,7 @@ last). DIR/commands has one line for each command that came, without what follow
 --user         takes mails of who has logged in with this name and --password alone; without it, everybody's
 --certificate  wrong-host, other-ca or expired, instead of a good one
 --fault        rcpt-550, rcpt-450, mail-550, data-554, data-451: this reply
+               rcpt-bob: 550 to whoever is called bob, and to nobody else
                controls: rcpt-550 with characters in its text that no terminal should see
                no-starttls: does not offer it; no-auth: does not offer to log in
                hang-greeting, hang-data, hang-quit: never answers
@@ -81,6 +82,8 @@ class Keeper:
         return "250 OK"
 
     async def handle_RCPT(self, server, session, envelope, address, options):
+        if "rcpt-bob" in self.faults and address.startswith("bob@"):
+            return "550 5.1.1 not here"
         if "rcpt-550" in self.faults:
             return "550-5.1.1 there is nobody\r\n550 5.1.1 of that name"
         if "rcpt-450" in self.faults:

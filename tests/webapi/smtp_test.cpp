@@ -293,35 +293,44 @@ TEST(SendMail, EndsWhateverTheServerDoes)
     }
 }
 
-TEST(MailTransfer, KeepsAConnectionWhenToldSoAndTheMailWasTaken)
+TEST(MailSender, KeepsTheConnectionWhileTheServerTakesMails)
 {
     struct Case {
         const char* fault;
-        bool keep;
-        long connections; // that the second mail needed
+        long connections; // for two mails
     };
-    for (const Case& row : {Case{"none", true, 0}, Case{"none", false, 1}, Case{"data-451", true, 1},
-                            Case{"hang-quit", true, 0}}) {
+    for (const Case& row :
+         {Case{"none", 1}, Case{"data-451", 2}, Case{"rcpt-550", 2}, Case{"hang-quit", 1}}) {
         const SmtpSink sink({"--fault", row.fault});
-        const std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)> multi(curl_multi_init(),
-                                                                          curl_multi_cleanup);
-        long connections = 0;
-        for (int i = 0; i < 2; ++i) {
-            MailTransfer transfer(ServerOf(sink), SomeMail());
-            if (row.keep && i == 0) {
-                transfer.KeepConnection();
-            }
-            curl_multi_add_handle(multi.get(), transfer.Handle());
-            int running = 1;
-            while (running != 0) {
-                curl_multi_perform(multi.get(), &running);
-                curl_multi_poll(multi.get(), nullptr, 0, 100, nullptr);
-            }
-            curl_easy_getinfo(transfer.Handle(), CURLINFO_NUM_CONNECTS, &connections);
-            curl_multi_remove_handle(multi.get(), transfer.Handle());
+        MailSender sender(ServerOf(sink));
+        for (const char* to : {"alice@home.example", "bob@home.example"}) {
+            Mail mail = SomeMail();
+            mail.to = to;
+            sender.Load(mail);
+            sender.Send();
         }
-        EXPECT_EQ(row.connections, connections) << row.fault << row.keep;
+        const auto commands = sink.Commands();
+        EXPECT_EQ(row.connections, std::count(commands.begin(), commands.end(), "STARTTLS")) << row.fault;
+        if (sink.Count() == 2) {
+            EXPECT_EQ("bob@home.example", sink.Envelope(2)["to"][0].asString());
+            EXPECT_NE(sink.Mail(1), sink.Mail(2));
+        }
     }
+}
+
+TEST(MailSender, TellsOfEachMailByItself)
+{
+    SmtpSink sink({"--fault", "rcpt-bob"});
+    MailSender sender(ServerOf(sink));
+    const std::pair<const char*, int> mails[] = {
+        {"alice@home.example", 250}, {"bob@home.example", 550}, {"carol@home.example", 250}};
+    for (const auto& [to, reply] : mails) {
+        Mail mail = SomeMail();
+        mail.to = to;
+        sender.Load(mail);
+        EXPECT_EQ(reply, sender.Send().reply) << to;
+    }
+    EXPECT_EQ(2, sink.Count());
 }
 
 TEST(SendMail, SaysThatNobodyIsThere)
@@ -365,23 +374,31 @@ TEST(SendMail, AsksTheEnvironmentForNothing)
     EXPECT_FALSE(Came(sink, "AUTH"));
 }
 
-TEST(MailTransfer, IsNotMadeForWhatCannotBeSent)
+TEST(MailSender, IsNotMadeForWhatIsNoServer)
 {
     const SmtpSink sink;
     for (const char* host : {"", "a b", "a/b", "user@host", "host:25", "host\r\nX", "[::1]", "a?b", "a#b"}) {
         MailServer server = ServerOf(sink);
         server.host = host;
-        EXPECT_THROW(MailTransfer(server, SomeMail()), std::invalid_argument) << host;
+        EXPECT_THROW(MailSender{server}, std::invalid_argument) << host;
     }
     MailServer server = ServerOf(sink);
     server.port = 70'000;
-    EXPECT_THROW(MailTransfer(server, SomeMail()), std::invalid_argument);
-    server = ServerOf(sink);
+    EXPECT_THROW(MailSender{server}, std::invalid_argument);
+}
+
+TEST(MailSender, TakesNothingThatCannotBeSent)
+{
+    const SmtpSink sink;
+    MailServer server = ServerOf(sink);
     server.from = "a@b.example> BODY=8BITMIME";
-    EXPECT_THROW(MailTransfer(server, SomeMail()), std::invalid_argument);
+    EXPECT_THROW(MailSender(server).Load(SomeMail()), std::invalid_argument);
     Mail mail = SomeMail();
     mail.to = "a@b.example,c@d.example";
-    EXPECT_THROW(MailTransfer(ServerOf(sink), mail), std::invalid_argument);
+    MailSender sender(ServerOf(sink));
+    EXPECT_THROW(sender.Load(mail), std::invalid_argument);
+    sender.Load(SomeMail());
+    EXPECT_EQ(Delivery::Sent, sender.Send().delivery) << "the next one is not harmed";
 }
 
 TEST(IsPublicAddress, IsTrueOfTheInternetAtLargeAlone)
