@@ -34,25 +34,22 @@ void ShowOtpStatus(const std::string& typedName)
     Answer(std::move(answer));
 }
 
-// Marked first: whoever asks after a cut try finishes it.
 void ResetOtp(const std::string& typedName)
 {
     const Account account = ExistingAccount(typedName);
     Confirm("Remove the second step of " + account.name + "? The user has to enrol anew.");
-    const int64_t sessions = MarkSwitchingOff(account, AuditEvent::Reset);
-    const EnrolmentState state = Settle(account);
-    if (state.enrolment != Enrolment::No) {
+    const Reset reset = ResetSecondStep(account);
+    if (reset.state.enrolment != Enrolment::No) {
         throw Failure(Exit::Failed, "otp_unavailable",
                       account.name +
                           " is marked and its sessions have ended, but the secret is not removed yet: " +
-                          FaultText(state.fault));
+                          FaultText(reset.state.fault));
     }
-    OpenSecondStep(account); // whoever enrols anew begins anew
     Say("removed the second step of " + account.name + " and ended its sessions");
     Json::Value answer;
     answer["user"] = account.name;
     answer["uid"] = account.uid;
-    answer["sessions_ended"] = Json::Int64{sessions};
+    answer["sessions_ended"] = Json::Int64{reset.sessionsEnded};
     Answer(std::move(answer));
 }
 

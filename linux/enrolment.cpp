@@ -1,6 +1,7 @@
 #include "linux/enrolment.h"
 
 #include "linux/account_lock.h"
+#include "linux/attempts.h"
 #include "linux/cipher.h"
 #include "linux/clock.h"
 #include "linux/ids.h"
@@ -411,7 +412,7 @@ void ClearWaiting(Clear which)
     }
 }
 
-int64_t MarkSwitchingOff(const Account& account, std::optional<AuditEvent> event)
+int64_t MarkSwitchingOff(const Account& account, std::optional<AuditEvent> event, const char* detail)
 {
     const EffectiveIds service = EffectiveIds::Service();
     RequireServiceIds(service);
@@ -424,13 +425,25 @@ int64_t MarkSwitchingOff(const Account& account, std::optional<AuditEvent> event
     const int64_t ended = EndSessionsOf(account.uid);
     std::optional<AuditedGrant> audited;
     if (event) {
-        audited.emplace(*event, account, "-");
+        audited.emplace(*event, account, detail);
     }
     transaction.Commit();
     if (audited) {
         audited->Committed();
     }
     return ended;
+}
+
+// Marked first: whoever asks after a cut try finishes it.
+Reset ResetSecondStep(const Account& account, const char* detail)
+{
+    Reset reset;
+    reset.sessionsEnded = MarkSwitchingOff(account, AuditEvent::Reset, detail);
+    reset.state = Settle(account);
+    if (reset.state.enrolment == Enrolment::No) {
+        OpenSecondStep(account);
+    }
+    return reset;
 }
 
 } // namespace tavr

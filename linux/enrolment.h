@@ -80,6 +80,15 @@ void ClearWaiting(Clear which);
 // Switching off and reset: marks the account, ends its sessions and half sign-ins and stores the audit's row
 // of `event` (none: the account is being removed), all or nothing; the next Settle removes file and secrets,
 // whoever asks it and however often this was cut short. Gives how many sessions ended; throws DatabaseError.
-int64_t MarkSwitchingOff(const Account& account, std::optional<AuditEvent> event);
+int64_t MarkSwitchingOff(const Account& account, std::optional<AuditEvent> event, const char* detail = "-");
+
+// By an administrator: marks the account as above and settles it. Whoever enrols anew begins anew: what was
+// tried is forgotten. Enrolment::Fault: it is marked and its sessions have ended, but the secret is not
+// removed yet. Throws DatabaseError.
+struct Reset {
+    int64_t sessionsEnded = 0;
+    EnrolmentState state;
+};
+Reset ResetSecondStep(const Account& account, const char* detail = "-");
 
 } // namespace tavr
