@@ -4,6 +4,8 @@
 #include "linux/verifier.h"
 #include "web/route.h"
 
+class OTPWizardHandler;
+
 namespace tavr::web
 {
 
@@ -32,5 +34,16 @@ Answer WizardConfirm(Call& call);
 Answer WizardMail(Call& call);
 Answer WizardStatus(Call& call);
 Answer WizardDisable(Call& call);
+
+// Empty when the password in the body is that of the session's account, which `handler` then keeps. Passwords
+// in a session have a counter of their own, which nobody outside can move.
+std::optional<Answer> RefusePassword(OTPWizardHandler& handler, const Call& call);
+
+// enforce.cpp
+Answer ShowOption(Call& call);
+Answer SaveOption(Call& call);
+Answer ListPicks(Call& call);
+Answer SavePicks(Call& call);
+Answer ResetOtp(Call& call);
 
 } // namespace tavr::web

@@ -43,6 +43,34 @@ bool IsIdentifier(std::string_view text)
            text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
 }
 
+int HexDigit(char c)
+{
+    const size_t at = std::string_view("0123456789abcdef").find(Lower(c));
+    return at == std::string_view::npos ? -1 : static_cast<int>(at);
+}
+
+// Of a query's name or value: "+" is a blank, "%" and two digits a byte.
+std::optional<std::string> Decode(std::string_view text)
+{
+    std::string decoded;
+    decoded.reserve(text.size());
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '%') {
+            decoded += text[i] == '+' ? ' ' : text[i];
+            continue;
+        }
+        const int high = i + 2 < text.size() ? HexDigit(text[i + 1]) : -1;
+        const int low = i + 2 < text.size() ? HexDigit(text[i + 2]) : -1;
+        if (high < 0 || low < 0) {
+            return std::nullopt;
+        }
+        decoded += static_cast<char>(high * 16 + low);
+        i += 2;
+    }
+    const bool plain = decoded.find('\0') == std::string::npos && IsUtf8(decoded);
+    return plain ? std::optional(std::move(decoded)) : std::nullopt;
+}
+
 bool HasForm(std::string_view text, Form form)
 {
     switch (form) {
@@ -103,6 +131,23 @@ bool OriginAllowed(const HttpRequest& request)
 bool IsJsonContentType(std::string_view contentType)
 {
     return EqualIgnoringCase(Trim(NextPart(contentType, ';')), "application/json");
+}
+
+std::optional<std::map<std::string, std::string>> ParseQuery(std::string_view query)
+{
+    std::map<std::string, std::string> parameters;
+    while (!query.empty()) {
+        std::string_view rest = NextPart(query, '&');
+        if (rest.empty()) {
+            continue;
+        }
+        const std::optional<std::string> name = Decode(NextPart(rest, '='));
+        std::optional<std::string> value = Decode(rest);
+        if (!name || !value || !parameters.emplace(*name, std::move(*value)).second) {
+            return std::nullopt;
+        }
+    }
+    return parameters;
 }
 
 std::optional<Json::Value> ParseBody(std::string_view body, std::span<const Member> members)

@@ -4,6 +4,7 @@
 
 #include "linux/untrusted_json.h"
 
+#include <map>
 #include <optional>
 #include <span>
 #include <string>
@@ -14,7 +15,8 @@ namespace tavr::web
 
 struct HttpRequest {
     std::string method;
-    std::string path; // without the query
+    std::string path;  // without the query
+    std::string query; // what stands behind the "?", as it came
     std::string contentType;
     std::string cookies;
     std::string token;     // X-Tavr-Token
@@ -34,6 +36,10 @@ std::string Cookie(std::string_view header, std::string_view name);
 bool OriginAllowed(const HttpRequest& request);
 
 bool IsJsonContentType(std::string_view contentType);
+
+// The parameters of a query by their names, decoded. Empty when one comes twice, an escape is broken, or a
+// text is no UTF-8 or holds a NUL.
+std::optional<std::map<std::string, std::string>> ParseQuery(std::string_view query);
 
 enum class Form {
     Text,

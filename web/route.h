@@ -35,6 +35,7 @@ enum Caller : unsigned {
     kCodePending = 2,      // half sign-in: second step missing
     kEnrolmentPending = 4, // half sign-in: demanded enrolment missing
     kSignedIn = 8,
+    kAdministrator = 16, // signed in, a member of the administrators
 };
 
 struct Call {

@@ -16,6 +16,9 @@ inline constexpr Member kAccountName = {"account_name", 64};
 inline constexpr Member kKey = {"key", 64, Form::Base32Key};
 inline constexpr Member kMail = {"mail", 254};
 
+inline constexpr Member kOption = {"option", 16};
+inline constexpr Member kType = {"type", 16};
+
 inline constexpr Member kSignIn[] = {kUser, kPassword};
 inline constexpr Member kSignInCode[] = {kCode};
 inline constexpr Member kQr[] = {kPassword, kAccountName};
@@ -24,6 +27,9 @@ inline constexpr Member kRenew[] = {kPassword, kCode, kAccountName};
 inline constexpr Member kConfirm[] = {kPassword, kCode};
 inline constexpr Member kSaveMail[] = {kPassword, kMail, kCodeIfEnrolled};
 inline constexpr Member kDisable[] = {kPassword, kCode};
+inline constexpr Member kSaveOption[] = {kOption};
+inline constexpr Member kSavePicks[] = {kType}; // and the array `settings`, which the handler looks at
+inline constexpr Member kReset[] = {kUser, kPassword};
 
 inline constexpr unsigned kPending = kCodePending | kEnrolmentPending;
 inline constexpr unsigned kSetup = kSignedIn | kEnrolmentPending;
@@ -53,6 +59,12 @@ inline constexpr Route kRoutes[] = {
     {"POST", "/api/otp/mail", kSetup, kToken, kNotSignedIn, kLargestBody, kSaveMail, WizardMail},
     {"POST", "/api/otp/disable", kSignedIn, kToken, kNotSignedIn, kLargestBody, kDisable, WizardDisable},
     {"GET", "/api/otp/status", kSetup, kNoToken, kNotSignedIn, 0, {}, WizardStatus},
+    {"GET", "/api/enforce/option", kAdministrator, kNoToken, kNotSignedIn, 0, {}, ShowOption},
+    {"POST", "/api/enforce/option", kAdministrator, kToken, kNotSignedIn, kLargestBody, kSaveOption,
+     SaveOption},
+    {"GET", "/api/enforce/list", kAdministrator, kNoToken, kNotSignedIn, 0, {}, ListPicks},
+    {"POST", "/api/enforce/set", kAdministrator, kToken, kNotSignedIn, kLargestBody, kSavePicks, SavePicks},
+    {"POST", "/api/admin/otp_reset", kAdministrator, kToken, kNotSignedIn, kLargestBody, kReset, ResetOtp},
 };
 
 } // namespace tavr::web

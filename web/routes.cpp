@@ -20,7 +20,7 @@ unsigned CallerOf(const Session& session)
 {
     switch (session.state) {
     case SessionState::Live:
-        return kSignedIn;
+        return session.account.isAdmin ? kSignedIn | kAdministrator : kSignedIn;
     case SessionState::CodeRequired:
         return kCodePending;
     case SessionState::EnrolmentRequired:
@@ -103,6 +103,9 @@ std::optional<Answer> RefuseCaller(const Route& route, Call& call)
     }
     if ((route.callers & kNobody) != 0) {
         return std::nullopt;
+    }
+    if (route.callers == kAdministrator && call.live) {
+        return Refusal(403, "not_admin");
     }
     return route.otherwise != nullptr ? Refusal(403, route.otherwise) : Refusal(401, "not_signed_in");
 }

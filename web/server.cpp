@@ -69,7 +69,10 @@ HttpRequest ReadRequest(const FCGX_Request& fcgi)
     HttpRequest request;
     request.method = Parameter(fcgi, "REQUEST_METHOD");
     request.path = Parameter(fcgi, "REQUEST_URI");
-    request.path.resize(std::min(request.path.size(), request.path.find('?')));
+    if (const size_t mark = request.path.find('?'); mark != std::string::npos) {
+        request.query = request.path.substr(mark + 1);
+        request.path.resize(mark);
+    }
     request.contentType = Parameter(fcgi, "CONTENT_TYPE");
     request.cookies = Parameter(fcgi, "HTTP_COOKIE");
     request.token = Parameter(fcgi, "HTTP_X_TAVR_TOKEN");

@@ -41,34 +41,6 @@ struct Step {
     std::optional<Answer> refusal;
 };
 
-// Passwords in a session have a counter of their own, which nobody outside can move.
-std::optional<Answer> RefusePassword(OTPWizardHandler& handler, const Call& call)
-{
-    const Request& request = CurrentRequest();
-    const Account& account = call.session->account;
-    const PasswordTry counted = CountRepeatedPassword(call.session->id);
-    if (counted.waitSeconds > 0) {
-        Audit(AuditEvent::PasswordThrottled, account, "session");
-        return Later(counted.waitSeconds);
-    }
-    const bool accepted = handler.AuthUserAccount(account.name.c_str(), call.Text("password"), false, true);
-    const bool right = accepted && request.passwordOf == account.uid;
-    if (right || request.fault != Fault::None) {
-        GiveBack(counted);
-    }
-    if (right) {
-        return std::nullopt;
-    }
-    if (request.fault != Fault::None) {
-        return Unavailable();
-    }
-    if (!request.passwordCompared) {
-        throw std::runtime_error("the password could not be compared");
-    }
-    Audit(AuditEvent::PasswordRefused, account, "session");
-    return Refusal(401, "bad_credentials");
-}
-
 // An enrolled account is served its secret and its changes only in a session that has seen a code: one that
 // was opened before the enrolment, and a half sign-in above all, knows the password alone.
 bool KnowsTooLittle(const Session& session, const EnrolmentState& state)
@@ -262,6 +234,33 @@ std::optional<Answer> RefuseMailWithoutCode(const Call& call, const Step& step)
 }
 
 } // namespace
+
+std::optional<Answer> RefusePassword(OTPWizardHandler& handler, const Call& call)
+{
+    const Request& request = CurrentRequest();
+    const Account& account = call.session->account;
+    const PasswordTry counted = CountRepeatedPassword(call.session->id);
+    if (counted.waitSeconds > 0) {
+        Audit(AuditEvent::PasswordThrottled, account, "session");
+        return Later(counted.waitSeconds);
+    }
+    const bool accepted = handler.AuthUserAccount(account.name.c_str(), call.Text("password"), false, true);
+    const bool right = accepted && request.passwordOf == account.uid;
+    if (right || request.fault != Fault::None) {
+        GiveBack(counted);
+    }
+    if (right) {
+        return std::nullopt;
+    }
+    if (request.fault != Fault::None) {
+        return Unavailable();
+    }
+    if (!request.passwordCompared) {
+        throw std::runtime_error("the password could not be compared");
+    }
+    Audit(AuditEvent::PasswordRefused, account, "session");
+    return Refusal(401, "bad_credentials");
+}
 
 Answer WizardQr(Call& call)
 {

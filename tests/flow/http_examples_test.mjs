@@ -14,7 +14,7 @@ oathtool() { command oathtool --now="@$(date +%s)" "$@"; }
 `;
 let server;
 before(async () => {
-  server = await startServer({ accounts: { alice: [] } });
+  server = await startServer({ accounts: { alice: [], admin: ["--admin"] } });
 });
 after(() => server?.stop());
 
@@ -26,7 +26,8 @@ test("the examples of doc/http-api.md print what they say", () => {
   assert.ok(expected.split("\n").length > 15);
 
   const result = spawnSync("bash", ["-eu", "-o", "pipefail", "-s"], { input: kClock + script, encoding: "utf8",
-    env: { ...process.env, base: server.url, user: "alice", password: server.passwords.alice } });
+    env: { ...process.env, base: server.url, user: "alice", password: server.passwords.alice,
+      admin: "admin", admin_password: server.passwords.admin } });
   assert.deepEqual([result.stderr, result.status], ["", 0]);
   assert.equal(result.stdout, expected);
 });

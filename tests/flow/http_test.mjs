@@ -36,12 +36,13 @@ describe("a request", () => {
     }
   });
 
-  test("with a wrong method is 405 and told the right one", async () => {
-    for (const { path, method: allow } of routes()) {
-      for (const method of ["GET", "POST", "PUT", "DELETE", "PATCH", "OPTIONS"].filter((m) => m !== allow)) {
+  test("with a wrong method is 405 and told the right ones", async () => {
+    for (const { path } of routes()) {
+      const allowed = routes().filter((route) => route.path === path).map(({ method }) => method);
+      for (const method of ["GET", "POST", "PUT", "DELETE", "PATCH", "OPTIONS"].filter((m) => !allowed.includes(m))) {
         const answer = await send(server.url, method, path, method === "GET" ? {} : { body: {} });
         assertRefused(answer, 405, "method_not_allowed", `${method} ${path}`);
-        assert.equal(answer.headers.allow, allow);
+        assert.equal(answer.headers.allow, allowed.join(", "));
       }
     }
   });

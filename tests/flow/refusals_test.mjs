@@ -16,8 +16,10 @@ const kMachineKey = "/etc/tavr/otp.key";
 const { server, visit } = await openStage(plain(["alice", "bob", "carol", "dave"]));
 const catalogue = JSON.parse(readFileSync(join(process.env.TEST_SOURCE, "web/pages/shared/messages/enu.json"), "utf8"));
 
-// The refusals that are about something else than signing in. Other flows meet them in the wizard and the settings.
-const kElsewhere = new Set(["label_too_long", "not_signed_in", "otp_enforced", "no_setup"]);
+// The refusals that are about something else than signing in. Other flows meet them in the wizard and the settings, and
+// as an administrator.
+const kElsewhere = new Set(["label_too_long", "not_signed_in", "otp_enforced", "no_setup", "not_admin", "enrol_first",
+  "no_such_user", "write_failed", "list_too_long", "directory_not_configured"]);
 const atSignIn = documentedErrors().filter(({ err }) => !kElsewhere.has(err));
 
 // --- in Chromium ---

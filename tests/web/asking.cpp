@@ -130,6 +130,7 @@ HttpRequest RequestOf(const char* method, const char* path, const Somebody& some
     HttpRequest http;
     http.method = method;
     http.path = path;
+    http.query = "type=local_user";
     http.contentType = "application/json";
     http.cookies = CookiesOf(somebody);
     http.token = somebody.token;
@@ -147,6 +148,9 @@ std::string FullBody(const Somebody& somebody)
     body["account_name"] = "a label";
     body["key"] = kSampleKey;
     body["mail"] = "somebody@home.example";
+    body["option"] = "custom";
+    body["type"] = "local_user";
+    body["settings"] = Json::Value(Json::arrayValue);
     return body.toStyledString();
 }
 

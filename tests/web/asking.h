@@ -42,7 +42,7 @@ std::string Enrol(const Account& account, int64_t usedStep = -2);
 std::string CodeNow(const Somebody& somebody);
 std::string Open(const Account& account, bool withCode); // a session's identifier
 
-// With somebody's cookies and token, and a body with every member that any route takes.
+// With somebody's cookies and token, and a query and a body with everything that any route takes.
 HttpRequest RequestOf(const char* method, const char* path, const Somebody& somebody);
 std::string FullBody(const Somebody& somebody);
 
