@@ -1,15 +1,21 @@
 // How much do the decision and the writer cost beyond the JSON library's own reading, parsing and writing of
 // the picks' file? With as many numbers in the file as there may be accounts; the account that is asked for
-// is in none of the lists, so every number is looked at.
+// is in none of the lists, so every number is looked at. And what do the lock and the look at the file add,
+// that our programs put around them?
 #include "bench/measure.h"
 #include "bench/service.h"
 #include "linux/accounts.h"
+#include "linux/policy_file.h"
 #include "linux/settings.h"
 #include "otp/OTPEnforceHandler.h"
 
 #include <json/json.h>
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdio>
+#include <optional>
 #include <string>
 
 namespace
@@ -70,12 +76,30 @@ Json::Value OneRow()
     return rows;
 }
 
-bool Measure(bench::Growth& growth, const char* type, int count)
+void Decide()
+{
+    bench::Demand(!OTPEnforceIsEnabled(kName), "nobody's number");
+}
+
+void Ask()
+{
+    bench::Demand(tavr::AskPolicy(OTPEnforceIsEnabled, kName) == std::optional(false), "nobody's number");
+}
+
+// A file with its copy, that was not changed just now.
+void WriteSettledFile(const std::string& text)
+{
+    WriteFile(text);
+    bench::Demand(tavr::PolicyReading().Usable(), "picks");
+    usleep(1'100'000);
+}
+
+template<typename Work>
+bool Measure(bench::Growth& growth, const char* type, int count, Work work)
 {
     const auto parse = [] { bench::Demand(Parse().isObject(), "object"); };
-    const auto decide = [] { bench::Demand(!OTPEnforceIsEnabled(kName), "nobody's number"); };
-    WriteFile(Picks(type, count));
-    return growth.Row(count, bench::InTurn(bench::RoundsFor(count), parse, decide), 1.25);
+    WriteSettledFile(Picks(type, count));
+    return growth.Row(count, bench::InTurn(bench::RoundsFor(count), parse, work), 1.25);
 }
 
 // One number goes and comes back.
@@ -88,6 +112,24 @@ bool MeasureWriter(bench::Growth& growth, int count)
     };
     WriteFile(Picks("local_user", count));
     return growth.Row(count, bench::InTurn(bench::RoundsFor(count), ParseAndWrite, change), 1.3);
+}
+
+// Likewise, durable, with the copy and the audit, against the library's writer alone.
+void MeasureSave(bench::Growth& growth, int count)
+{
+    Json::Value rows = OneRow();
+    const auto change = [&] {
+        bench::Demand(OTPEnforceCustomSettingSet("local_user", rows) == 0, "writer");
+        rows[0]["is_enforced"] = !rows[0]["is_enforced"].asBool();
+    };
+    const auto save = [&] {
+        tavr::PolicyWriting policy;
+        bench::Demand(policy.Usable(), "picks");
+        change();
+        bench::Demand(policy.Commit(nullptr), "commit");
+    };
+    WriteFile(Picks("local_user", count));
+    growth.Row(count, bench::InTurn(std::min(101, bench::RoundsFor(count)), change, save), 0);
 }
 
 } // namespace
@@ -111,18 +153,32 @@ int main()
         }
         met &= growth.Flat();
     }
+    WriteSettledFile(Picks("local_user", 1000));
+    const auto decide = [] { OTPEnforceIsEnabled(kName); };
+    const auto ask = [] { tavr::AskPolicy(OTPEnforceIsEnabled, kName); };
+    bench::Row("option admin, lock and look", bench::InTurn(301, decide, ask), 0);
     tavr::WriteSetting("otp_enforce_option", "custom");
     for (const char* type : {"local_user", "local_group"}) {
         bench::Growth growth(std::string("decision, ") + type);
         for (const int count : bench::kCounts) {
-            met &= Measure(growth, type, count);
+            met &= Measure(growth, type, count, Decide);
         }
         growth.Print();
     }
+    bench::Growth asked("lock, look and decision, local_user");
+    for (const int count : bench::kCounts) {
+        met &= Measure(asked, "local_user", count, Ask);
+    }
+    asked.Print();
     bench::Growth growth("writer, one row");
     for (const int count : bench::kCounts) {
         met &= MeasureWriter(growth, count);
     }
     growth.Print();
+    bench::Growth saved("lock, look, writer and copy, one row");
+    for (const int count : bench::kCounts) {
+        MeasureSave(saved, count);
+    }
+    saved.Print();
     return met ? 0 : 1;
 }

@@ -108,9 +108,15 @@ bool IsHalfWritten(const FileStamp& stamp, const std::string& text)
     return !complete && IsJustNow(stamp.modified);
 }
 
-const Kept& Current()
+Kept& LastRead()
 {
     static Kept kept;
+    return kept;
+}
+
+const Kept& Current()
+{
+    Kept& kept = LastRead();
     struct stat entry {
     };
     const bool isThere = stat(kSettingsFile, &entry) == 0;
@@ -223,7 +229,7 @@ std::string Setting(std::string_view key, std::string_view fallback)
 
 bool SettingsKnown()
 {
-    return Current().known;
+    return LastRead().known;
 }
 
 int64_t NumberSetting(std::string_view key, int64_t fallback, int64_t least, int64_t most)

@@ -19,8 +19,9 @@ std::string Setting(std::string_view key, std::string_view fallback);
 int64_t NumberSetting(std::string_view key, int64_t fallback, int64_t least,
                       int64_t most); // outside: fallback, logged once
 
-// Whether the values are those that stand in the file: false while it is absent, empty or cannot be read, and
-// while an editor may be writing it. Set-up makes it, so a file that is gone never means "nothing is set".
+// Whether the value that was asked for last is what stands in the file: false while that is absent, empty or
+// cannot be read, and while an editor may be writing it. Set-up makes the file, so one that is gone never
+// means "nothing is set".
 bool SettingsKnown();
 
 // Sets keys by a new file, synced and renamed into place inside /etc/tavr; lines that it does not know stay.
