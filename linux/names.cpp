@@ -105,9 +105,20 @@ bool IsNameCharacter(utf8proc_int32_t character)
     return IsVisible(*property) && (property->category != UTF8PROC_CATEGORY_ZS || character == ' ');
 }
 
+bool IsAscii(std::string_view text)
+{
+    return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
 // One spelling: usual width, composed, lower case.
 std::optional<std::string> Fold(std::string_view text)
 {
+    if (IsAscii(text)) { // like most names; comes to the same
+        std::string lower(text);
+        std::transform(lower.begin(), lower.end(), lower.begin(),
+                       [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+        return lower;
+    }
     std::string usual;
     const bool readable = ForEachCharacter(text, [&](utf8proc_int32_t character) {
         Append(usual, UsualWidth(character));

@@ -3,6 +3,7 @@
 #include <json/reader.h>
 #include <sodium.h>
 
+#include <algorithm>
 #include <memory>
 
 namespace tavr
@@ -53,14 +54,19 @@ Json::CharReader& StrictReader()
 
 bool IsUtf8(std::string_view text)
 {
-    while (!text.empty()) {
+    const auto isAscii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
+    for (;;) {
+        const auto* const other = std::find_if_not(text.begin(), text.end(), isAscii);
+        if (other == text.end()) {
+            return true;
+        }
+        text.remove_prefix(static_cast<size_t>(other - text.begin()));
         const size_t size = CharacterSize(text);
         if (size == 0) {
             return false;
         }
         text.remove_prefix(size);
     }
-    return true;
 }
 
 std::optional<Json::Value> ParseStrictObject(std::string_view text)
