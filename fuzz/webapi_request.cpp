@@ -35,10 +35,10 @@ void CheckRequest(std::string_view text)
         return;
     }
     Require(request.params.isObject() && request.params["version"].asInt() == request.version);
-    Require(TextArgument(request.params, "api") == request.api);
+    Require(tavr::TextMember(request.params, "api") == request.api);
     Require(request.runner.find('\0') == std::string::npos && tavr::IsUtf8(request.runner));
     for (const std::string& name : request.params.getMemberNames()) {
-        const auto value = TextArgument(request.params, name);
+        const auto value = tavr::TextMember(request.params, name);
         Require(!value || (value->find('\0') == std::string::npos && tavr::IsUtf8(*value)));
     }
 }

@@ -27,12 +27,12 @@ struct Tools {
 class Reply
 {
 public:
-    using Send = std::function<void(const Json::Value& answer)>;
+    using Send = std::function<void(const std::string& answer)>;
     explicit Reply(Send send) : send_(std::move(send)) {}
 
-    void Data(Json::Value data) const { send_(Success(std::move(data))); }
-    void Refuse(Code code) const { send_(Refusal(code)); }
-    void Refuse(const Json::Value& refusal) const { send_(refusal); } // a Refusal() with members of its own
+    // Texts of JSON objects (request.h).
+    void Data(std::string_view data) const { send_(Success(data)); }
+    void Refuse(Code code, std::string_view members = "{}") const { send_(Refusal(code, members)); }
 
 private:
     Send send_;

@@ -5,6 +5,7 @@
 #include "linux/names.h"
 #include "linux/settings.h"
 #include "linux/untrusted_json.h"
+#include "platform/json.h"
 #include "webapi/transfers.h"
 
 #include <sodium.h>
@@ -22,13 +23,13 @@ namespace
 constexpr size_t kLongestAppText = 200; // app_name, app_title
 constexpr size_t kLongestPassword = kMaxPassword;
 
-// Refused with these words for people.
-Json::Value Explained(Code code, int reply, const std::string& text)
+// What a server said, or what went wrong, for people.
+std::string Said(int reply, const std::string& text)
 {
-    Json::Value refusal = Refusal(code);
-    refusal["error"]["reply"] = reply;
-    refusal["error"]["text"] = text;
-    return refusal;
+    Json::Value said;
+    said["reply"] = reply;
+    said["text"] = text;
+    return JsonToString(said);
 }
 
 // The text of a JSON array that holds one text.
@@ -107,14 +108,6 @@ Described DescribedServer(const Json::Value& params)
     return described;
 }
 
-Json::Value Said(const MailOutcome& outcome)
-{
-    Json::Value data;
-    data["reply"] = outcome.reply;
-    data["text"] = outcome.text;
-    return data;
-}
-
 } // namespace
 
 void SendAndAnswer(const MailServer& server, const Mail& mail, const Reply& reply, Tools& tools)
@@ -128,7 +121,7 @@ void SendAndAnswer(const MailServer& server, const Mail& mail, const Reply& repl
         transfer->sender = std::make_unique<MailSender>(server);
         transfer->sender->Load(mail);
     } catch (const std::invalid_argument& error) {
-        reply.Refuse(Explained(Code::BadArgument, 0, error.what()));
+        reply.Refuse(Code::BadArgument, Said(0, error.what()));
         return;
     }
     const auto send = [transfer] {
@@ -137,12 +130,12 @@ void SendAndAnswer(const MailServer& server, const Mail& mail, const Reply& repl
     };
     tools.transfers.Start(send, [transfer, reply] {
         const MailOutcome& outcome = transfer->outcome;
+        const std::string said = Said(outcome.reply, outcome.text);
         if (outcome.delivery == Delivery::Sent) {
-            reply.Data(Said(outcome));
+            reply.Data(said);
         } else {
             const bool refused = outcome.delivery == Delivery::Refused;
-            reply.Refuse(
-                Explained(refused ? Code::MailRefused : Code::MailNotSent, outcome.reply, outcome.text));
+            reply.Refuse(refused ? Code::MailRefused : Code::MailNotSent, said);
         }
     });
 }
@@ -217,7 +210,7 @@ void TestPersonalMail(const Request& request, const Reply& reply, Tools& tools)
     }
     const Described described = DescribedServer(request.params);
     if (described.problem != nullptr) {
-        reply.Refuse(Explained(Code::BadArgument, 0, described.problem));
+        reply.Refuse(Code::BadArgument, Said(0, described.problem));
         return;
     }
     SendAndAnswer(described.account.server, mail, reply, tools);

@@ -1,8 +1,6 @@
 #include "webapi/request.h"
 
 #include "linux/untrusted_json.h"
-#include "platform/json.h"
-
 #include <sodium.h>
 
 #include <algorithm>
@@ -33,11 +31,28 @@ size_t CountValues(std::string_view json)
     return count;
 }
 
-bool IsCall(const Json::Value& object)
+// What the object asks for. False: it asks for nothing.
+bool ReadCall(Json::Value& object, Request& request)
 {
-    const Json::Value& params = object["params"];
-    return params.isObject() && TextMember(params, "api") && TextMember(params, "method") &&
-           params["version"].isInt();
+    Json::Value& params = object["params"];
+    if (!params.isObject()) {
+        return false;
+    }
+    const auto api = TextMember(params, "api");
+    const auto method = TextMember(params, "method");
+    const Json::Value& version = params["version"];
+    if (!api || !method || !version.isInt()) {
+        return false;
+    }
+    request.api = *api;
+    request.method = *method;
+    request.version = version.asInt();
+    const Json::Value& runner = object["runner"];
+    if (runner.isObject()) {
+        request.runner = TextMember(runner, "username").value_or("");
+    }
+    request.params.swap(params);
+    return true;
 }
 
 } // namespace
@@ -77,47 +92,30 @@ Code ParseRequest(std::string_view text, Request& request)
     if (!object) {
         return Code::Malformed;
     }
-    if (!IsCall(*object)) {
-        Wipe(*object);
-        return Code::Malformed;
-    }
-    request.params = std::move((*object)["params"]);
-    request.api = *TextArgument(request.params, "api");
-    request.method = *TextArgument(request.params, "method");
-    request.version = request.params["version"].asInt();
-    const Json::Value& runner = (*object)["runner"];
-    request.runner = runner.isObject() ? TextArgument(runner, "username").value_or("") : "";
+    const bool isCall = ReadCall(*object, request);
     Wipe(*object);
-    return Code::None;
+    return isCall ? Code::None : Code::Malformed;
 }
 
-std::optional<std::string> TextArgument(const Json::Value& params, std::string_view name)
+std::string Success(std::string_view data)
 {
-    const std::optional<std::string_view> text = TextMember(params, name);
-    return text ? std::optional<std::string>(*text) : std::nullopt;
+    return std::string(R"({"data":)").append(data).append(R"(,"success":true})");
 }
 
-Json::Value Success(Json::Value data)
+std::string Refusal(Code code, std::string_view members)
 {
-    Json::Value answer;
-    answer["success"] = true;
-    answer["data"] = std::move(data);
-    return answer;
+    members = members.substr(1); // behind its bracket
+    return std::string(R"({"error":{"code":)")
+        .append(std::to_string(static_cast<int>(code)))
+        .append(members == "}" ? "" : ",")
+        .append(members)
+        .append(R"(,"success":false})");
 }
 
-Json::Value Refusal(Code code)
+std::string ToMessage(std::string_view answer)
 {
-    Json::Value answer;
-    answer["success"] = false;
-    answer["error"]["code"] = static_cast<int>(code);
-    return answer;
-}
-
-std::string ToMessage(const Json::Value& answer)
-{
-    const std::string text = JsonToString(answer);
-    const FrameHead head = MakeFrameHead(text.size());
-    return std::string(head.data(), head.size()) + text;
+    const FrameHead head = MakeFrameHead(answer.size());
+    return std::string(head.data(), head.size()).append(answer);
 }
 
 } // namespace tavr::webapi

@@ -6,7 +6,6 @@
 
 #include <json/value.h>
 
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -68,13 +67,12 @@ struct Request {
 // Code::None, or why there is no request in it.
 Code ParseRequest(std::string_view text, Request& request);
 
-// A text that a call takes. Empty when it is missing or no text.
-std::optional<std::string> TextArgument(const Json::Value& params, std::string_view name);
-
-Json::Value Success(Json::Value data);
-Json::Value Refusal(Code code);
+// Answers, as texts. `data` is the text of a JSON object, and so is `members`, if any: what the error says
+// besides the code.
+std::string Success(std::string_view data);
+std::string Refusal(Code code, std::string_view members = "{}");
 
 // Framed, ready to be sent.
-std::string ToMessage(const Json::Value& answer);
+std::string ToMessage(std::string_view answer);
 
 } // namespace tavr::webapi

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <utility>
 
 namespace tavr::webapi
 {
@@ -150,14 +151,11 @@ void Server::Read(Place place)
 
 void Server::Call(Place place)
 {
-    if (place->registered) {
-        Register(epoll_, EPOLL_CTL_DEL, place->socket.Get(), place->id, 0);
-    }
     place->called = true;
     place->deadline = BootSeconds() + kCallSeconds;
     calling_.splice(calling_.end(), asking_, place);
     const uint64_t id = place->id; // the place may be gone when the call returns
-    const Reply reply([this, id](const Json::Value& answer) { Answer(id, answer); });
+    const Reply reply([this, id](const std::string& answer) { Answer(id, answer); });
     if (calling_.size() > kMostCalls) {
         reply.Refuse(Code::Busy);
         return;
@@ -171,9 +169,19 @@ void Server::Call(Place place)
         return;
     }
     RunCall(request, reply, tools_);
+    StopWaitingFor(id);
 }
 
-void Server::Answer(uint64_t id, const Json::Value& answer)
+// Nothing that a caller does from now on matters. One who has been answered is gone.
+void Server::StopWaitingFor(uint64_t id)
+{
+    const auto found = places_.find(id);
+    if (found != places_.end() && std::exchange(found->second->registered, false)) {
+        Register(epoll_, EPOLL_CTL_DEL, found->second->socket.Get(), id, 0);
+    }
+}
+
+void Server::Answer(uint64_t id, const std::string& answer)
 {
     const auto found = places_.find(id);
     if (found != places_.end()) {

@@ -57,7 +57,8 @@ private:
     void Take(Descriptor socket);
     void Read(Place place);
     void Call(Place place);
-    void Answer(uint64_t id, const Json::Value& answer);
+    void StopWaitingFor(uint64_t id);
+    void Answer(uint64_t id, const std::string& answer);
     void WaitFor(Place place);
     void Drop(Place place);
     bool DropLongestAsking();

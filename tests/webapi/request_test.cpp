@@ -1,6 +1,8 @@
 // Requests as callers may send them: framed, in any pieces, and not at all as they should be.
 #include "webapi/request.h"
 
+#include "linux/untrusted_json.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -125,10 +127,10 @@ TEST(ParseRequest, GivesTheCallItsArgumentsAndTheRunner)
     EXPECT_EQ("m", request.method);
     EXPECT_EQ(2, request.version);
     EXPECT_EQ("alice", request.runner);
-    EXPECT_EQ("[\"x\"]", TextArgument(request.params, "to"));
-    EXPECT_EQ("\xC3\xA9", TextArgument(request.params, "u"));
-    EXPECT_FALSE(TextArgument(request.params, "n"));
-    EXPECT_FALSE(TextArgument(request.params, "absent"));
+    EXPECT_EQ("[\"x\"]", TextMember(request.params, "to"));
+    EXPECT_EQ("\xC3\xA9", TextMember(request.params, "u"));
+    EXPECT_FALSE(TextMember(request.params, "n"));
+    EXPECT_FALSE(TextMember(request.params, "absent"));
 }
 
 TEST(ParseRequest, LeavesTheRunnerEmptyWhereNoneIsNamed)
@@ -146,12 +148,12 @@ TEST(ParseRequest, LeavesTheRunnerEmptyWhereNoneIsNamed)
 
 TEST(Answers, HaveTheirForms)
 {
-    Json::Value data;
-    data["email"] = "\xC3\xA9@home.example";
-    EXPECT_EQ(Bytes("\0\0\0\x37", 4) + R"({"data":{"email":"\u00e9@home.example"},"success":true})",
-              ToMessage(Success(data)));
+    EXPECT_EQ(Bytes("\0\0\0\x1a", 4) + R"({"data":{},"success":true})", ToMessage(Success("{}")));
+    EXPECT_EQ(R"({"data":{"uid":7},"success":true})", Success(R"({"uid":7})"));
     EXPECT_EQ(Bytes("\0\0\0\x25", 4) + R"({"error":{"code":20},"success":false})",
               ToMessage(Refusal(Code::NoAccount)));
+    EXPECT_EQ(R"({"error":{"code":31,"reply":550,"text":"no"},"success":false})",
+              Refusal(Code::MailRefused, R"({"reply":550,"text":"no"})"));
 }
 
 } // namespace
