@@ -13,9 +13,9 @@
 namespace tavr
 {
 
-void Misuse(const char* text)
+void Misuse(const std::string& text)
 {
-    std::fprintf(stderr, "%s: %s (see --help)\n", program_invocation_short_name, text);
+    std::fprintf(stderr, "%s: %s (see --help)\n", program_invocation_short_name, text.c_str());
     std::exit(2);
 }
 

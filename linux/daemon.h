@@ -7,7 +7,7 @@ namespace tavr
 {
 
 // Tell it on standard error under the program's name, and end with status 2 or 1.
-[[noreturn]] void Misuse(const char* text);
+[[noreturn]] void Misuse(const std::string& text);
 [[noreturn]] void Die(const std::string& text);
 
 // Descriptors 0 to 2 are never sockets or databases; core files are never written; new files are the owner's

@@ -37,6 +37,7 @@ using std::chrono::milliseconds;
 constexpr char kDefaultSocket[] = "/run/tavr/otp-web.sock";
 constexpr char kWebServerGroup[] = "www-data";
 constexpr int kMostWorkers = 64;
+constexpr int kMostMemory = 1024;         // MiB
 constexpr milliseconds kGrace{1900};      // for requests that run when the end comes
 constexpr milliseconds kLongEnough{1000}; // a worker that lived so long has not failed at its start
 constexpr milliseconds kFirstDelay{100};
@@ -46,6 +47,7 @@ constexpr char kUsage[] = R"(Usage: tavr-otp-web [OPTION]...
 Serves two-step sign-in under /api/ to a web server, over FastCGI.
 
   --workers N      worker processes, 1 to 64 (default 2)
+  --memory MIB     a worker that holds more when a request is over is replaced, 1 to 1024 (default 64)
   --socket PATH    listening socket (default /run/tavr/otp-web.sock)
   --help           this text
   --version        the version
@@ -55,6 +57,7 @@ Starts as root; the workers run as tavr-web. Ends with SIGTERM. See tavr-otp-web
 
 struct Options {
     int workers = 2;
+    int memory = 64; // MiB
     std::string socket = kDefaultSocket;
 };
 
@@ -65,28 +68,30 @@ struct Worker {
     milliseconds delay{0};  // after the next failed start
 };
 
-int ReadWorkers(std::string_view text)
+int ReadNumber(const char* option, std::string_view text, int most)
 {
     int number = 0;
     const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || stop != text.data() + text.size() || number < 1 || number > kMostWorkers) {
-        tavr::Misuse("--workers takes a number from 1 to 64");
+    if (error != std::errc() || stop != text.data() + text.size() || number < 1 || number > most) {
+        tavr::Misuse(std::string(option) + " takes a number from 1 to " + std::to_string(most));
     }
     return number;
 }
 
 Options ReadOptions(int argc, char** argv)
 {
-    static constexpr option kOptions[] = {{"workers", required_argument, nullptr, 'w'},
-                                          {"socket", required_argument, nullptr, 's'},
-                                          {"help", no_argument, nullptr, 'h'},
-                                          {"version", no_argument, nullptr, 'v'},
-                                          {}};
+    static constexpr option kOptions[] = {
+        {"workers", required_argument, nullptr, 'w'}, {"memory", required_argument, nullptr, 'm'},
+        {"socket", required_argument, nullptr, 's'},  {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'v'},       {}};
     Options options;
     for (int c = 0; (c = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
         switch (c) {
         case 'w':
-            options.workers = ReadWorkers(optarg);
+            options.workers = ReadNumber("--workers", optarg, kMostWorkers);
+            break;
+        case 'm':
+            options.memory = ReadNumber("--memory", optarg, kMostMemory);
             break;
         case 's':
             options.socket = optarg;
@@ -131,7 +136,7 @@ bool TakeIds(const passwd& service)
            setresuid(service.pw_uid, service.pw_uid, 0) == 0 && prctl(PR_SET_DUMPABLE, 0) == 0;
 }
 
-void StartWorker(Worker& worker, int listener, const passwd& service, tavr::web::Start start)
+void StartWorker(Worker& worker, const tavr::web::Serving& serving, const passwd& service)
 {
     worker.started = Clock::now();
     worker.pid = fork();
@@ -142,7 +147,7 @@ void StartWorker(Worker& worker, int listener, const passwd& service, tavr::web:
         syslog(LOG_AUTH | LOG_CRIT, "a worker cannot give up root: %m");
         _exit(70);
     }
-    std::exit(tavr::web::ServeRequests(listener, start));
+    std::exit(tavr::web::ServeRequests(serving));
 }
 
 void PutOff(Worker& worker)
@@ -164,7 +169,9 @@ void Reap(std::vector<Worker>& workers, bool expected)
             continue;
         }
         if (!expected) {
-            syslog(LOG_ERR, "worker %d ended (%s %d)", pid, WIFSIGNALED(status) ? "signal" : "status",
+            const bool byItself = WIFEXITED(status) && WEXITSTATUS(status) == 0; // and has said why
+            syslog(byItself ? LOG_NOTICE : LOG_ERR, "worker %d ended (%s %d)", pid,
+                   WIFSIGNALED(status) ? "signal" : "status",
                    WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status));
         }
         PutOff(*worker);
@@ -183,15 +190,15 @@ milliseconds Until(Clock::time_point then)
     return std::chrono::ceil<milliseconds>(then - Clock::now());
 }
 
-void KeepRunning(std::vector<Worker>& workers, int listener, const passwd& service, const sigset_t& signals)
+void KeepRunning(std::vector<Worker>& workers, tavr::web::Serving serving, const passwd& service,
+                 const sigset_t& signals)
 {
-    auto start = tavr::web::Start::First;
     for (int signal = 0; signal != SIGTERM && signal != SIGINT;) {
         milliseconds longest = std::chrono::hours(1);
         for (Worker& worker : workers) {
             if (worker.pid == 0 && worker.next <= Clock::now()) {
-                StartWorker(worker, listener, service, start);
-                start = tavr::web::Start::Again;
+                StartWorker(worker, serving, service);
+                serving.start = tavr::web::Start::Again;
                 if (worker.pid < 0) {
                     syslog(LOG_ERR, "cannot start a worker: %m");
                     PutOff(worker);
@@ -258,7 +265,8 @@ int main(int argc, char** argv)
         tavr::Die(std::string("cannot make a file in memory: ") + std::strerror(errno));
     }
     std::vector<Worker> workers(static_cast<size_t>(options.workers));
-    KeepRunning(workers, listener.Get(), service, signals);
+    const size_t mostMemory = static_cast<size_t>(options.memory) * 1024 * 1024;
+    KeepRunning(workers, {listener.Get(), tavr::web::Start::First, mostMemory}, service, signals);
     listener = tavr::Descriptor();
     unlink(options.socket.c_str());
     End(workers, signals);

@@ -11,6 +11,7 @@
 
 #include <fcgiapp.h>
 #include <json/writer.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sodium.h>
 #include <sys/prctl.h>
@@ -266,9 +267,21 @@ void OpenDatabasesAtStart(Start start)
     }
 }
 
+// What malloc has of the system. What a large answer took is mostly given back by itself; what is not, as
+// small pieces in between are still in use, would stay for the life of the worker.
+bool HoldsMoreThan(size_t bytes)
+{
+    const struct mallinfo2 memory = mallinfo2();
+    const size_t held = memory.arena + memory.hblkhd;
+    if (held > bytes) {
+        syslog(LOG_NOTICE, "a worker holds %zu KiB after a request, and is replaced", held / 1024);
+    }
+    return held > bytes;
+}
+
 } // namespace
 
-int ServeRequests(int listener, Start start)
+int ServeRequests(const Serving& serving)
 {
     struct sigaction onTerm = {};
     onTerm.sa_handler = [](int) { stopping = 1; };
@@ -277,18 +290,21 @@ int ServeRequests(int listener, Start start)
     const pid_t parent = getppid();
     const Ids ids = ReadIds();
     StartRequest();
-    OpenDatabasesAtStart(start);
+    OpenDatabasesAtStart(serving.start);
 
     FCGX_Init();
     FCGX_Request fcgi;
-    FCGX_InitRequest(&fcgi, listener, FCGI_FAIL_ACCEPT_ON_INTR);
-    while (WaitForConnection(listener, parent)) {
+    FCGX_InitRequest(&fcgi, serving.listener, FCGI_FAIL_ACCEPT_ON_INTR);
+    while (WaitForConnection(serving.listener, parent)) {
         const int accepted = FCGX_Accept_r(&fcgi);
         if (accepted == 0) {
             ServeOne(fcgi, ids);
             FCGX_Finish_r(&fcgi); // the answer is out: nobody waits for what follows
             QueueNotices();
-            StartRequest();               // nothing of this one stays until the next one comes
+            StartRequest(); // nothing of this one stays until the next one comes
+            if (HoldsMoreThan(serving.mostMemory)) {
+                break;
+            }
         } else if (accepted != -EAGAIN) { // EAGAIN: nobody came, or another worker was faster
             syslog(LOG_ERR, "cannot accept a connection: %s", std::strerror(-accepted));
             poll(nullptr, 0, 100);

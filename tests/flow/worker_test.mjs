@@ -211,6 +211,7 @@ describe("the program", () => {
   test("refuses wrong options, a socket in use and whoever is not root", () => {
     const call = (...args) => spawnSync("tavr-otp-web", args, { encoding: "utf8" });
     for (const args of [["--workers", "0"], ["--workers", "65"], ["--workers", "2x"], ["--workers", ""], ["--wrong"], ["x"],
+      ["--memory", "0"], ["--memory", "1025"], ["--memory", "1M"],
       ["--socket", ""], ["--socket", `/${"x".repeat(108)}`]]) {
       assert.equal(call(...args).status, 2, args.join(" "));
     }
