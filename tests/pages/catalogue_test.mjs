@@ -11,6 +11,8 @@ const source = dirname(dirname(dirname(fileURLToPath(import.meta.url))));
 const pages = join(source, "web/pages");
 const messages = join(pages, "shared/messages");
 
+const kMarkup = ["admin/index.html", "signin/index.html", "settings/index.html", "shared/wizard.html", "shared/fields.html"];
+
 const read = (path) => readFileSync(path, "utf8");
 const all = (pattern, text) => [...text.matchAll(pattern)].map((match) => match[1]);
 const filesIn = (folder, ends) => readdirSync(folder).filter((name) => name.endsWith(ends)).map((name) => join(folder, name));
@@ -20,12 +22,12 @@ const keysOf = (texts) => Object.entries(texts).flatMap(([section, entries]) =>
   Object.keys(entries).map((key) => `${section}:${key}`));
 
 function usedInPages() {
-  const folders = ["signin", "settings", "shared"].map((name) => join(pages, name));
+  const folders = ["admin", "signin", "settings", "shared"].map((name) => join(pages, name));
   const markup = folders.flatMap((folder) => filesIn(folder, ".html")).map(read).join("\n");
   const scripts = folders.flatMap((folder) => filesIn(folder, ".js")).map(read).join("\n");
   return [
     ...all(/data-(?:text|label)="([^"]+)"/g, markup),
-    ...all(/"((?:common|signin|wizard|settings|web|personal_settings):[a-z0-9_]+)"/g, scripts),
+    ...all(/"((?:common|signin|wizard|settings|admin|web|personal_settings):[a-z0-9_]+)"/g, scripts),
     ...all(/err: "([a-z_]+)"/g, scripts).map((key) => `web:${key}`),
   ];
 }
@@ -90,7 +92,7 @@ test("all languages of the list have the same keys and placeholders", () => {
 });
 
 test("markup holds no text of its own but what is needed without scripts or catalogue", () => {
-  for (const name of ["signin/index.html", "settings/index.html", "shared/wizard.html"]) {
+  for (const name of kMarkup) {
     const text = read(join(pages, name))
       .replace(/<noscript>.*?<\/noscript>|<p id="not-loaded".*?<\/p>|<title>.*?<\/title>|<!doctype[^>]*>/gs, "")
       .replace(/<[^>]*>/g, "").trim();
@@ -99,7 +101,7 @@ test("markup holds no text of its own but what is needed without scripts or cata
 });
 
 test("no inline script, style or handler, which the security policy would refuse", () => {
-  for (const name of ["signin/index.html", "settings/index.html", "shared/wizard.html"]) {
+  for (const name of kMarkup) {
     const markup = read(join(pages, name));
     assert.doesNotMatch(markup, /<style|\sstyle=|\son[a-z]+=|<script(?![^>]*\ssrc=)|javascript:/i, name);
   }

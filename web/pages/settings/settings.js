@@ -1,6 +1,6 @@
 // A user's own page: how two-step sign-in stands, the setup wizard, a new phone, the recovery address, switching off,
 // sign-out.
-import { get, post, rememberSignedIn, secondsSinceAnswer } from "/shared/api.js";
+import { get, post } from "/shared/api.js";
 import {
   byId, clearFieldError, hidePasswords, onSubmit, readCode, reloadWhenRestored, setTitle, showFieldError, showMessage,
   wirePasswordButtons,
@@ -8,18 +8,14 @@ import {
 import { buildFields } from "/shared/fields.js";
 import { errorText, fillTexts, loadMessages, text } from "/shared/messages.js";
 import { endWait, showRefusal } from "/shared/refusals.js";
-import { openWizard, otherTabs, reloadedNote, wizardInHistory } from "/shared/wizard.js";
-
-const kEnded = new Set(["not_signed_in", "no_pending_signin"]);
-const kGone = new Set([...kEnded, "other_session"]);
+import { findSession, isGone, otherTabs, toSignin, watchSession } from "/shared/session.js";
+import { openWizard, reloadedNote, wizardInHistory } from "/shared/wizard.js";
 
 const kTitles = { setup: "wizard:title", renew: "settings:new_phone", show: "settings:show_again" };
 const kChanged = { setup: "settings:note_on", renew: "settings:note_renewed" };
 
 let user = "";
 let wizard = null;
-let endTimer = 0;
-let endsUnasked = 0;   // when the session would end by itself, had nothing put that off since it was asked for
 
 start().catch(() => { byId("not-loaded").hidden = false; });
 
@@ -29,7 +25,7 @@ async function start() {
   setTitle(text("settings:title"));
   wirePasswordButtons(document);
   reloadWhenRestored();
-  byId("sign-out").addEventListener("click", signOut);
+  watchSession({ leaving: () => wizard?.forget(), failed: showNoSession });
   byId("start").addEventListener("click", () => setUp("setup"));
   byId("new-phone").addEventListener("click", () => setUp("renew"));
   byId("show-again").addEventListener("click", () => setUp("show"));
@@ -42,10 +38,13 @@ async function start() {
   onSubmit(byId("off-form"), submitOff);
   otherTabs.addEventListener("message", (event) => heardFromTab(event.data));
 
-  if (!await checkSession()) {
+  const session = await findSession();
+  if (!session) {
     return;
   }
   byId("content").hidden = false;
+  user = session.user;
+  byId("to-admin").hidden = !session.is_admin;
   const status = await showStatus();
   const purpose = wizardInHistory();
   const goesOn = purpose === (status?.enrolled ? "renew" : "setup") && history.state.step !== "done";
@@ -56,68 +55,15 @@ async function start() {
   }
 }
 
-// --- the session ---
-
-async function checkSession() {
-  const session = await get("/api/session");
-  if (session.success) {
-    user = session.user;
-    byId("user").textContent = text("settings:signed_in_as", { user });
-    byId("who").hidden = false;
-    rememberSignedIn(true);
-    endsUnasked = Date.now() + session.expires_in * 1000;
-    watchForEnd(session.expires_in);
-    return true;
-  }
-  if (session.status === 401) {
-    toSignin("not_signed_in");
-  } else {
-    byId("content").hidden = false;
-    byId("overview").hidden = false;
-    byId("state").hidden = true;
-    byId("retry").hidden = false;
-    showMessage(errorText(session));
-  }
-  return false;
-}
-
-// A page left open shows nothing of a session that has ended. Asking would put off the end of one that has not, so
-// it asks only when nothing has done so for as long as a session lasts.
-function watchForEnd(lifetime) {
-  clearTimeout(endTimer);
-  const left = lifetime + 2 - secondsSinceAnswer();
-  if (left <= 0) {
-    checkSession();
-  } else {
-    endTimer = setTimeout(() => watchForEnd(lifetime), left * 1000);
-  }
-}
-
-function toSignin(reason) {
-  wizard?.forget();
-  rememberSignedIn(false);
-  location.replace(`/#${kEnded.has(reason) ? howItEnded() : reason}`);
-}
-
-// A session that is gone before its time was ended by somebody.
-function howItEnded() {
-  return user && Date.now() < endsUnasked ? "ended_elsewhere" : "ended";
-}
-
-async function signOut() {
-  const answer = await post("/api/signout", {});
-  if (!answer.success && answer.status !== 401) {
-    showMessage(errorText(answer));
-    return;
-  }
-  otherTabs.postMessage({ what: "signed-out", user });
-  toSignin("signed_out");
+function showNoSession() {
+  byId("content").hidden = false;
+  byId("overview").hidden = false;
+  byId("state").hidden = true;
+  byId("retry").hidden = false;
 }
 
 function heardFromTab({ what, user: other }) {
-  if (what === "signed-out") {
-    toSignin("signed_out");
-  } else if ((what === "enrolled" || what === "switched-off") && other === user && !wizard) {
+  if ((what === "enrolled" || what === "switched-off") && other === user && !wizard) {
     showStatus();
   }
 }
@@ -126,7 +72,7 @@ function heardFromTab({ what, user: other }) {
 
 async function showStatus() {
   const status = await get("/api/otp/status");
-  if (kGone.has(status.err)) {
+  if (isGone(status)) {
     toSignin(status.err);
     return null;
   }
@@ -176,7 +122,7 @@ async function backToOverview(note) {
   heading.focus();
   if (note) {
     showMessage(note, "note");
-    await checkSession();
+    await findSession();
   }
 }
 
@@ -219,7 +165,7 @@ function readProof(name) {
 }
 
 function formRefused(answer, name, other) {
-  if (kGone.has(answer.err)) {
+  if (isGone(answer)) {
     toSignin(answer.err);
   } else {
     showRefusal(answer, { password: byId(`${name}-password`), code: byId(`${name}-code`), other });

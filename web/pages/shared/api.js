@@ -8,7 +8,8 @@ let token = "";
 let account = "";   // whom the token belongs to
 let lastAnswer = 0;
 
-export const get = (path) => call("GET", path);
+// `signal` gives an answer up that nobody waits for any more; it then counts as one that did not come.
+export const get = (path, signal) => call("GET", path, undefined, signal);
 export const post = (path, body) => call("POST", path, body);
 
 // Seconds since the server last answered, and so since it last put off the end of an idle session.
@@ -36,8 +37,8 @@ export function rememberSignedIn(signedIn) {
   }
 }
 
-async function call(method, path, body) {
-  const answer = await send(method, path, body);
+async function call(method, path, body, signal) {
+  const answer = await send(method, path, body, signal);
   if (answer.err !== "bad_token" || path === "/api/session") {
     return answer;
   }
@@ -50,8 +51,11 @@ async function call(method, path, body) {
   return send(method, path, body);
 }
 
-async function send(method, path, body) {
-  const request = { method, headers: {}, cache: "no-store", redirect: "error", signal: AbortSignal.timeout(kTimeoutMs) };
+async function send(method, path, body, signal) {
+  const ends = new AbortController();
+  const timer = setTimeout(() => ends.abort(), kTimeoutMs);
+  signal?.addEventListener("abort", () => ends.abort());
+  const request = { method, headers: {}, cache: "no-store", redirect: "error", signal: ends.signal };
   if (body !== undefined) {
     request.headers["Content-Type"] = "application/json";
     request.body = JSON.stringify(body);
@@ -68,6 +72,8 @@ async function send(method, path, body) {
     return response
       ? { status: response.status, success: false, err: "internal", retryAfter: 0 }
       : { status: 0, success: false, err: "unreachable", retryAfter: 0 };
+  } finally {
+    clearTimeout(timer);
   }
   lastAnswer = performance.now();
   if (members.TavrToken) {

@@ -6,7 +6,7 @@ export async function buildFields(root) {
   const markup = await (await fetch("/shared/fields.html")).text();
   const templates = new DOMParser().parseFromString(markup, "text/html");
   for (const place of root.querySelectorAll("[data-field]")) {
-    const { field, id, text: label } = place.dataset;
+    const { field, id, text: label = "common:password" } = place.dataset;
     const hinted = root.querySelector(`#${id}-hint`) !== null;
     const holder = document.createElement("div");
     holder.innerHTML = templates.getElementById(field).innerHTML.replaceAll("{id}", id).replaceAll("{label}", label);

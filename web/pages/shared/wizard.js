@@ -10,6 +10,7 @@ import {
 } from "./dom.js";
 import { buildFields } from "./fields.js";
 import { endWait, showRefusal } from "./refusals.js";
+import { isGone, otherTabs } from "./session.js";
 import {
   copyText, cutToBytes, groupKey, isWholePng, kLabelBytes, labelFor, qrPixels, utf8Length,
 } from "./wizard_parts.js";
@@ -45,16 +46,12 @@ const kPurposes = {
     passwordHint: "wizard:password_hint_show",
   },
 };
-const kGone = new Set(["not_signed_in", "no_pending_signin", "other_session"]);
 const kShortLabelBytes = 16;   // fits into every picture, whatever script it is in
 
 // What a wizard was open for when the page was reloaded, or come back to, in the middle of it; else empty.
 export const wizardInHistory = () => history.state?.wizard ?? "";
 
 export const reloadedNote = (purpose) => text(kPurposes[purpose].reloaded);
-
-// Tells the other tabs of this browser what happened to an account's two-step sign-in.
-export const otherTabs = new BroadcastChannel("tavr-otp");
 
 // Opens the wizard in `host`. Options: `user`; `purpose`, of kPurposes; `password`, when the page still holds it;
 // `note`, to stand above the first step. The page hears once how it ended:
@@ -438,7 +435,7 @@ class Wizard {
       this.note(text("wizard:note_accepted_after_fault"));
     } else if (answer.success) {
       showFieldError(byId("wizard-code"), text(this.purpose === "renew" ? "wizard:not_renewed" : "wizard:not_confirmed"));
-    } else if (kGone.has(answer.err)) {
+    } else if (isGone(answer)) {
       this.gone(this.purpose === "renew" ? "renewal_unknown" : "setup_unknown");
     } else {
       checkButton.hidden = false;
@@ -531,7 +528,7 @@ class Wizard {
 
   // `input` is what the step is about, `code` its field for a code; either may be missing.
   refused(answer, input, code) {
-    if (kGone.has(answer.err)) {
+    if (isGone(answer)) {
       this.gone(answer.err);
     } else if (answer.err === "bad_credentials" && this.confirmed) {
       showMessage(errorText(answer));
