@@ -154,11 +154,12 @@ int64_t List(const Statements& statements, std::string_view text, const ListPage
 {
     Database& db = AccountsDatabase();
     if (text.empty()) {
+        Statement size = db.Prepare(statements.size); // open until the end: one view of the store for both
+        const int64_t total = OneNumber(size);
         Statement find = db.Prepare(statements.page);
         find.Bind(1, page.limit).Bind(2, page.offset);
         TakeAll(find, each);
-        Statement size = db.Prepare(statements.size);
-        return OneNumber(size);
+        return total;
     }
     const auto sought =
         text.size() <= kMaxName + kMaxDescription && IsPlainText(text) ? SearchText(text) : std::nullopt;
