@@ -4,6 +4,7 @@
 #include "cli/console.h"
 #include "linux/names.h"
 #include "linux/paths.h"
+#include "linux/picks.h"
 #include "linux/policy_file.h"
 #include "linux/request.h"
 #include "otp/OTPEnforceHandler.h"
@@ -24,27 +25,16 @@ namespace
 
 constexpr int kTries = 5; // of an explanation, while somebody changes what it tells
 
-struct Type {
-    const char* name;
-    int kind; // of the accounts
-    bool groups;
-};
-constexpr Type kTypes[] = {
-    {"local_user", kKindLocal, false},   {"local_group", kKindLocal, true},
-    {"domain_user", kKindDomain, false}, {"domain_group", kKindDomain, true},
-    {"ldap_user", kKindLdap, false},     {"ldap_group", kKindLdap, true},
-};
-
 [[noreturn]] void FailUnavailable(const std::string& what)
 {
     throw Failure(Exit::Failed, "policy_unavailable", what + "; the system log says why");
 }
 
-const Type& TypeOf(const std::string& name)
+const PickType& TypeOf(const std::string& name)
 {
-    const auto* found = std::find_if(std::begin(kTypes), std::end(kTypes),
-                                     [&](const Type& type) { return type.name == name; });
-    if (found == std::end(kTypes)) {
+    const auto* found = std::find_if(std::begin(kPickTypes), std::end(kPickTypes),
+                                     [&](const PickType& type) { return type.name == name; });
+    if (found == std::end(kPickTypes)) {
         throw Failure(Exit::Usage, "bad_type", "there is no type " + name + " (see tavrctl(8))");
     }
     return *found;
@@ -90,7 +80,7 @@ UserRecord FindRecord(const std::string& name)
     return UserRecord(user);
 }
 
-uint32_t NumberOf(const Type& type, const std::string& typed)
+uint32_t NumberOf(const PickType& type, const std::string& typed)
 {
     const std::string name = Canonical(typed);
     if (type.groups) {
@@ -129,7 +119,7 @@ Json::Value ReadPicks()
     return picks;
 }
 
-Json::Value RowsOf(const Type& type, const EnforceChoice& choice, bool enforced)
+Json::Value RowsOf(const PickType& type, const EnforceChoice& choice, bool enforced)
 {
     Json::Value rows(Json::arrayValue);
     for (const std::string& typed : choice.names) {
@@ -146,7 +136,7 @@ Json::Value RowsOf(const Type& type, const EnforceChoice& choice, bool enforced)
 
 void Save(const EnforceChoice& choice, bool enforced)
 {
-    const Type& type = TypeOf(choice.type);
+    const PickType& type = TypeOf(choice.type);
     const Json::Value rows = RowsOf(type, choice, enforced);
     {
         PolicyWriting policy;
@@ -181,10 +171,10 @@ struct Facts {
 
 const char* TypeNameOf(int kind, bool groups)
 {
-    const auto* found = std::find_if(std::begin(kTypes), std::end(kTypes), [&](const Type& type) {
+    const auto* found = std::find_if(std::begin(kPickTypes), std::end(kPickTypes), [&](const PickType& type) {
         return type.kind == kind && type.groups == groups;
     });
-    return found == std::end(kTypes) ? (groups ? "local_group" : "local_user") : found->name;
+    return found == std::end(kPickTypes) ? kPickTypes[groups ? 1 : 0].name : found->name;
 }
 
 struct FreeMalloc {
@@ -310,7 +300,7 @@ void ShowPolicy()
     Json::Value answer;
     Say("option\t" + option);
     answer["option"] = option;
-    for (const Type& type : kTypes) {
+    for (const PickType& type : kPickTypes) {
         const Json::Value& list = picks[type.name];
         Say(std::string(type.name) + '\t' + std::to_string(list.size()));
         answer["picks"][type.name] = list.size();
@@ -346,7 +336,7 @@ void RemovePicks(const EnforceChoice& choice)
 
 void ListPolicy(const EnforceList& asked)
 {
-    const Type& type = TypeOf(asked.type);
+    const PickType& type = TypeOf(asked.type);
     int total = 0;
     Json::Value rows;
     {

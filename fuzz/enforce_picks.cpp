@@ -1,9 +1,11 @@
 // The file of the enforcement picks: whatever stands in it, the decision and the list leave it alone, and a
 // change either ends in an exception with the file as it was, or leaves a file of one object in which the
-// change shows, which the same change does not change again.
+// change shows, which the same change does not change again. What our programs take for picks ends in no
+// exception, and a change leaves picks again.
 #include "otp/OTPEnforceHandler.h"
 
 #include "fuzz/demand.h"
+#include "linux/picks.h"
 #include "tests/support/fake_platform.h"
 #include "tests/support/temp_dir.h"
 
@@ -80,17 +82,24 @@ void Check(const std::string& before, const TempDir& dir)
     platform.gidsOfUser = {65537, 65540};
     platform.userList = {{"alice", 1026, "", 1}};
 
-    Decide();
-    ShowsEnforced();
+    const std::optional<Json::Value> picks = tavr::ParsePicks(before);
+    const bool threw = Decide() == Outcome::Threw || ShowsEnforced() == Outcome::Threw;
+    Demand(!picks || !threw, "picks can be asked");
     Demand(dir.Read("picks") == before, "asking changes nothing");
     for (const bool enforced : {true, false}) {
         const std::string last = dir.Read("picks");
         if (Change(enforced) == Outcome::Threw) {
+            Demand(!picks, "picks can be changed");
             Demand(dir.Read("picks") == last, "a change that failed changes nothing");
             return;
         }
         const std::string after = dir.Read("picks");
         CheckList(after, enforced);
+        if (picks) {
+            const std::optional<Json::Value> changed = tavr::ParsePicks(after);
+            Demand(changed.has_value(), "a change leaves picks");
+            tavr::ChangesBetween(*picks, *changed);
+        }
         Demand(ShowsEnforced() == (enforced ? Outcome::Yes : Outcome::No), "the list shows the change");
         Demand(!enforced || Decide() == Outcome::Yes, "the decision follows the change");
         Change(enforced);

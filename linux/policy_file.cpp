@@ -2,8 +2,8 @@
 
 #include "linux/audit.h"
 #include "linux/file_lock.h"
-#include "linux/json_text.h"
 #include "linux/paths.h"
+#include "linux/picks.h"
 #include "linux/request.h"
 #include "linux/settings.h"
 
@@ -21,14 +21,12 @@ namespace
 {
 
 constexpr char kOptionKey[] = "otp_enforce_option";
-constexpr char kFileName[] = "tavr_otp_enforce_custom_setting"; // in kDataDir
-constexpr char kBrokenName[] = "tavr_otp_enforce_custom_setting.broken";
-constexpr char kCopyName[] = "policy.copy"; // in kStateDir
+constexpr const char* kFileName = kPolicyFile + sizeof kDataDir;      // behind folder and slash
+constexpr const char* kCopyName = kPolicyCopyFile + sizeof kStateDir; // likewise
+constexpr char kBrokenEnd[] = ".broken";
 constexpr mode_t kFileMode = 0644;
 constexpr size_t kMaxSize = 32 << 20; // two million accounts and more
 constexpr char kNoPicks[] = "{}\n";
-constexpr const char* kTypes[] = {"local_user",   "local_group", "domain_user",
-                                  "domain_group", "ldap_user",   "ldap_group"};
 constexpr const char* kOptions[] = {"none", "user", "admin", "custom"};
 
 constexpr int kTries = 5; // of a decision, while somebody writes the file who knows no lock
@@ -37,84 +35,6 @@ constexpr int kTries = 5; // of a decision, while somebody writes the file who k
 // after the other do not keep a writer out.
 constexpr off_t kGate = 0;
 constexpr off_t kPolicy = 1;
-
-// --- What picks are ---
-
-// An array or object inside a list ends the library's calls in an exception, and a list that is none counts
-// as an empty one.
-bool IsList(const Json::Value& list)
-{
-    return list.isArray() && std::all_of(list.begin(), list.end(), [](const Json::Value& entry) {
-               return entry.isString() || entry.isNumeric();
-           });
-}
-
-// What a power cut leaves in a file that was being rewritten: blocks that never came to the disk.
-bool HoldsControlCharacters(std::string_view text)
-{
-    return std::any_of(text.begin(), text.end(), [](char c) {
-        return static_cast<unsigned char>(c) < ' ' && c != '\n' && c != '\r' && c != '\t';
-    });
-}
-
-std::optional<Json::Value> ParsePicks(std::string_view text)
-{
-    Json::Value picks;
-    if (HoldsControlCharacters(text) || !ParseJson(text, picks) || !picks.isObject()) {
-        return std::nullopt;
-    }
-    const bool lists = std::all_of(std::begin(kTypes), std::end(kTypes), [&](const char* type) {
-        return !picks.isMember(type) || IsList(picks[type]);
-    });
-    return lists ? std::optional(std::move(picks)) : std::nullopt;
-}
-
-bool ArePicks(std::string_view text)
-{
-    return ParsePicks(text).has_value();
-}
-
-// --- What came and what went ---
-
-std::vector<std::string> NumbersOf(const Json::Value& picks, const char* type)
-{
-    std::vector<std::string> numbers;
-    for (const Json::Value& entry : picks[type]) {
-        numbers.push_back(entry.asString());
-    }
-    std::sort(numbers.begin(), numbers.end());
-    return numbers;
-}
-
-// As a detail of the audit: "local-user-1026".
-std::string DetailOf(std::string_view type, const std::string& number)
-{
-    const bool decimal =
-        !number.empty() && number.size() <= 10 && number.find_first_not_of("0123456789") == std::string::npos;
-    std::string detail = std::string(type) + '-' + (decimal ? number : "other");
-    std::replace(detail.begin(), detail.end(), '_', '-');
-    return detail;
-}
-
-std::vector<PickChange> ChangesBetween(const Json::Value& before, const Json::Value& after)
-{
-    std::vector<PickChange> changes;
-    for (const char* const type : kTypes) {
-        const std::vector<std::string> old = NumbersOf(before, type);
-        const std::vector<std::string> now = NumbersOf(after, type);
-        std::vector<std::string> gone;
-        std::vector<std::string> come;
-        std::set_difference(old.begin(), old.end(), now.begin(), now.end(), std::back_inserter(gone));
-        std::set_difference(now.begin(), now.end(), old.begin(), old.end(), std::back_inserter(come));
-        for (const std::string& number : gone) {
-            changes.push_back({false, DetailOf(type, number)});
-        }
-        for (const std::string& number : come) {
-            changes.push_back({true, DetailOf(type, number)});
-        }
-    }
-    return changes;
-}
 
 // --- Looking ---
 
@@ -167,8 +87,8 @@ Finding FindingOf(StampedRead file, StampedRead copy, Look& look)
         return Finding::Good; // nothing becomes a copy that is no picks
     }
     look.gone = file == StampedRead::Absent;
-    look.copied = copy == StampedRead::Done && ArePicks(look.copy);
-    if (read && ArePicks(look.text)) {
+    look.copied = copy == StampedRead::Done && ParsePicks(look.copy).has_value();
+    if (read && ParsePicks(look.text)) {
         return Finding::Changed;
     }
     if (look.copied) {
@@ -204,7 +124,7 @@ bool StoreFile(std::string_view text)
     if (!folder || !file.Write(text)) {
         return false;
     }
-    renameat(folder.Get(), kFileName, folder.Get(), kBrokenName);
+    renameat(folder.Get(), kFileName, folder.Get(), (std::string(kFileName) + kBrokenEnd).c_str());
     return file.PutInPlace(AtPlace::Replace);
 }
 
@@ -241,8 +161,8 @@ void Restore(Look& look, Report& report)
         return;
     }
     syslog(LOG_WARNING, "%s was %s, and is restored from its last good copy%s%s", kPolicyFile,
-           look.gone ? "gone" : "broken", look.gone ? "" : "; what stood there is now ",
-           look.gone ? "" : kBrokenName);
+           look.gone ? "gone" : "broken", look.gone ? "" : "; what stood there has its name with ",
+           look.gone ? "" : kBrokenEnd);
     report = {AuditEvent::PolicyRestored, look.gone ? "gone" : "broken"};
     look.finding = Finding::Good;
     look.text = look.copy;
@@ -303,6 +223,23 @@ bool NeedsMending(const Look& look)
 bool PicksCount()
 {
     return PolicyOption() == "custom";
+}
+
+// Empty: the library throws at a file that is no picks, as one may be that was changed since the look.
+std::optional<bool> AskLibrary(bool (*decide)(const std::string& account), const std::string& account)
+{
+    try {
+        return decide(account);
+    } catch (const Json::Exception& error) {
+        syslog(LOG_ERR, "policy for %s: %s", account.c_str(), error.what());
+        return std::nullopt;
+    }
+}
+
+// An editor may have put a file of its owner's there, which the library could read and not write.
+bool MayBeWritten()
+{
+    return faccessat(AT_FDCWD, kPolicyFile, W_OK, AT_EACCESS) == 0;
 }
 
 bool SyncFile()
@@ -385,14 +322,19 @@ PolicyWriting::PolicyWriting()
         return;
     }
     folder_ = OpenDirectoryNoLinks(kDataDir);
-    putBack_.emplace(folder_, kFileName, kFileMode);
-    if (!folder_ || !putBack_->Write(look.text)) {
-        syslog(LOG_ERR, "%s is not changed, as there is no room to put it back: %m", kPolicyFile);
-        putBack_.reset();
-        return;
-    }
     before_ = std::move(look.text);
-    usable_ = true;
+    usable_ = PrepareToPutBack() &&
+              (MayBeWritten() || (putBack_->PutInPlace(AtPlace::Replace) && PrepareToPutBack()));
+    if (!usable_) {
+        syslog(LOG_ERR, "%s is not changed, as it could not be put back: %m", kPolicyFile);
+        putBack_.reset();
+    }
+}
+
+bool PolicyWriting::PrepareToPutBack()
+{
+    putBack_.emplace(folder_, kFileName, kFileMode);
+    return folder_ && putBack_->Write(before_);
 }
 
 PolicyWriting::~PolicyWriting()
@@ -410,10 +352,9 @@ bool PolicyWriting::Commit(const Account* who)
 {
     std::string text;
     FileStamp stamp;
-    if (!usable_ || ReadStamped(kPolicyFile, O_NOFOLLOW, kMaxSize, text, stamp) != StampedRead::Done) {
-        return false;
-    }
-    const std::optional<Json::Value> after = ParsePicks(text);
+    const StampedRead read = ReadStamped(kPolicyFile, O_NOFOLLOW, kMaxSize, text, stamp);
+    const std::optional<Json::Value> after =
+        usable_ && read == StampedRead::Done ? ParsePicks(text) : std::nullopt;
     if (!after) {
         syslog(LOG_ERR, "%s would hold no picks any more, and is put back", kPolicyFile);
         return false;
@@ -437,12 +378,14 @@ std::optional<bool> AskPolicy(bool (*decide)(const std::string& account), const 
     const Fault before = request.fault;
     for (int i = 0; i < kTries; ++i) {
         const PolicyReading policy;
-        if ((policy.Usable() || !PicksCount()) && decide(account)) {
+        const bool mayAsk = policy.Usable() || !PicksCount();
+        const std::optional<bool> answer = mayAsk ? AskLibrary(decide, account) : std::nullopt;
+        if (answer && *answer) {
             request.fault = before;
             return true;
         }
         const bool unchanged = policy.Unchanged();
-        if (request.fault == before && (!PicksCount() || (policy.Usable() && unchanged))) {
+        if (answer && request.fault == before && (!PicksCount() || (policy.Usable() && unchanged))) {
             return false;
         }
         if (!policy.Usable() || unchanged) {

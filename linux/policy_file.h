@@ -19,9 +19,8 @@
 //   - taken as the new copy, if it is picks: somebody else has changed it.
 // Both are told in log and audit. The look costs one stat() while nothing has changed.
 //
-// Picks are a regular file of at most 32 MiB, one JSON object as the library reads it, without control
-// characters, in which each of the six lists that is there is an array of texts or numbers. Without a copy an
-// absent file is no picks yet; any other that is no picks makes the policy unusable.
+// Picks are a regular file of at most 32 MiB that ParsePicks (picks.h) takes. Without a copy an absent file
+// is no picks yet; any other that is no picks makes the policy unusable.
 //
 // A process that is killed at any point, and a disk that is full, leave the content before or the one after,
 // for the next scope at the latest.
@@ -94,6 +93,8 @@ public:
     [[nodiscard]] bool Commit(const Account* who);
 
 private:
+    bool PrepareToPutBack();
+
     const EffectiveIds service_ = EffectiveIds::Service();
     PolicyLock lock_;
     bool locked_ = false;

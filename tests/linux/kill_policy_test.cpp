@@ -113,13 +113,16 @@ protected:
     // Each storing call of `work` fails in turn, once or from then on; `check` is told what work said.
     void AtEveryFailure(const std::function<bool()>& work, const std::function<void(bool)>& check)
     {
-        for (const auto& [error, how] :
-             {std::pair(ENOSPC, Failing::FromThenOn), std::pair(EROFS, Failing::FromThenOn),
-              std::pair(EIO, Failing::Once), std::pair(ENOSPC, Failing::Once)}) {
+        struct BadDisk {
+            int error;
+            Failing failing;
+        };
+        for (const BadDisk& disk : {BadDisk{ENOSPC, Failing::FromThenOn}, BadDisk{EROFS, Failing::FromThenOn},
+                                    BadDisk{EIO, Failing::Once}, BadDisk{ENOSPC, Failing::Once}}) {
             long calls = 1;
             for (long call = 0; call <= calls && !HasFailure(); ++call) {
                 RestoreState();
-                const Steps steps = RunFailingAt(call, error, how, [&work] {
+                const Steps steps = RunFailingAt(call, disk.error, disk.failing, [&work] {
                     return RunLowered([&work] {
                         StartRequest();
                         return work() ? 0 : 1;
@@ -128,7 +131,7 @@ protected:
                 calls = steps.stops;
                 ASSERT_TRUE(steps.exitStatus == 0 || steps.exitStatus == 1) << steps.exitStatus;
                 AsWorker([&] {
-                    SCOPED_TRACE("call " + std::to_string(call) + ", error " + std::to_string(error));
+                    SCOPED_TRACE("call " + std::to_string(call) + ", error " + std::to_string(disk.error));
                     check(steps.exitStatus == 0);
                 });
             }

@@ -360,6 +360,23 @@ TEST_F(PolicyFile, IsPutBackWhenItWasNotCommitted)
     });
 }
 
+TEST_F(PolicyFile, OfAnotherOwnerBecomesTheServicesOwnWhenItIsChanged)
+{
+    AsService([] { BeginWith(kGood); });
+    unlink(kPolicyFile);
+    WriteFile(kPolicyFile, kOther); // root's, as an editor leaves it
+    ASSERT_EQ(0, chmod(kPolicyFile, 0644));
+    AsService([] {
+        EXPECT_TRUE(IsUsable());
+        EXPECT_TRUE(Save("local_user", "1030"));
+        EXPECT_EQ("{\"local_user\":[\"1026\",\"1027\",\"1030\"]}\n", ReadFile(kPolicyFile));
+        struct stat file {
+        };
+        ASSERT_EQ(0, stat(kPolicyFile, &file));
+        EXPECT_EQ(kServiceId, file.st_uid);
+    });
+}
+
 TEST_F(PolicyFile, IsNotChangedWhenThereIsNoRoomToPutItBack)
 {
     AsService([] { BeginWith(kGood); });

@@ -379,6 +379,11 @@ TEST_F(Policy, StaysInForceWhileAnEditorIsAtTheFile)
         EXPECT_TRUE(emptied);
         g_beforeTheLibraryReads = [] { unlink(kPolicyFile); };
         EXPECT_EQ(kDemanded, SignInOf(alice));
+        for (const char* text :
+             {"[]", "[1]", "{\"local_user\":[[]]}"}) { // the library throws at the first two
+            g_beforeTheLibraryReads = [text] { test::WriteFile(kPolicyFile, text); };
+            EXPECT_EQ(kDemanded, SignInOf(alice)) << text;
+        }
         EXPECT_EQ(picks, test::ReadFile(kPolicyFile));
     });
 }
