@@ -241,7 +241,7 @@ TEST_F(PolicyFile, OfAHundredMegabytesIsNotRead)
         ExpectRestored("100 MB");
         rusage after{};
         getrusage(RUSAGE_SELF, &after);
-        EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 8 * 1024) << "KiB";
+        EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 16 * 1024) << "KiB"; // sanitizers have their part
     });
 }
 
