@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
 
 namespace tavr
@@ -15,7 +16,7 @@ namespace
 
 constexpr long kFirstPause = 100'000; // nanoseconds, each time twice as long
 constexpr long kLongestPause = 10'000'000;
-constexpr long kAWhile = 10'000'000'000;
+constexpr int64_t kAWhile = 10'000'000'000;
 
 struct flock OneByte(off_t byte, short type)
 {
@@ -40,7 +41,7 @@ bool LockByte(const Descriptor& file, off_t byte, LockKind kind, LockWait wait)
     struct flock lock = OneByte(byte, kind == LockKind::Shared ? F_RDLCK : F_WRLCK);
     const int command = wait == LockWait::Forever ? F_OFD_SETLKW : F_OFD_SETLK;
     long pause = kFirstPause;
-    long waited = 0;
+    int64_t waited = 0;
     while (fcntl(file.Get(), command, &lock) != 0) {
         const bool busy = errno == EAGAIN || errno == EACCES;
         if (busy && waited < kAWhile) {

@@ -11,14 +11,16 @@
 #include "tests/support/fresh_server.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
+#include <atomic>
 #include <filesystem>
 #include <functional>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -502,29 +504,55 @@ TEST_F(PolicyFile, BelongsToTheServiceWhoeverIsRaised)
     });
 }
 
+// What processes tell each other.
+struct Meeting {
+    std::atomic<int> reading{0};
+    std::atomic<int> done{0};
+    std::atomic<bool> written{false};
+};
+
+bool Until(const std::function<bool()>& met)
+{
+    for (int i = 0; i < 5000 && !met(); ++i) {
+        usleep(2'000);
+    }
+    return met();
+}
+
 TEST_F(PolicyFile, IsReadSideBySideAndWrittenAlone)
 {
     AsService([] { BeginWith(kGood); });
-    const auto start = std::chrono::steady_clock::now();
-    const auto sinceStart = [start] {
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    };
-    AsWorkers(4, [&](int worker) {
+    void* memory = mmap(nullptr, sizeof(Meeting), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(MAP_FAILED, memory);
+    auto& meeting = *new (memory) Meeting();
+    constexpr int kReaders = 3;
+    AsWorkers(kReaders + 1, [&](int worker) {
         StartRequest();
-        if (worker < 3) {
-            const PolicyReading policy;
-            ASSERT_TRUE(policy.Usable());
-            EXPECT_LT(sinceStart(), 1.0) << "readers wait for nobody";
-            usleep(1'500'000);
-            EXPECT_TRUE(policy.Unchanged());
-            EXPECT_EQ(kGood, ReadFile(kPolicyFile));
+        if (worker == kReaders) {
+            ASSERT_TRUE(Until([&] { return meeting.reading == kReaders; }));
+            EXPECT_TRUE(Save("local_user", "1027"));
+            EXPECT_EQ(kReaders, meeting.done) << "waits for all readers";
+            meeting.written = true;
             return;
         }
-        usleep(500'000);
-        EXPECT_TRUE(Save("local_user", "1027"));
-        EXPECT_GE(sinceStart(), 1.5) << "the writer waits for all readers";
+        const PolicyReading policy;
+        ASSERT_TRUE(policy.Usable());
+        ++meeting.reading;
+        EXPECT_TRUE(Until([&] { return meeting.reading == kReaders; })) << "waits for no other reader";
+        usleep(200'000); // time for the writer to come
+        EXPECT_FALSE(meeting.written);
+        EXPECT_TRUE(policy.Unchanged());
+        EXPECT_EQ(kGood, ReadFile(kPolicyFile));
+        ++meeting.done;
     });
+    EXPECT_TRUE(meeting.written);
+    munmap(memory, sizeof(Meeting));
+}
+
+TEST_F(PolicyFile, IsSeenToChangeUnderAReader)
+{
     AsService([] {
+        BeginWith(kGood);
         const PolicyReading policy;
         EXPECT_TRUE(policy.Unchanged());
         WriteFile(kPolicyFile, kOther + "\n");
