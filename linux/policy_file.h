@@ -85,7 +85,7 @@ public:
     // False: no lock, nothing that may be changed, or no room to put it back; the log says why, nothing has
     // changed. As in PolicyReading.
     [[nodiscard]] bool Usable() const { return usable_; }
-    [[nodiscard]] bool Locked() const { return locked_; }
+    [[nodiscard]] bool Locked() const { return locked_; } // enough for the option, which needs no picks
 
     // After the library's writer: takes what stands in the file as the new copy, all of it durable, and puts
     // each number that came or went into the audit as `who`'s doing (null: the console's). False: that could
