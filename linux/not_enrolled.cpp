@@ -28,10 +28,11 @@ struct Store {
 
 constexpr Store kAccounts = {"SELECT uid FROM account", "SELECT 1 FROM account WHERE uid = ?1"};
 
-#define ENROLLED                                                                                             \
-    "SELECT account FROM secret AS s WHERE state IN ('active', 'confirmed') AND NOT EXISTS "                 \
-    "(SELECT 1 FROM account_mark AS m WHERE m.account = s.account AND switching_off = 1)"
-constexpr Store kEnrolled = {ENROLLED, ENROLLED " AND account = ?1"};
+#define ENROLLED "SELECT account FROM secret WHERE state IN ('active', 'confirmed')"
+constexpr Store kEnrolled = {
+    ENROLLED " AND account NOT IN (SELECT account FROM account_mark WHERE switching_off = 1)",
+    ENROLLED " AND account = ?1 AND NOT EXISTS"
+             " (SELECT 1 FROM account_mark WHERE account = ?1 AND switching_off = 1)"};
 
 void Append(Numbers& numbers, Statement& list)
 {
@@ -42,7 +43,9 @@ void Append(Numbers& numbers, Statement& list)
 
 Numbers Sorted(Numbers numbers)
 {
-    std::sort(numbers.begin(), numbers.end());
+    if (!std::is_sorted(numbers.begin(), numbers.end())) {
+        std::sort(numbers.begin(), numbers.end());
+    }
     numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
     return numbers;
 }
