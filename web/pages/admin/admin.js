@@ -9,8 +9,11 @@ import { endWait, showRefusal } from "/shared/refusals.js";
 import { findSession, isGone, toSignin, watchSession } from "/shared/session.js";
 import { isolate, List, numberText } from "./list.js";
 
+const kCountMs = 500;   // after the last of several changes
+
 let list = null;
 let saved = "";       // the option that is in force
+let countTimer = 0;
 let resetUser = "";
 
 start().catch(() => { byId("not-loaded").hidden = false; });
@@ -84,12 +87,14 @@ async function showOwnState() {
 
 async function showOption() {
   const answer = await get("/api/enforce/option");
+  const first = saved === "";
   if (!answer.success) {
     refused(answer);
-    showRetry();
+    if (first) {
+      showRetry();
+    }
     return;
   }
-  const first = saved === "";
   saved = answer.option;
   byId("administration").hidden = false;
   if (first) {
@@ -101,8 +106,11 @@ async function showOption() {
 }
 
 function showCount(count) {
-  byId("not-enrolled").textContent = saved === "none" ? ""
+  const told = saved === "none" ? ""
     : text(count === 0 ? "admin:all_enrolled" : "admin:not_enrolled", { n: count, count: numberText(count) });
+  if (byId("not-enrolled").textContent !== told) {   // what stands there already is not read out again
+    byId("not-enrolled").textContent = told;
+  }
 }
 
 function chooseOption(option) {
@@ -121,9 +129,10 @@ async function saveOption() {
 }
 
 // How many are not enrolled depends on the picks while they are in force.
-async function picksChanged() {
+function picksChanged() {
+  clearTimeout(countTimer);
   if (saved === "custom") {
-    await showOption();
+    countTimer = setTimeout(showOption, kCountMs);
   }
 }
 

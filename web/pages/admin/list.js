@@ -265,7 +265,7 @@ export class List {
     const answer = await this.#save(this.#type, [row.id], enforced);
     if (answer.success) {
       row.is_enforced = enforced;
-      await this.onChanged();
+      this.onChanged();
     } else {
       toggle.checked = row.is_enforced;
       this.#refused(answer);
@@ -298,6 +298,6 @@ export class List {
     } else {
       this.#refused(answer);
     }
-    await this.onChanged();
+    this.onChanged();
   }
 }
