@@ -144,8 +144,9 @@ void Tell(const Report& report)
 void Adopt(Look& look, Report& report)
 {
     if (!StoreCopy(look.text)) {
+        // Not to be read without a copy: if it broke next, the one from before would be put in its place.
         syslog(LOG_ERR, "%s has changed and cannot be copied to %s: %m", kPolicyFile, kPolicyCopyFile);
-        return; // good all the same; the next one tries again
+        return;
     }
     if (look.copied) {
         syslog(LOG_WARNING, "%s was changed by somebody else, and is taken as it stands", kPolicyFile);
@@ -200,9 +201,9 @@ bool MayBeRead(const Look& look)
         Remember(look.stamp);
         return true;
     case Finding::NoneYet:
-    case Finding::Changed:
         return true;
-    case Finding::Broken: // told by Restore
+    case Finding::Changed: // told by Adopt
+    case Finding::Broken:  // told by Restore
         return false;
     case Finding::Hopeless:
         syslog(LOG_ERR, "%s holds no picks and there is no good copy; put one back, or {} for no picks",

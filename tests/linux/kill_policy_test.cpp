@@ -195,6 +195,20 @@ TEST_F(KilledPolicy, IsAdoptedInTheEnd)
     });
 }
 
+TEST_F(KilledPolicy, IsAdoptedOrNotUsedOnABadDisk)
+{
+#ifndef __x86_64__
+    GTEST_SKIP() << "calls can be made to fail on x86-64 alone";
+#endif
+    const std::string other = Picks(500000);
+    Leave(other);
+    AtEveryFailure(ReadMarked, [&](bool used) {
+        EXPECT_TRUE(!used || ReadFile(kPolicyCopyFile) == other);
+        EXPECT_EQ(other, Found());
+        ExpectSavable();
+    });
+}
+
 TEST_F(KilledPolicy, BeginsWithNothingOrWhatWasSaved)
 {
     AsWorker([] {

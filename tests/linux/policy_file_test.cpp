@@ -435,7 +435,8 @@ TEST_F(PolicyFile, IsPutBackWhenTheCopyCannotBeStored)
         EXPECT_EQ(kGood, ReadFile(kPolicyFile));
         EXPECT_EQ(kGood, ReadFile(kPolicyCopyFile));
         WriteFile(kPolicyFile, kOther);
-        EXPECT_TRUE(IsUsable()) << "it is good, and copied as soon as there is room";
+        EXPECT_FALSE(IsUsable()) << "or the copy would be put in its place if it broke next";
+        EXPECT_EQ(kOther, ReadFile(kPolicyFile));
         EXPECT_EQ(kGood, ReadFile(kPolicyCopyFile));
         EXPECT_FALSE(PolicyWriting().Usable());
         unlink((std::string(kStateDir) + "/filler").c_str());
