@@ -1,24 +1,15 @@
 // The whole request for an emergency code by mail, put into the queue, against what it cannot do without: its
 // three durable transactions (the count, the mail, the audit's row) and its two exchanges with the web API
-// (who the user is; the sender is woken, which nobody waits for). The web API is a child that answers at
-// once.
-#include "linux/descriptor.h"
+// (who the user is; the sender is woken, which nobody waits for). The mail's own server is not there: what it
+// costs to send is not part of it.
 #include "linux/mail_queue.h"
 #include "linux/request.h"
 #include "linux/session.h"
-#include "linux/webapi_frame.h"
-#include "platform/webapi.h"
 #include "web/mail_places.h"
 #include "web/route.h"
 
 #include "bench/enrolled.h"
-
-#include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-
-#include <csignal>
-#include <cstring>
+#include "bench/running_service.h"
 
 using namespace tavr;
 using namespace tavr::bench;
@@ -31,43 +22,6 @@ constexpr int kRounds = 200;
 constexpr char kAsk[] =
     R"({"params":{"api":"TAVR.Core.NormalUser","method":"get","version":1},"runner":{"username":"alice"}})";
 constexpr char kWake[] = R"({"params":{"api":"TAVR.Notification.Mail","method":"wake","version":1}})";
-constexpr char kAnswer[] =
-    R"({"success":true,"data":{"email":"alice@home.example","name":"alice","uid":1026}})";
-
-void AnswerOne(int connection)
-{
-    FrameHead head{};
-    if (recv(connection, head.data(), head.size(), MSG_WAITALL) != static_cast<ssize_t>(head.size())) {
-        return;
-    }
-    std::string request(SizeInFrameHead(head), '\0');
-    recv(connection, request.data(), request.size(), MSG_WAITALL);
-    const FrameHead answered = MakeFrameHead(sizeof kAnswer - 1);
-    const std::string answer = std::string(answered.data(), answered.size()) + kAnswer;
-    send(connection, answer.data(), answer.size(), MSG_NOSIGNAL);
-}
-
-// As root, before anything else. Ends with this process.
-void StartWebApi()
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, kWebApiSocket, sizeof kWebApiSocket);
-    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    Require(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-                chmod(kWebApiSocket, 0666) == 0 && listen(listener, 64) == 0,
-            kWebApiSocket);
-    if (fork() != 0) {
-        close(listener);
-        return;
-    }
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    for (;;) {
-        const Descriptor connection(accept(listener, nullptr, nullptr));
-        AnswerOne(connection.Get());
-    }
-}
-
 void SetUpMail()
 {
     std::ofstream(kSettingsFile) << "mail_server=\"127.0.0.1\"\nmail_from=\"server@nas.example\"\n";
@@ -108,10 +62,11 @@ int main(int /*argc*/, char** argv)
     Require(geteuid() == 0, "to be run by bench/run");
     std::filesystem::create_directories(kConfigDir);
     SetUpMail();
-    StartWebApi();
     Require(web::MakeMailPlaces(2), "places");
     BecomeWorker(argv[0]);
     const Account account = EnrolledAccount();
+    const pid_t service = StartService();
+    UntilListening(kWebApiSocket);
     const std::string pending = OpenPending(account, SessionState::CodeRequired);
     const web::HttpRequest http = RequestOf(pending);
     Database floorDatabase(
@@ -135,5 +90,6 @@ int main(int /*argc*/, char** argv)
             }
             Exchange(kWake, false);
         });
+    End(service, SIGTERM);
     return 0;
 }
