@@ -58,7 +58,7 @@ size_t MostConnections()
     files.rlim_cur = std::min<rlim_t>(files.rlim_max, kMostConnections + kOtherDescriptors);
     setrlimit(RLIMIT_NOFILE, &files);
     getrlimit(RLIMIT_NOFILE, &files);
-    return files.rlim_cur > 2 * kOtherDescriptors ? files.rlim_cur - kOtherDescriptors : kOtherDescriptors;
+    return files.rlim_cur > 2 * kOtherDescriptors ? files.rlim_cur - kOtherDescriptors : files.rlim_cur / 2;
 }
 
 // The nearer of two times; negative: never.

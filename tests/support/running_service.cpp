@@ -8,6 +8,7 @@
 #include <json/reader.h>
 #include <json/writer.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -77,6 +78,14 @@ int Service::Stop(int signal)
 {
     kill(pid_, signal);
     return Wait();
+}
+
+void LimitFiles(unsigned long most)
+{
+    const rlimit files{most, most};
+    if (setrlimit(RLIMIT_NOFILE, &files) != 0) {
+        _exit(99);
+    }
 }
 
 void ServiceTest::SetUp()

@@ -33,6 +33,9 @@ private:
     pid_t pid_ = -1;
 };
 
+// In the child that becomes the service: how many files it may have open.
+void LimitFiles(unsigned long most);
+
 class ServiceTest : public FreshServer
 {
 protected:

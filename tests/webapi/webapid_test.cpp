@@ -356,6 +356,20 @@ class Starting : public ServiceTest
 {
 };
 
+TEST_F(Starting, WithFewDescriptorsItLetsGoOfWhoWaitsLongest)
+{
+    const Service service([] { LimitFiles(64); });
+    service.UntilServed();
+    std::vector<Descriptor> idle;
+    for (int i = 0; i < 100; ++i) {
+        idle.push_back(ConnectRaw());
+    }
+    ExpectServed();
+    EXPECT_EQ("", ReceiveAll(idle[0]));
+    SendRaw(idle[99], Frame(GetRequest("alice")));
+    EXPECT_EQ("alice", AnswerIn(ReceiveAll(idle[99]))["data"]["name"].asString());
+}
+
 TEST_F(Starting, LeavesAFileAloneThatIsNoSocket)
 {
     WriteFile(kWebApiSocket, "somebody's");
