@@ -18,6 +18,7 @@ last). DIR/commands has one line for each command that came, without what follow
                drop-data: cuts the connection once the mail has come
                slow: writes a byte every half second; flood: writes lines of one reply without end
                rubbish: writes what is no reply
+               inject-reply: another reply behind that to STARTTLS, in the clear, as somebody on the way could
 """
 import argparse
 import asyncio
@@ -148,6 +149,8 @@ class Server(SMTP):
             await self.write(b"250-" + b"x" * 500 + b"\r\n")
         if "rubbish" in self.faults:
             line = b"\x16\x03\x01 what"
+        if "inject-reply" in self.faults and line.startswith(b"220 Ready to start TLS"):
+            line += b"\r\n250-localhost\r\n250 AUTH PLAIN"
         if "slow" in self.faults:
             for byte in line:
                 await self.write(bytes([byte]))

@@ -317,15 +317,25 @@ TEST_F(MailCalls, ReachNoPrivateAddressUnlessTheSettingsAllowIt)
     EXPECT_TRUE(sink_->Commands().empty());
 }
 
+// Calls that wait for the mail server, or for a thread that does.
+std::vector<Descriptor> StartSending(int count)
+{
+    Json::Value request;
+    request["params"] = SendParams();
+    request["runner"]["username"] = "alice";
+    std::vector<Descriptor> calls;
+    for (int i = 0; i < count; ++i) {
+        calls.push_back(ConnectRaw());
+        SendRaw(calls.back(), Frame(JsonToString(request)));
+    }
+    return calls;
+}
+
 TEST_F(MailCalls, OfAServerThatHangsDelayNobodyElse)
 {
     StartSink(SinkWith({"--fault", "hang-data"}));
     AsWorker([] { AddMailAccount(*FindAccount("alice"), OfficeAccount()); });
-    Json::Value request;
-    request["params"] = SendParams();
-    request["runner"]["username"] = "alice";
-    const Descriptor hanging = ConnectRaw();
-    SendRaw(hanging, Frame(JsonToString(request)));
+    const Descriptor hanging = std::move(StartSending(1)[0]);
     for (int i = 0; i < 500 && (sink_->Commands().empty() || sink_->Commands().back() != "DATA"); ++i) {
         usleep(10'000);
     }
@@ -334,6 +344,41 @@ TEST_F(MailCalls, OfAServerThatHangsDelayNobodyElse)
     char byte = 0;
     EXPECT_EQ(-1, recv(hanging.Get(), &byte, 1, MSG_DONTWAIT)) << "the mail's answer was there before";
     EXPECT_EQ(30, CodeIn(AnswerIn(ReceiveAll(hanging))));
+}
+
+TEST_F(MailCalls, AreSixtyFourAtOnceForFifteenSecondsAtMost)
+{
+    StartSink(SinkWith({"--fault", "hang-data"}));
+    AsWorker([] { AddMailAccount(*FindAccount("alice"), OfficeAccount()); });
+    const std::vector<Descriptor> calls = StartSending(64);
+    EXPECT_EQ(2, CodeIn(Ask(GetRequest("alice")))) << "one too many";
+
+    AdvanceBootClock(16);
+    Ask(GetRequest("alice")); // wakes the service up, as time would
+    for (const Descriptor& call : calls) {
+        EXPECT_EQ(1, CodeIn(AnswerIn(ReceiveAll(call))));
+    }
+    EXPECT_TRUE(Ask(GetRequest("alice"))["success"].asBool());
+}
+
+TEST_F(MailCalls, ThatTakeAllDescriptorsDelayOthersAndNoMore)
+{
+    StartSink(SinkWith({"--fault", "hang-data"}));
+    AsWorker([] { AddMailAccount(*FindAccount("alice"), OfficeAccount()); });
+    service_.reset();
+    service_.emplace([] { LimitFiles(64); });
+    service_->UntilServed();
+    const std::vector<Descriptor> calls = StartSending(20);
+    const Descriptor late = ConnectRaw();
+    SendRaw(late, Frame(GetRequest("alice")));
+    usleep(100'000); // there is no descriptor for him by now
+
+    AdvanceBootClock(16);
+    EXPECT_TRUE(AnswerIn(ReceiveAll(late)).isObject()) << "his data, or that it is too busy";
+    for (const Descriptor& call : calls) {
+        EXPECT_NE(0, CodeIn(AnswerIn(ReceiveAll(call))));
+    }
+    EXPECT_TRUE(Ask(GetRequest("alice"))["success"].asBool());
 }
 
 // --- The console ---

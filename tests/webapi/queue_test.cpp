@@ -4,6 +4,7 @@
 #include "tests/support/mail_taker.h"
 #include "tests/support/running_service.h"
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -220,6 +221,37 @@ TEST_F(Queue, BringsAMailToItsEndBeforeTheServiceEnds)
     EXPECT_EQ(server_->Count(), static_cast<size_t>(states.at("sent")));
     EXPECT_EQ(200, states.at("sent") + states.at("waiting"));
     EXPECT_GT(states.at("waiting"), 0);
+}
+
+TEST_F(Queue, IsWaitedForTwelveSecondsWhenTheServiceEnds)
+{
+    std::atomic<bool> hangs = true;
+    StartServer([&](std::string_view moment) {
+        while (moment == "taken" && hangs) {
+            usleep(1000);
+        }
+    });
+    QueueMails(1);
+    {
+        Service service;
+        Until([&] { return server_->Count() == 1; });
+        kill(service.Pid(), SIGTERM);
+        Until([] { return !ConnectRaw(); });
+        AdvanceBootClock(11);
+        usleep(200'000);
+        siginfo_t ended{};
+        waitid(P_PID, static_cast<id_t>(service.Pid()), &ended, WEXITED | WNOHANG | WNOWAIT);
+        EXPECT_EQ(0, ended.si_pid) << "the mail may still come to its end";
+
+        AdvanceBootClock(2 + 11);
+        EXPECT_EQ(0, service.Wait());
+    }
+    EXPECT_EQ(1, States()["waiting"]);
+    hangs = false;
+    const Service next;
+    UntilAllAre("sent", 1);
+    const auto taken = server_->Taken().at("user0@example.org");
+    EXPECT_EQ(std::vector<std::string>(2, taken.at(0)), taken) << "again, under the same Message-ID";
 }
 
 // --- Kills ---
