@@ -63,15 +63,16 @@ private:
     std::string fingerprint_;
 };
 
-// Makes the key for set-up. As root only, and only while the vault holds no sealed row: rows sealed with a
-// lost key stay lost, and a new key would hide that. Never through a link, never over anything; durable.
+// Makes the key for set-up. As root only, and only while nothing is sealed, in the vault, in the mail queue
+// or as a password of a mail account: what a lost key has sealed stays lost, and a new key would hide that.
+// Never through a link, never over anything; durable.
 enum class MakeKey {
     Made,
     Kept, // there is one, and it can be read
     NotRoot,
-    RowsSealed, // it is gone while the vault holds rows: bring the old one back
+    RowsSealed, // it is gone while something is sealed with it: bring the old one back
     Failed,     // errno says why, or the file that is there is no key
 };
-MakeKey CreateMachineKey(); // throws DatabaseError when the vault cannot be asked
+MakeKey CreateMachineKey(); // throws DatabaseError when that cannot be told
 
 } // namespace tavr

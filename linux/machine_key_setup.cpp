@@ -1,6 +1,8 @@
 // Making the machine key. Apart from reading it, so that the secret tool does not carry what needs root.
 #include "linux/ids.h"
 #include "linux/machine_key.h"
+#include "linux/mail_accounts.h"
+#include "linux/mail_queue.h"
 #include "linux/paths.h"
 #include "linux/secret_file.h"
 #include "linux/vault.h"
@@ -22,13 +24,13 @@ namespace
 
 constexpr mode_t kKeyMode = S_IRUSR | S_IRGRP;
 
-bool VaultHoldsRows()
+bool IsAnythingSealed()
 {
     const EffectiveIds service = EffectiveIds::Service();
     if (!service.Changed()) {
         throw DatabaseError(0, "the service's ids cannot be taken");
     }
-    return HoldsSealedRows();
+    return HoldsSealedRows() || HasSealedMails() || HasSealedPasswords();
 }
 
 bool WriteKey(int fd)
@@ -76,7 +78,7 @@ MakeKey CreateMachineKey()
     if (faccessat(directory.Get(), name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
         return FaultIn([] { MachineKey::Read(); }) == Fault::None ? MakeKey::Kept : MakeKey::Failed;
     }
-    if (VaultHoldsRows()) {
+    if (IsAnythingSealed()) {
         return MakeKey::RowsSealed;
     }
     return MakeKeyFile(directory, name) ? MakeKey::Made : MakeKey::Failed;

@@ -2,6 +2,7 @@
 
 #include "linux/database.h"
 #include "linux/names.h"
+#include "linux/paths.h"
 #include "linux/settings.h"
 #include "platform/db.h"
 #include "platform/json.h"
@@ -14,6 +15,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <filesystem>
 #include <memory>
 
 namespace tavr
@@ -65,19 +67,24 @@ bool IsThere(const std::string& path)
 }
 
 // As the library reads it: nothing in the file can do harm, and nobody waits for long.
+std::unique_ptr<TAVRDBResult, FreeResult> AskFile(const std::string& path, const std::string& sql)
+{
+    TAVRDB* db = TAVRDBConnect(nullptr, nullptr, nullptr, path.c_str());
+    TAVRDBResult* found = nullptr;
+    if (db == nullptr || TAVRDBExecute(db, sql.c_str(), &found) < 0) {
+        throw DatabaseError(0, "cannot read " + path);
+    }
+    return std::unique_ptr<TAVRDBResult, FreeResult>(found);
+}
+
 std::vector<MailAccountRow> ReadRows(const Account& account)
 {
     const std::string path = FilePath(account);
     if (!IsThere(path)) {
         return {};
     }
-    const std::string sql = "SELECT * FROM emailaccountinfo WHERE uid='" + std::to_string(account.uid) + "';";
-    TAVRDB* db = TAVRDBConnect(nullptr, nullptr, nullptr, path.c_str());
-    TAVRDBResult* found = nullptr;
-    if (db == nullptr || TAVRDBExecute(db, sql.c_str(), &found) < 0) {
-        throw DatabaseError(0, "cannot read " + path);
-    }
-    const std::unique_ptr<TAVRDBResult, FreeResult> result(found);
+    const auto result =
+        AskFile(path, "SELECT * FROM emailaccountinfo WHERE uid='" + std::to_string(account.uid) + "';");
     std::vector<MailAccountRow> rows;
     TAVRDBRow* row = nullptr;
     while (TAVRDBFetchRow(result.get(), &row) == 0) {
@@ -221,6 +228,22 @@ std::vector<MailAccount> MailAccountsOf(const Account& account)
     std::sort(accounts.begin(), accounts.end(),
               [](const MailAccount& a, const MailAccount& b) { return a.alias < b.alias; });
     return accounts;
+}
+
+bool HasSealedPasswords()
+{
+    std::error_code error;
+    for (const auto& folder : std::filesystem::directory_iterator(kPreferenceDir, error)) {
+        const std::string path = folder.path() / kFileName;
+        constexpr char kSealed[] = "SELECT * FROM emailaccountinfo WHERE sealed_password<>'' LIMIT 1;";
+        if (IsThere(path) && TAVRDBNumRows(AskFile(path, kSealed).get()) > 0) {
+            return true;
+        }
+    }
+    if (error && error != std::errc::no_such_file_or_directory) {
+        throw DatabaseError(0, std::string("cannot read ") + kPreferenceDir);
+    }
+    return false;
 }
 
 std::optional<MailAccount> OpenMailAccount(const Account& account, std::string_view type,

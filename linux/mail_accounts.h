@@ -35,6 +35,10 @@ const char* MailAccountProblem(const MailAccount& account);
 // In the order of their aliases. Rows that have a problem are left out.
 std::vector<MailAccount> MailAccountsOf(const Account& account);
 
+// Whether any account has a mail account with a password: without the machine key that sealed it, it is lost.
+// Throws DatabaseError.
+bool HasSealedPasswords();
+
 // With its password. Empty when there is no such mail account, or more than one of it.
 std::optional<MailAccount> OpenMailAccount(const Account& account, std::string_view type,
                                            std::string_view alias);

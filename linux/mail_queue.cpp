@@ -336,6 +336,11 @@ void QueueMail(const std::string& to, const std::string& subject, const std::str
     WakeSender();
 }
 
+bool HasSealedMails()
+{
+    return MailDatabase().Prepare("SELECT 1 FROM mail WHERE state = 'waiting' LIMIT 1").Step();
+}
+
 std::vector<QueuedMail> DueMails(size_t most)
 {
     if (!IsSender()) {

@@ -35,6 +35,9 @@ inline constexpr int64_t kMailGivenUpSeconds = 24 * 60 * 60; // of waiting
 // VaultError. Nothing is queued then.
 void QueueMail(const std::string& to, const std::string& subject, const std::string& html);
 
+// Whether a mail waits: it could not be sent without the machine key that sealed it. Throws DatabaseError.
+bool HasSealedMails();
+
 // --- For the one that sends. All throw DatabaseError, DueMails VaultError too ---
 
 struct QueuedMail {

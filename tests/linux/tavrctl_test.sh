@@ -417,6 +417,8 @@ is 1 '*"err":"database"*' tavrctl user list --json
 is 0 '*' tavrctl setup --help
 chmod 600 /var/lib/tavr/accounts.db
 rm /etc/tavr/otp.key
+is 1 '*otp.key: is missing while there are secrets sealed with it*' tavrctl setup   # mails, passwords of mail accounts
+rm -f /var/lib/tavr/mail.db* /usr/tavr/etc/preference/*/emailaccount.db
 is 0 '*made /etc/tavr/otp.key' tavrctl setup
 grep -v '^tavr-web:' /etc/passwd >/tmp/passwd && cp /tmp/passwd /etc/passwd
 is 1 '*no user tavr-web*' tavrctl user list

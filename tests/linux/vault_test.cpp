@@ -5,6 +5,8 @@
 #include "linux/cipher.h"
 #include "linux/enrolment.h"
 #include "linux/ids.h"
+#include "linux/mail_accounts.h"
+#include "linux/mail_queue.h"
 #include "linux/names.h"
 #include "linux/paths.h"
 
@@ -366,6 +368,36 @@ TEST_F(Vault, MakesAKeyOnceAndNeverWhileRowsAreSealed)
         ASSERT_EQ(0, symlink("/etc/tavr/elsewhere", kMachineKeyFile));
         create(MakeKey::Failed, "a link");
         EXPECT_NE(0, access("/etc/tavr/elsewhere", F_OK));
+    });
+}
+
+TEST_F(Vault, MakesNoKeyWhileMailsOrPasswordsAreSealed)
+{
+    const auto loseKey = [] {
+        const EffectiveIds root = EffectiveIds::Root();
+        unlink(kMachineKeyFile);
+        return CreateMachineKey();
+    };
+    AsWorker([&] {
+        const Account alice = MakeAccount("alice");
+        QueueMail("alice@home.example", "S", "text");
+        const std::string key = ReadFile(kMachineKeyFile);
+        EXPECT_EQ(MakeKey::RowsSealed, loseKey()) << "a mail waits";
+        ASSERT_TRUE(DropMail(1));
+        EXPECT_EQ(MakeKey::Made, loseKey()) << "it is finished";
+
+        MailAccount office;
+        office.alias = "office";
+        office.server.host = "mail.office.example";
+        office.server.port = 587;
+        office.server.from = "alice@office.example";
+        AddMailAccount(alice, office);
+        EXPECT_EQ(MakeKey::Made, loseKey()) << "without a password";
+        office.alias = "home";
+        office.server.user = "alice";
+        office.server.password = "relay-pw";
+        AddMailAccount(alice, office);
+        EXPECT_EQ(MakeKey::RowsSealed, loseKey()) << "with a password";
     });
 }
 
