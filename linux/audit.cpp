@@ -76,6 +76,8 @@ EventWords WordsOf(AuditEvent event)
         return {"code-mail", "refused", LOG_NOTICE};
     case AuditEvent::CodeMailThrottled:
         return {"code-mail", "throttled", LOG_NOTICE, Keep::LineOnly};
+    case AuditEvent::CodeMailClosed:
+        return {"code-mail", "closed", LOG_NOTICE, Keep::LineOnly};
     case AuditEvent::CodeMailBusy:
         return {"code-mail", "busy", LOG_NOTICE, Keep::LineOnly};
     case AuditEvent::TemporaryCodeMade:
@@ -142,6 +144,7 @@ const char* NoticeOf(AuditEvent event)
     case AuditEvent::SecondStepOpened:
     case AuditEvent::CodeMailRefused:
     case AuditEvent::CodeMailThrottled:
+    case AuditEvent::CodeMailClosed:
     case AuditEvent::CodeMailBusy:
     case AuditEvent::TemporaryCodeMade:
     case AuditEvent::TemporaryCodeSpent:

@@ -34,6 +34,7 @@ enum class AuditEvent {
     CodeMailed,        // an emergency code, to its owner
     CodeMailRefused,   // no address, no code, or no way to send
     CodeMailThrottled, // asked too often; a line without a row
+    CodeMailClosed,    // the second step is closed; a line without a row
     CodeMailBusy,      // too many others waited for mail servers; a line without a row
     TemporaryCodeMade,
     TemporaryCodeSpent,

@@ -71,6 +71,10 @@ Answer MailCode(const Account& account, const MailTry& counted)
 Answer SignInEmergency(Call& call)
 {
     const Account& account = call.session->account;
+    if (SecondStepOf(account.uid).closed) { // the code would be refused
+        Audit(AuditEvent::CodeMailClosed, account);
+        return Refusal(403, "otp_closed");
+    }
     const MailPlace place;
     if (!place.Taken()) {
         Audit(AuditEvent::CodeMailBusy, account);

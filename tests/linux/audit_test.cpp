@@ -125,6 +125,7 @@ TEST_F(AuditTrail, NamesEveryEvent)
         {AuditEvent::CodeMailed, LOG_NOTICE, true, "event=code-mail outcome=sent"},
         {AuditEvent::CodeMailRefused, LOG_NOTICE, true, "event=code-mail outcome=refused"},
         {AuditEvent::CodeMailThrottled, LOG_NOTICE, false, "event=code-mail outcome=throttled"},
+        {AuditEvent::CodeMailClosed, LOG_NOTICE, false, "event=code-mail outcome=closed"},
         {AuditEvent::CodeMailBusy, LOG_NOTICE, false, "event=code-mail outcome=busy"},
         {AuditEvent::TemporaryCodeMade, LOG_NOTICE, true, "event=temporary-code outcome=made"},
         {AuditEvent::TemporaryCodeSpent, LOG_NOTICE, true, "event=temporary-code outcome=spent"},

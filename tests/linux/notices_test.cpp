@@ -115,8 +115,8 @@ TEST_F(Notices, SayNothingOfOtherEvents)
         for (const AuditEvent event :
              {AuditEvent::SignIn, AuditEvent::PasswordRefused, AuditEvent::CodeRefused,
               AuditEvent::CodeReplayed, AuditEvent::CodeMailRefused, AuditEvent::CodeMailThrottled,
-              AuditEvent::CodeMailBusy, AuditEvent::SecondStepClosed, AuditEvent::SessionsEnded,
-              AuditEvent::AccountDisabled}) {
+              AuditEvent::CodeMailClosed, AuditEvent::CodeMailBusy, AuditEvent::SecondStepClosed,
+              AuditEvent::SessionsEnded, AuditEvent::AccountDisabled}) {
             Audit(event, alice);
         }
         Audit(AuditEvent::Enrolled, std::string_view("alice")); // nobody's account, as far as is known

@@ -2,6 +2,7 @@
 // go into the queue.
 #include "web/mail_places.h"
 
+#include "linux/attempts.h"
 #include "linux/audit.h"
 #include "linux/ids.h"
 #include "linux/mail_queue.h"
@@ -170,6 +171,22 @@ TEST_F(Emergency, TellsInTheAuditNeitherCodeNorAddress)
             }
         });
         EXPECT_GT(rows, 0);
+    });
+}
+
+TEST_F(Emergency, MailsNoCodeThatAClosedSecondStepWouldRefuse)
+{
+    AsWorker([] {
+        const Somebody alice = HalfSignedIn();
+        EXPECT_EQ(CodeResult::Wrong, Type(alice, "00000000"));
+        SigninDatabase().Prepare("UPDATE account_mark SET failures = 50").Run();
+        for (int i = 0; i < 5; ++i) {
+            EXPECT_EQ("403 otp_closed", Said(AskForCode(alice)));
+        }
+        EXPECT_TRUE(MailedCodes().empty());
+        EXPECT_TRUE(Audited().empty()) << "no row";
+        ASSERT_TRUE(OpenSecondStep(alice.account));
+        EXPECT_EQ("200", Said(AskForCode(alice))) << "none was counted";
     });
 }
 
