@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <span>
+#include <vector>
 
 namespace tavr
 {
@@ -49,14 +50,23 @@ int64_t WaitAfter(int failures)
     return std::min(kFirstWaitSeconds << doublings, kLongestWaitSeconds);
 }
 
-// Seconds until one more try is let through, of which `most` may lie within `seconds`. `earlier` has the boot
-// and the time of those before.
-int WaitOf(Statement& earlier, int most, int64_t seconds)
+// Of rows that have the boot and the time.
+std::vector<int64_t> TimesIn(Statement& rows)
+{
+    std::vector<int64_t> times;
+    while (rows.Step()) {
+        times.push_back(OnThisBoot(rows.Text(0), rows.Int(1)));
+    }
+    return times;
+}
+
+// Seconds until one more try is let through, of which `most` may lie within `seconds`.
+int WaitOf(const std::vector<int64_t>& earlier, int most, int64_t seconds)
 {
     int counted = 0;
     int shortest = static_cast<int>(seconds);
-    while (earlier.Step()) {
-        const int left = SecondsLeft(OnThisBoot(earlier.Text(0), earlier.Int(1)), seconds);
+    for (const int64_t time : earlier) {
+        const int left = SecondsLeft(time, seconds);
         if (left > 0) {
             ++counted;
             shortest = std::min(shortest, left);
@@ -133,7 +143,7 @@ int WaitOf(const Limit& limit)
 {
     Statement ask = SigninDatabase().Prepare("SELECT boot, at FROM password_try WHERE key = ?1");
     ask.BindBlob(1, limit.key);
-    return WaitOf(ask, limit.most, kPasswordSeconds);
+    return WaitOf(TimesIn(ask), limit.most, kPasswordSeconds);
 }
 
 int64_t Insert(const Limit& limit)
@@ -186,11 +196,12 @@ public:
 constexpr int64_t kHourSeconds = 60 * 60;
 constexpr int64_t kDaySeconds = 24 * kHourSeconds;
 
-int WaitOfMails(uint32_t account, int most, int64_t seconds)
+int WaitOfMails(uint32_t account)
 {
     Statement ask = SigninDatabase().Prepare("SELECT boot, at FROM code_mail WHERE account = ?1");
     ask.Bind(1, int64_t{account});
-    return WaitOf(ask, most, seconds);
+    const std::vector<int64_t> mails = TimesIn(ask);
+    return std::max(WaitOf(mails, kMailsAnHour, kHourSeconds), WaitOf(mails, kMailsADay, kDaySeconds));
 }
 
 // So an account never has more rows than a day lets through.
@@ -297,8 +308,7 @@ MailTry CountMail(uint32_t account)
     Database& db = SigninDatabase();
     MailTry counted;
     Transaction transaction(db);
-    counted.waitSeconds = std::max(WaitOfMails(account, kMailsAnHour, kHourSeconds),
-                                   WaitOfMails(account, kMailsADay, kDaySeconds));
+    counted.waitSeconds = WaitOfMails(account);
     if (counted.waitSeconds > 0) {
         return counted;
     }
