@@ -185,10 +185,13 @@ Password::~Password()
 
 // --- The service ---
 
-Json::Value AskService(const Json::Value& params, const std::string& runner)
+Json::Value AskService(const char* api, const char* method, Json::Value params, const std::string& runner)
 {
+    params["api"] = api;
+    params["method"] = method;
+    params["version"] = 1;
     Json::Value request;
-    request["params"] = params;
+    request["params"] = std::move(params);
     request["runner"]["username"] = runner;
     tavrdaemon::DomainSockConnection connection(kWebApiSocket);
     if (!connection.Connect()) {

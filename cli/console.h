@@ -88,9 +88,10 @@ private:
 
 // --- The service ---
 
-// Has tavr-webapid do something: a call of the web API (doc/webapi.md). Gives its whole answer; throws
-// Failure when there is none.
-Json::Value AskService(const Json::Value& params, const std::string& runner);
+// Has tavr-webapid do something: a call of the web API (doc/webapi.md), version 1, with the arguments in
+// `params`. Gives its whole answer; throws Failure when there is none.
+Json::Value AskService(const char* api, const char* method, Json::Value params,
+                       const std::string& runner = "");
 
 // Ends the command with what a refusal says about a mail that could not be sent.
 [[noreturn]] void FailUnsent(const Json::Value& refusal);

@@ -102,10 +102,8 @@ std::string TestAddress(const Account& owner, const MailAccount& account, const 
 // Ends the command with the mail server's own words when it does not take the mail.
 void SendTest(const Account& owner, Json::Value params)
 {
-    params["api"] = "TAVR.PersonMailAccount.Mail";
-    params["method"] = "test";
-    params["version"] = 1;
-    const Json::Value answer = AskService(params, owner.name);
+    const Json::Value answer =
+        AskService("TAVR.PersonMailAccount.Mail", "test", std::move(params), owner.name);
     if (answer["success"] != true) {
         FailUnsent(answer);
     }

@@ -177,11 +177,8 @@ void TestMailServer(const std::string& address)
         throw Failure(Exit::Failed, "no_mail_server", "no mail server is set up (see tavrctl mail server)");
     }
     Json::Value params;
-    params["api"] = "TAVR.Notification.Mail";
-    params["method"] = "test";
-    params["version"] = 1;
     params["to"] = address;
-    const Json::Value answer = AskService(params, "");
+    const Json::Value answer = AskService("TAVR.Notification.Mail", "test", std::move(params));
     if (answer["success"] != true) {
         FailUnsent(answer);
     }
