@@ -269,23 +269,26 @@ TEST_F(Queue, LosesNothingWhereverTheServiceIsKilled)
     const int mails = rounds * 8;
     std::atomic<pid_t> victim = 0;
     std::atomic<int> left = 0;
+    std::atomic<bool> anyMoment = false;
+    std::atomic<bool> hadAll = false;
     Kills kills;
-    std::string lastMoment;
     StartServer([&](std::string_view moment) {
         // Every other kill waits for a whole message.
-        if (victim > 0 && (kills.all % 2 == 0 || moment == "taken" || moment == "answered") && --left <= 0) {
-            lastMoment = moment;
+        const bool hasAll = moment == "taken" || moment == "answered";
+        if (victim > 0 && (anyMoment || hasAll) && --left <= 0) {
+            hadAll = hasAll;
             kill(victim, SIGKILL);
             victim = 0;
         }
     });
     QueueMails(mails);
     for (; kills.all < rounds; ++kills.all) {
-        left = 1 + kills.all % (kills.all % 2 == 0 ? 67 : 13);
+        anyMoment = kills.all % 2 == 0;
+        left = 1 + kills.all % (anyMoment ? 67 : 13);
         Service service;
         victim = service.Pid();
         ASSERT_EQ(-SIGKILL, service.Wait()) << "after " << kills.all << " kills";
-        kills.afterData += lastMoment == "taken" || lastMoment == "answered" ? 1 : 0;
+        kills.afterData += hadAll ? 1 : 0;
     }
     const auto before = States();
     ASSERT_GT(before.at("waiting"), 0) << "the queue was never empty";
