@@ -20,6 +20,7 @@
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 
 #include <atomic>
 #include <csignal>
@@ -29,6 +30,27 @@
 
 using namespace tavr;
 using namespace tavr::bench;
+
+namespace
+{
+
+// The flush of a virtual disk may come back before anything is safe. So what is measured against one is
+// measured twice: as the disk is, and with every flush taking a millisecond more, as a plain solid-state
+// disk's does.
+long g_flushTakes = 0; // nanoseconds more
+
+} // namespace
+
+// In place of the C library's, for SQLite too.
+extern "C" int fdatasync(int file)
+{
+    const auto result = static_cast<int>(syscall(SYS_fdatasync, file));
+    const timespec more{0, g_flushTakes};
+    if (g_flushTakes > 0) {
+        nanosleep(&more, nullptr);
+    }
+    return result;
+}
 
 namespace
 {
@@ -163,6 +185,16 @@ private:
     Shared* shared_ = nullptr;
 };
 
+template<typename Prepare, typename Case, typename Floor>
+void CompareOnBothDisks(const std::string& what, double goal, Prepare prepare, Case measured, Floor floor)
+{
+    for (const long more : {0L, 1'000'000L}) {
+        g_flushTakes = more;
+        Compare((what + (more > 0 ? ", 1 ms a flush" : "")).c_str(), goal, kRounds, prepare, measured, floor);
+    }
+    g_flushTakes = 0;
+}
+
 int TryInTurn(const Account& account, const std::string& code)
 {
     int accepted = 0;
@@ -193,23 +225,23 @@ int main(int /*argc*/, char** argv)
     PutSecretFile(subject.WaitingPath(), subject.references);
     renew();
     AskAsLibrary(subject, code); // confirms it
-    Compare(
-        "accepted code, confirming", 1.3, kRounds, renew, [&] { AskAsLibrary(subject, code); },
+    CompareOnBothDisks(
+        "accepted code, confirming", 1.3, renew, [&] { AskAsLibrary(subject, code); },
         [&] { FloorOf(subject, subject.WaitingPath(), code, floorDatabase); });
 
     const std::string place = SecretPath(subject.account.name);
     PutSecretFile(place, subject.references);
     Require(Settle(subject.account).enrolment == Enrolment::Yes, "settle");
-    Compare(
-        "accepted code, signing in (with settling)", 1.3, kRounds, renew,
+    CompareOnBothDisks(
+        "accepted code, signing in", 1.3, renew,
         [&] { Require(VerifyCode(subject.account, code).result == CodeResult::Accepted, "VerifyCode"); },
         [&] { FloorOf(subject, place, code, floorDatabase); });
 
     // What has to be durable at once: the accepted step with its counter, the session in place of the half
     // sign-in.
     std::optional<Session> half;
-    Compare(
-        "step two, from half sign-in to session", 1.3, kRounds,
+    CompareOnBothDisks(
+        "step two, half sign-in to session", 1.3,
         [&] {
             renew();
             half = FindSession(OpenPending(subject.account, SessionState::CodeRequired));
