@@ -3,6 +3,7 @@
 #include "linux/names.h"
 #include "platform/db.h"
 #include "tests/support/fresh_server.h"
+#include "tests/support/mails.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -19,18 +20,6 @@ namespace
 class MailAccounts : public FreshServer
 {
 };
-
-MailAccount Named(const std::string& alias, const std::string& password = "relay-pw")
-{
-    MailAccount account;
-    account.alias = alias;
-    account.server.host = "mail.office.example";
-    account.server.port = 587;
-    account.server.user = "alice@office.example";
-    account.server.password = password;
-    account.server.from = "alice@office.example";
-    return account;
-}
 
 std::string FileOf(const Account& account)
 {
@@ -71,7 +60,7 @@ TEST_F(MailAccounts, AreReadBackAsTheyWereAdded)
 {
     AsWorker([] {
         const Account alice = MakeAccount("alice");
-        MailAccount added = Named("büro", "pass \"wörd\"");
+        MailAccount added = OfficeAccount("büro", "pass \"wörd\"");
         added.server.security = MailSecurity::Tls;
         added.server.port = 465;
         EXPECT_EQ(AddedMailAccount::AddedAsDefault, AddMailAccount(alice, added));
@@ -96,7 +85,7 @@ TEST_F(MailAccounts, LieInAFileOfTheServicesOwnWithoutThePassword)
 {
     AsWorker([] {
         const Account alice = MakeAccount("alice");
-        AddMailAccount(alice, Named("home"));
+        AddMailAccount(alice, OfficeAccount("home"));
         struct stat entry {
         };
         ASSERT_EQ(0, stat(FileOf(alice).c_str(), &entry));
@@ -113,15 +102,15 @@ TEST_F(MailAccounts, HaveOneDefaultAtMost)
     AsWorker([] {
         const Account alice = MakeAccount("alice");
         EXPECT_EQ("", Listed(alice));
-        EXPECT_EQ(AddedMailAccount::AddedAsDefault, AddMailAccount(alice, Named("one")));
-        EXPECT_EQ(AddedMailAccount::Added, AddMailAccount(alice, Named("two")));
-        MailAccount third = Named("three");
+        EXPECT_EQ(AddedMailAccount::AddedAsDefault, AddMailAccount(alice, OfficeAccount("one")));
+        EXPECT_EQ(AddedMailAccount::Added, AddMailAccount(alice, OfficeAccount("two")));
+        MailAccount third = OfficeAccount("three");
         third.isDefault = true;
         EXPECT_EQ(AddedMailAccount::AddedAsDefault, AddMailAccount(alice, third));
         EXPECT_EQ("one three* two ", Listed(alice));
         EXPECT_EQ(1, DefaultRows(alice));
 
-        EXPECT_EQ(AddedMailAccount::No, AddMailAccount(alice, Named("two", "another")));
+        EXPECT_EQ(AddedMailAccount::No, AddMailAccount(alice, OfficeAccount("two", "another")));
         EXPECT_EQ("relay-pw", OpenMailAccount(alice, "smtp", "two")->server.password);
 
         EXPECT_TRUE(SetDefaultMailAccount(alice, "one"));
@@ -133,7 +122,7 @@ TEST_F(MailAccounts, HaveOneDefaultAtMost)
         EXPECT_FALSE(RemoveMailAccount(alice, "one"));
         EXPECT_EQ("three two ", Listed(alice));
         EXPECT_EQ(0, DefaultRows(alice));
-        EXPECT_EQ(AddedMailAccount::AddedAsDefault, AddMailAccount(alice, Named("four")));
+        EXPECT_EQ(AddedMailAccount::AddedAsDefault, AddMailAccount(alice, OfficeAccount("four")));
     });
 }
 
@@ -142,14 +131,14 @@ TEST_F(MailAccounts, BelongToOnePersonAlone)
     AsWorker([] {
         const Account alice = MakeAccount("alice");
         const Account bob = MakeAccount("bob");
-        AddMailAccount(alice, Named("home"));
+        AddMailAccount(alice, OfficeAccount("home"));
         EXPECT_EQ("", Listed(bob));
         EXPECT_FALSE(SetDefaultMailAccount(bob, "home"));
         EXPECT_FALSE(RemoveMailAccount(bob, "home"));
         EXPECT_FALSE(std::filesystem::exists(FileOf(bob)));
 
         // The file of one put into the folder of the other, and its row made the other's.
-        AddMailAccount(bob, Named("own"));
+        AddMailAccount(bob, OfficeAccount("own"));
         std::filesystem::copy_file(FileOf(alice), FileOf(bob),
                                    std::filesystem::copy_options::overwrite_existing);
         EXPECT_EQ("", Listed(bob));
@@ -163,7 +152,7 @@ TEST_F(MailAccounts, GiveThePasswordToNoOtherServerAndForNoOtherName)
 {
     AsWorker([] {
         const Account alice = MakeAccount("alice");
-        AddMailAccount(alice, Named("home"));
+        AddMailAccount(alice, OfficeAccount("home"));
         for (const char* change :
              {"server = 'evil.example'", "port = 25", "security = 'none'", "user_name = 'eve'",
               "alias = 'other'", "sealed_password = 'AAAA'", "sealed_password = 'no base-64'",
@@ -185,9 +174,9 @@ TEST_F(MailAccounts, AreNotOpenedWithoutTheMachineKey)
     std::filesystem::remove("/etc/tavr/otp.key");
     AsWorker([] {
         const Account alice = MakeAccount("alice");
-        EXPECT_THROW(AddMailAccount(alice, Named("home")), VaultError);
+        EXPECT_THROW(AddMailAccount(alice, OfficeAccount("home")), VaultError);
         EXPECT_EQ("", Listed(alice));
-        MailAccount open = Named("open", "");
+        MailAccount open = OfficeAccount("open", "");
         open.server.user.clear();
         EXPECT_EQ(AddedMailAccount::AddedAsDefault, AddMailAccount(alice, open));
         EXPECT_EQ("", OpenMailAccount(alice, "smtp", "open")->server.password);
@@ -198,7 +187,7 @@ TEST_F(MailAccounts, OfARemovedAccountAreGoneForTheNextOfTheName)
 {
     AsWorker([] {
         const Account alice = MakeAccount("alice");
-        AddMailAccount(alice, Named("home"));
+        AddMailAccount(alice, OfficeAccount("home"));
         EXPECT_TRUE(RemoveAccount(alice.uid).cleaned);
         const Account next = MakeAccount("alice");
         EXPECT_EQ("", Listed(next));
@@ -210,12 +199,12 @@ TEST_F(MailAccounts, ThatCannotBeReadAreAFaultAndNeverNone)
 {
     AsWorker([] {
         const Account alice = MakeAccount("alice");
-        AddMailAccount(alice, Named("home"));
+        AddMailAccount(alice, OfficeAccount("home"));
         WriteFile(FileOf(alice), "rubbish, and enough of it to be no database at all");
         EXPECT_THROW(MailAccountsOf(alice), DatabaseError);
         EXPECT_THROW(OpenMailAccount(alice, "smtp", "home"), DatabaseError);
         EXPECT_THROW(SetDefaultMailAccount(alice, "home"), DatabaseError);
-        EXPECT_THROW(AddMailAccount(alice, Named("two")), DatabaseError);
+        EXPECT_THROW(AddMailAccount(alice, OfficeAccount("two")), DatabaseError);
         std::filesystem::remove(FileOf(alice));
         std::filesystem::create_directory(FileOf(alice));
         EXPECT_THROW(MailAccountsOf(alice), DatabaseError);
@@ -226,7 +215,8 @@ TEST_F(MailAccounts, ThatCannotBeReadAreAFaultAndNeverNone)
 TEST_F(MailAccounts, AddedSideBySideHaveOneDefault)
 {
     AsWorker([] { MakeAccount("alice"); });
-    AsWorkers(6, [](int i) { AddMailAccount(*FindAccount("alice"), Named("a" + std::to_string(i))); });
+    AsWorkers(6,
+              [](int i) { AddMailAccount(*FindAccount("alice"), OfficeAccount("a" + std::to_string(i))); });
     AsWorker([] {
         const Account alice = *FindAccount("alice");
         EXPECT_EQ(6U, MailAccountsOf(alice).size());
@@ -287,7 +277,7 @@ TEST_F(MailAccounts, MayNameServersOnPrivateAddressesWhereTheSettingsAllowIt)
     std::filesystem::permissions("/etc/tavrinfo.conf", std::filesystem::perms(0644));
     AsWorker([] {
         const Account alice = MakeAccount("alice");
-        AddMailAccount(alice, Named("home"));
+        AddMailAccount(alice, OfficeAccount("home"));
         const MailAccount home = MailAccountsOf(alice).at(0);
         EXPECT_TRUE(home.server.privateAddresses);
         EXPECT_EQ("/etc/tavr/ca.pem", home.server.caFile);

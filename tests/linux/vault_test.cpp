@@ -13,6 +13,7 @@
 #include "platform/core.h"
 
 #include "tests/support/fresh_server.h"
+#include "tests/support/mails.h"
 
 #include <sodium.h>
 #include <sys/stat.h>
@@ -386,17 +387,9 @@ TEST_F(Vault, MakesNoKeyWhileMailsOrPasswordsAreSealed)
         ASSERT_TRUE(DropMail(1));
         EXPECT_EQ(MakeKey::Made, loseKey()) << "it is finished";
 
-        MailAccount office;
-        office.alias = "office";
-        office.server.host = "mail.office.example";
-        office.server.port = 587;
-        office.server.from = "alice@office.example";
-        AddMailAccount(alice, office);
+        AddMailAccount(alice, OfficeAccount("office", ""));
         EXPECT_EQ(MakeKey::Made, loseKey()) << "without a password";
-        office.alias = "home";
-        office.server.user = "alice";
-        office.server.password = "relay-pw";
-        AddMailAccount(alice, office);
+        AddMailAccount(alice, OfficeAccount("home"));
         EXPECT_EQ(MakeKey::RowsSealed, loseKey()) << "with a password";
     });
 }

@@ -3,6 +3,7 @@
 #include "linux/mail_accounts.h"
 
 #include "platform/json.h"
+#include "tests/support/mails.h"
 #include "tests/support/running_service.h"
 #include "tests/support/smtp_sink.h"
 
@@ -120,15 +121,11 @@ private:
     pid_t pid_ = -1;
 };
 
-MailAccount OfficeAccount(const std::string& password = "relay-pw")
+// At the sink.
+MailAccount SinkAccount(const std::string& password = "relay-pw")
 {
-    MailAccount account;
-    account.alias = "office";
+    MailAccount account = OfficeAccount("office", password);
     account.server.host = "localhost";
-    account.server.port = 587;
-    account.server.user = "alice@office.example";
-    account.server.password = password;
-    account.server.from = "alice@office.example";
     return account;
 }
 
@@ -168,7 +165,7 @@ const std::string kAdd = "mail-account add alice office --host localhost --user 
 TEST_F(MailCalls, SendThroughTheMailAccountThatTheyName)
 {
     AsWorker([] {
-        AddMailAccount(*FindAccount("alice"), OfficeAccount());
+        AddMailAccount(*FindAccount("alice"), SinkAccount());
         const Json::Value answer = Call(SendParams());
         EXPECT_TRUE(answer["success"].asBool()) << answer.toStyledString();
         EXPECT_EQ(250, answer["data"]["reply"].asInt());
@@ -197,7 +194,7 @@ TEST_F(MailCalls, GoThroughAMailServerThatIsInUse)
                                std::filesystem::copy_options::overwrite_existing);
     const Exim exim(certificates);
     AsWorker([] {
-        AddMailAccount(*FindAccount("alice"), OfficeAccount());
+        AddMailAccount(*FindAccount("alice"), SinkAccount());
         Json::Value answer = Call(SendParams());
         for (int i = 0; i < 100 && answer["error"]["reply"] == 0; ++i) { // until it listens
             usleep(50'000);
@@ -242,7 +239,7 @@ TEST_F(MailCalls, TakeNoArgumentsThatAreNotAsTheyShouldBe)
         {"app_title", std::string(201, 'x')},
     };
     AsWorker([&] {
-        AddMailAccount(*FindAccount("alice"), OfficeAccount());
+        AddMailAccount(*FindAccount("alice"), SinkAccount());
         for (const auto& [name, value] : changes) {
             Json::Value params = SendParams();
             params[name] = value;
@@ -276,7 +273,7 @@ TEST_F(MailCalls, SayWhyAServerTookNoMail)
          0,
          "SSL certificate problem: unable to get local issuer certificate"},
     };
-    AsWorker([] { AddMailAccount(*FindAccount("alice"), OfficeAccount()); });
+    AsWorker([] { AddMailAccount(*FindAccount("alice"), SinkAccount()); });
     for (const Case& row : cases) {
         StartSink(SinkWith(row.options));
         AsWorker([&] {
@@ -293,7 +290,7 @@ TEST_F(MailCalls, UseNoRowThatSomebodyHasChanged)
 {
     AsWorker([] {
         const Account alice = *FindAccount("alice");
-        AddMailAccount(alice, OfficeAccount());
+        AddMailAccount(alice, SinkAccount());
         const std::string file = "/usr/tavr/etc/preference/alice/emailaccount.db";
         RunSql(file, "UPDATE emailaccountinfo SET server = '127.0.0.1'");
         EXPECT_EQ(21, CodeIn(Call(SendParams()))) << "another server";
@@ -309,7 +306,7 @@ TEST_F(MailCalls, ReachNoPrivateAddressUnlessTheSettingsAllowIt)
 {
     Settings("mail_ca_file=\"/etc/tavr/ca.pem\"\n");
     AsWorker([] {
-        AddMailAccount(*FindAccount("alice"), OfficeAccount());
+        AddMailAccount(*FindAccount("alice"), SinkAccount());
         const Json::Value answer = Call(SendParams());
         EXPECT_EQ(30, CodeIn(answer));
         EXPECT_EQ("the server stands on a private address", answer["error"]["text"].asString());
@@ -334,7 +331,7 @@ std::vector<Descriptor> StartSending(int count)
 TEST_F(MailCalls, OfAServerThatHangsDelayNobodyElse)
 {
     StartSink(SinkWith({"--fault", "hang-data"}));
-    AsWorker([] { AddMailAccount(*FindAccount("alice"), OfficeAccount()); });
+    AsWorker([] { AddMailAccount(*FindAccount("alice"), SinkAccount()); });
     const Descriptor hanging = std::move(StartSending(1)[0]);
     for (int i = 0; i < 500 && (sink_->Commands().empty() || sink_->Commands().back() != "DATA"); ++i) {
         usleep(10'000);
@@ -349,7 +346,7 @@ TEST_F(MailCalls, OfAServerThatHangsDelayNobodyElse)
 TEST_F(MailCalls, AreSixtyFourAtOnceForFifteenSecondsAtMost)
 {
     StartSink(SinkWith({"--fault", "hang-data"}));
-    AsWorker([] { AddMailAccount(*FindAccount("alice"), OfficeAccount()); });
+    AsWorker([] { AddMailAccount(*FindAccount("alice"), SinkAccount()); });
     const std::vector<Descriptor> calls = StartSending(64);
     EXPECT_EQ(2, CodeIn(Ask(GetRequest("alice")))) << "one too many";
 
@@ -364,7 +361,7 @@ TEST_F(MailCalls, AreSixtyFourAtOnceForFifteenSecondsAtMost)
 TEST_F(MailCalls, ThatTakeAllDescriptorsDelayOthersAndNoMore)
 {
     StartSink(SinkWith({"--fault", "hang-data"}));
-    AsWorker([] { AddMailAccount(*FindAccount("alice"), OfficeAccount()); });
+    AsWorker([] { AddMailAccount(*FindAccount("alice"), SinkAccount()); });
     service_.reset();
     service_.emplace([] { LimitFiles(64); });
     service_->UntilServed();

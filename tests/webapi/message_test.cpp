@@ -2,6 +2,7 @@
 
 #include "linux/mail_settings.h"
 
+#include "tests/support/mails.h"
 #include "tests/support/smtp_sink.h"
 
 #include <gtest/gtest.h>
@@ -9,22 +10,12 @@
 #include <sstream>
 
 using namespace tavr::webapi;
+using tavr::test::EasyMail;
 
 namespace
 {
 
 constexpr char kFrom[] = "storage@office.example";
-
-Mail EasyMail()
-{
-    Mail mail;
-    mail.to = "alice@home.example";
-    mail.subject = "Your emergency code";
-    mail.html = "Hello alice,<br><br>12345678";
-    mail.messageId = "<1@nas.example>";
-    mail.date = 1'795'283'999;
-    return mail;
-}
 
 std::vector<std::string> HeaderNames(const Json::Value& read)
 {

@@ -1,5 +1,6 @@
 #include "webapi/smtp.h"
 
+#include "tests/support/mails.h"
 #include "tests/support/smtp_sink.h"
 
 #include <arpa/inet.h>
@@ -20,12 +21,9 @@ namespace
 
 Mail SomeMail()
 {
-    Mail mail;
-    mail.to = "alice@home.example";
+    Mail mail = test::EasyMail();
     mail.subject = "Grüße";
     mail.html = "Code:<br>.12345678<br>.";
-    mail.messageId = "<1@nas.example>";
-    mail.date = 1'795'283'999;
     return mail;
 }
 
