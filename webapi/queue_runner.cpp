@@ -22,6 +22,7 @@ constexpr size_t kTakenAtOnce = 512;
 constexpr int64_t kLookAgainSeconds = 60; // while something waits
 constexpr int64_t kPauseSeconds = 60;     // after a server could not be reached
 constexpr std::chrono::seconds kStoreAgain{5};
+constexpr std::chrono::seconds kStartAgain{5};
 constexpr std::chrono::seconds kKeepIdle{5}; // a thread, and its connection
 
 // False: there was no server to decide about it.
@@ -165,9 +166,13 @@ void QueueRunner::StartSenders()
             desk_.server.reset(); // its password is not kept for nothing
         }
     }
-    for (; wanted > 0 && senders_ < kMostAtOnce; --wanted) {
-        transfers_.Start([this] { SendThem(); }, [this] { --senders_; });
-        ++senders_;
+    try {
+        for (; wanted > 0 && senders_ < kMostAtOnce; --wanted) {
+            transfers_.Start([this] { SendThem(); }, [this] { --senders_; });
+            ++senders_;
+        }
+    } catch (const std::exception& error) {
+        syslog(LOG_ERR, "mail queue: %s", error.what());
     }
 }
 
@@ -195,6 +200,8 @@ milliseconds QueueRunner::UntilNext() const
     }
     if (desk_.unreachable) {
         sooner(milliseconds(1000 * (pausedUntil_ - now)));
+    } else if (senders_ == 0 && !desk_.waiting.empty()) { // no thread could be started
+        sooner(kStartAgain);
     } else if (lookAt_ >= 0 && desk_.waiting.size() < desk_.few && desk_.unstored < kMostUnstored) {
         sooner(milliseconds(1000 * (lookAt_ - now)));
     }
