@@ -2,7 +2,6 @@
 #include "web/enforce_request.h"
 #include "web/handlers.h"
 
-#include "linux/audit.h"
 #include "linux/enrolment.h"
 #include "linux/error.h"
 #include "linux/names.h"
@@ -16,8 +15,10 @@
 #include "platform/core.h"
 #include "platform/json.h"
 
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace tavr::web
 {
@@ -45,6 +46,22 @@ std::optional<Answer> RefuseUntilEnrolled(const Account& administrator)
     return Unavailable();
 }
 
+// What stands in the picks' file, for the option that looks at it; empty when that cannot be told.
+std::optional<Json::Value> PicksFor(std::string_view option)
+{
+    Json::Value picks;
+    if (option == "custom") {
+        const PolicyReading policy;
+        if (policy.Usable()) {
+            JsonFromFile(kPolicyFile, picks); // none where there is no file
+        }
+        if (!policy.Usable() || !policy.Unchanged()) {
+            return std::nullopt;
+        }
+    }
+    return picks;
+}
+
 Answer ListFailed()
 {
     if (CurrentRequest().fault != Fault::None) {
@@ -60,18 +77,14 @@ Answer ListFailed()
 
 Answer ShowOption(Call& /*call*/)
 {
-    const PolicyReading policy;
     const std::string option = PolicyOption();
-    Json::Value picks;
-    if (option == "custom" && policy.Usable()) {
-        JsonFromFile(kPolicyFile, picks); // none where there is no file
-    }
-    if (!SettingsKnown() || (option == "custom" && !(policy.Usable() && policy.Unchanged()))) {
+    const std::optional<Json::Value> picks = PicksFor(option);
+    if (!SettingsKnown() || !picks) {
         return PolicyUnavailable();
     }
     Answer answer = Success();
     answer.body["option"] = option;
-    answer.body["not_enrolled"] = Json::Int64{CountNotEnrolled(option, picks)};
+    answer.body["not_enrolled"] = Json::Int64{CountNotEnrolled(option, *picks)};
     return answer;
 }
 

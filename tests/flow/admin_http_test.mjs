@@ -270,8 +270,14 @@ describe("a file of picks", () => {
     assertRefused(await ada.get("/api/enforce/list?type=local_user"), 503, "policy_unavailable");
     assertRefused(await ada.get("/api/enforce/option"), 503, "policy_unavailable");
     assertRefused(await set("local_user", { 1026: true }), 503, "policy_unavailable");
+    // What does not look at the picks can be chosen, and is known.
+    assert.equal((await choose("admin")).status, 200);
+    assert.deepEqual(await option(), { success: true, option: "admin", not_enrolled: 1 });
+    assertRefused(await choose("custom"), 503, "policy_unavailable");
+    assert.equal((await option()).option, "admin");
     assert.equal(readFileSync(kPicks, "utf8"), "{");
     renameSync(`${copy}.away`, copy);
+    assert.equal((await choose("custom")).status, 200);
     assert.equal((await option()).option, "custom");
     await choose("none");
   });
