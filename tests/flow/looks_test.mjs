@@ -81,7 +81,7 @@ for (const { width, colorScheme } of kWindows) {
 
 test("without scripts the pages say what they need", async (t) => {
   const page = await visit(t, { javaScriptEnabled: false });
-  for (const path of ["/", "/settings"]) {
+  for (const path of ["/", "/settings", "/admin"]) {
     await page.goto(path);
     assert.match(await page.innerText("main"), /needs JavaScript/);
   }

@@ -41,7 +41,7 @@ async function start() {
     byId("not-admin").hidden = false;
     return;
   }
-  list = new List({ onRefused: refused, onChanged: picksChanged, onReset: openReset });
+  list = new List({ user: session.user, onRefused: refused, onChanged: picksChanged, onReset: openReset });
   await Promise.all([showOption(), showOwnState()]);
 }
 

@@ -23,10 +23,10 @@ export class List {
   #timer = 0;
   #saving = Promise.resolve();
 
-  // `onRefused` is told of an answer that is no success, and how to say it here; `onChanged` that picks were saved;
-  // `onReset` whose second step is to go.
-  constructor({ onRefused, onChanged, onReset }) {
-    Object.assign(this, { onRefused, onChanged, onReset });
+  // `user` is whose page it is: a second step of one's own is switched off elsewhere. `onRefused` is told of an answer
+  // that is no success, and how to say it here; `onChanged` that picks were saved; `onReset` whose second step is to go.
+  constructor({ user, onRefused, onChanged, onReset }) {
+    Object.assign(this, { user, onRefused, onChanged, onReset });
     byId("search-form").addEventListener("submit", (event) => {
       event.preventDefault();
       this.#search(0);
@@ -179,12 +179,14 @@ export class List {
     part("demands").checked = row.is_enforced;
     part("demands").setAttribute("aria-label", text("admin:demand_row", { name }));
     part("demands").addEventListener("change", ({ target }) => this.#setRow(row, target));
-    if (this.#type.endsWith("_user")) {
+    if (!this.#type.endsWith("_user")) {
+      made.querySelector("td.reset").remove();
+    } else if (row.name === this.user) {
+      part("resets").remove();
+    } else {
       part("resets").textContent = text("admin:reset");
       part("resets").setAttribute("aria-label", text("admin:reset_row", { name }));
       part("resets").addEventListener("click", () => this.onReset(row.name));
-    } else {
-      made.querySelector("td.reset").remove();
     }
     return made;
   }
