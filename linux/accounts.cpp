@@ -62,8 +62,8 @@ ALTER TABLE account ADD COLUMN generation INTEGER NOT NULL DEFAULT 0;
 )",
 };
 
-// The last migration: what lists are searched by (account_list.cpp), for both tables alike. `folded` is name
-// and description as search_text() has them; a gram is what stands in it from one character on, eight
+// The fourth migration: what lists are searched by (account_list.cpp), for both tables alike. `folded` is
+// name and description as search_text() has them; a gram is what stands in it from one character on, eight
 // characters or up to its end. Triggers, so that no way of changing a row leaves its grams behind.
 constexpr char kListTables[] = R"(
 CREATE TABLE text_position (at INTEGER PRIMARY KEY) STRICT;
@@ -99,6 +99,26 @@ CREATE TRIGGER $table_removed AFTER DELETE ON $table BEGIN
         (SELECT substr(old.folded, at, 8) FROM text_position WHERE at <= length(old.folded));
     UPDATE list_size SET number = number - 1 WHERE list = '$table';
 END;
+)";
+
+// The fifth: numbers of what stands in directories (directory_numbers.cpp). Far above those that local
+// accounts will ever reach, so that one number means one account; rows stay, so that none is given twice.
+constexpr char kDirectoryTables[] = R"(
+CREATE TABLE directory_account (
+    uid INTEGER PRIMARY KEY AUTOINCREMENT CHECK (uid BETWEEN 2000000000 AND 4294967293),
+    kind INTEGER NOT NULL CHECK (kind IN (2, 8)),
+    id TEXT NOT NULL,                      -- the directory's own, which neither renaming nor moving changes
+    name TEXT UNIQUE,                      -- canonical, as last seen; null: another one has it by now
+    UNIQUE (kind, id)
+) STRICT;
+CREATE TABLE directory_group (
+    gid INTEGER PRIMARY KEY AUTOINCREMENT CHECK (gid BETWEEN 2000000000 AND 4294967293),
+    kind INTEGER NOT NULL CHECK (kind IN (2, 8)),
+    id TEXT NOT NULL,
+    UNIQUE (kind, id)
+) STRICT;
+INSERT INTO sqlite_sequence (name, seq) VALUES
+    ('directory_account', 1999999999), ('directory_group', 1999999999);
 )";
 
 std::string SearchedTable(const char* table, const char* number, const char* grams)
@@ -247,19 +267,6 @@ bool MakeFolder(const Account& account)
     return fsync(folder.Get()) == 0 && (!made || fsync(parent.Get()) == 0);
 }
 
-// Deletes what a preference directory's place holds; links are removed, not followed.
-bool DeletePreferences(const std::string& name)
-{
-    const EffectiveIds service = EffectiveIds::Service();
-    std::error_code problem;
-    std::filesystem::remove_all(PreferencePath(name), problem);
-    if (problem) {
-        syslog(LOG_ERR, "cannot delete the preference directory of %s: %s", name.c_str(),
-               problem.message().c_str());
-    }
-    return service.Changed() && !problem;
-}
-
 bool IsNameGiven(Database& db, const std::string& name)
 {
     return db.Prepare("SELECT 1 FROM account WHERE name = ?").Bind(1, name).Step();
@@ -324,14 +331,41 @@ Database& AccountsDatabase()
     static const std::vector<const char*> migrations = [] {
         std::vector<const char*> all(std::begin(kMigrations), std::end(kMigrations));
         all.push_back(lists.c_str());
+        all.push_back(kDirectoryTables);
         return all;
     }();
     static Database database(kAccountsDatabase, migrations, AddSearchText);
     return database;
 }
 
+namespace
+{
+
+// `sql` selects uid, name and kind by one value.
+template<class Key>
+std::optional<Account> FindDirectoryAccount(const char* sql, Key key)
+{
+    Statement find = AccountsDatabase().Prepare(sql);
+    find.Bind(1, key);
+    if (!find.Step()) {
+        return std::nullopt;
+    }
+    Account account;
+    account.uid = static_cast<uint32_t>(find.Int(0));
+    account.gid = kNoGroup;
+    account.name = find.Text(1);
+    account.kind = static_cast<int>(find.Int(2));
+    return account;
+}
+
+} // namespace
+
 std::optional<Account> FindAccount(std::string_view canonicalName)
 {
+    if (IsDirectoryName(canonicalName)) {
+        return FindDirectoryAccount("SELECT uid, name, kind FROM directory_account WHERE name = ?",
+                                    canonicalName);
+    }
     Statement find = AccountsDatabase().Prepare("SELECT " ACCOUNT_COLUMNS " FROM account WHERE name = ?");
     find.Bind(1, canonicalName);
     return find.Step() ? std::optional(ReadAccount(find)) : std::nullopt;
@@ -339,6 +373,10 @@ std::optional<Account> FindAccount(std::string_view canonicalName)
 
 std::optional<Account> FindAccount(uint32_t uid)
 {
+    if (uid >= kFirstDirectoryNumber) {
+        return FindDirectoryAccount(
+            "SELECT uid, name, kind FROM directory_account WHERE uid = ? AND name IS NOT NULL", int64_t{uid});
+    }
     Statement find = AccountsDatabase().Prepare("SELECT " ACCOUNT_COLUMNS " FROM account WHERE uid = ?");
     find.Bind(1, uid);
     return find.Step() ? std::optional(ReadAccount(find)) : std::nullopt;
@@ -441,8 +479,7 @@ const char* LocalNameProblem(std::string_view canonicalName)
     if (CanonicalName(canonicalName) != canonicalName) {
         return "not a name in its canonical spelling";
     }
-    const bool local = canonicalName.find_first_of("\\@") == std::string_view::npos;
-    return local ? nullptr : "the name of a directory's account";
+    return IsDirectoryName(canonicalName) ? "the name of a directory's account" : nullptr;
 }
 
 std::optional<Account> AddAccount(const NewAccount& account, std::string_view password)
@@ -568,6 +605,33 @@ bool JoinGroup(const Account& account, const Group& group)
 bool LeaveGroup(const Account& account, const Group& group)
 {
     return ChangeMembership("DELETE FROM membership WHERE uid = ? AND gid = ?", account, group);
+}
+
+// Links are removed, not followed.
+bool DeletePreferences(const std::string& name)
+{
+    const EffectiveIds service = EffectiveIds::Service();
+    std::error_code problem;
+    std::filesystem::remove_all(PreferencePath(name), problem);
+    if (problem) {
+        syslog(LOG_ERR, "cannot delete the preference directory of %s: %s", name.c_str(),
+               problem.message().c_str());
+    }
+    return service.Changed() && !problem;
+}
+
+bool MovePreferences(const std::string& from, const std::string& to)
+{
+    const EffectiveIds service = EffectiveIds::Service();
+    if (!service.Changed()) {
+        return false;
+    }
+    if (rename(PreferencePath(from).c_str(), PreferencePath(to).c_str()) != 0 && errno != ENOENT) {
+        syslog(LOG_ERR, "cannot move the preference directory of %s to that of %s: %m", from.c_str(),
+               to.c_str());
+        return false;
+    }
+    return true;
 }
 
 bool MakePreferenceDirectory(const Account& account)

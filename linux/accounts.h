@@ -1,4 +1,5 @@
-// The account store: local users and groups in SQLite, for the platform's calls and for the console.
+// The account store: local users and groups in SQLite, for the platform's calls and for the console; and
+// directories' accounts as far as they are known here.
 //
 // Numbers are given once and never again. Every function throws DatabaseError when the store cannot be used.
 #pragma once
@@ -35,18 +36,24 @@ struct Account {
 
 inline constexpr char kUsers[] = "users"; // the primary group of every local account
 
+// Numbers of directories' accounts and groups begin here.
+inline constexpr uint32_t kFirstDirectoryNumber = 2'000'000'000;
+inline constexpr uint32_t kNoGroup = 65534; // a directory's account has no primary group here
+
 inline constexpr size_t kMaxPassword = 511; // bytes: crypt's limit
 inline constexpr size_t kMaxMail = 254;
 inline constexpr size_t kMaxDescription = 1024;
 
 // --- Asking ------------------------------------------------------------------------------------------------
 
-// Empty when there is no such account.
+// Empty when there is no such account. Asks no directory: of a directory's account, whose name has a "@" or a
+// backslash, this is number, name and kind as they were last seen (directory_numbers.h).
 std::optional<Account> FindAccount(std::string_view canonicalName);
 std::optional<Account> FindAccount(uint32_t uid);
 
-// The account if the password is right, else empty. An unknown name and a disabled account cost the work of a
-// wrong password. An empty password, one beyond kMaxPassword and one that holds a NUL are never right.
+// The local account if the password is right, else empty. An unknown name and a disabled account cost the
+// work of a wrong password. An empty password, one beyond kMaxPassword and one that holds a NUL are never
+// right.
 std::optional<Account> CheckPassword(std::string_view canonicalName, std::string_view password);
 
 // In the order of their names.
@@ -111,8 +118,16 @@ bool RemoveGroup(
 bool JoinGroup(const Account& account, const Group& group);  // false: was a member already
 bool LeaveGroup(const Account& account, const Group& group); // false: was none
 
-// Makes the account's preference directory if it is not there, with the service's ids (raised or not when
-// called); false when it could not be made. Called after the first accepted password.
+// --- Preference directories --------------------------------------------------------------------------------
+
+// With the service's ids, raised or not when called. False: it could not be done; the log says why.
+
+// Makes the account's if it is not there. Called after the first accepted password.
 bool MakePreferenceDirectory(const Account& account);
+
+// Deletes what stands at a name's place; and moves what stands at one to another, which is free. Nothing to
+// delete or move is done too. For who gives names, in the transaction that does.
+bool DeletePreferences(const std::string& name);
+bool MovePreferences(const std::string& from, const std::string& to);
 
 } // namespace tavr

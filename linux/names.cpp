@@ -213,6 +213,11 @@ std::optional<std::string> CanonicalName(std::string_view typed)
     return ArrangeParts(std::string(Trim(*folded)));
 }
 
+bool IsDirectoryName(std::string_view canonicalName)
+{
+    return canonicalName.find_first_of("\\@") != std::string_view::npos;
+}
+
 std::optional<std::string> SearchText(std::string_view text)
 {
     return Fold(text);

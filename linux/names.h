@@ -20,6 +20,9 @@ inline constexpr size_t kMaxName = 492;
 // ASCII domain before a backslash, which is upper case. A canonical name is its own canonical spelling.
 std::optional<std::string> CanonicalName(std::string_view typed);
 
+// Whether a canonical name is that of a directory's account or group: one of the two forms with a domain.
+bool IsDirectoryName(std::string_view canonicalName);
+
 // What a text is searched by: letters of usual width, composed and lower case, as in a name, and everything
 // else as it is. Empty for what is not UTF-8.
 std::optional<std::string> SearchText(std::string_view text);

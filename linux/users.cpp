@@ -97,7 +97,7 @@ int WithAccount(const char* name, Use use)
         if (!canonical) {
             return Fail(Error::BadName);
         }
-        if (canonical->find_first_of("\\@") != std::string::npos) {
+        if (tavr::IsDirectoryName(*canonical)) {
             return Fail(Error::DirectoryNotConfigured);
         }
         auto account = tavr::FindAccount(*canonical);
@@ -138,7 +138,7 @@ int WithGroup(const char* name, Use use)
         if (!canonical) {
             return Fail(Error::BadName);
         }
-        if (canonical->find_first_of("\\@") != std::string::npos) {
+        if (tavr::IsDirectoryName(*canonical)) {
             return Fail(Error::DirectoryNotConfigured);
         }
         const auto group = tavr::FindGroup(*canonical);

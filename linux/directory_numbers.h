@@ -1,0 +1,35 @@
+// Numbers of what stands in directories: every account and every group gets one of the platform's own, by the
+// identifier that the directory gives it once (entryUUID, SID), and never one that another has had. Renaming
+// and moving change nothing about it; what was removed and made anew is somebody else.
+//
+// Of accounts the name is kept too, so that sessions, secrets and the console find them without the
+// directory. Functions throw DatabaseError when the store cannot be used.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace tavr
+{
+
+struct DirectoryEntry {
+    std::string id;   // stable
+    std::string name; // canonical
+};
+
+// The numbers of accounts, in their order. A name goes with one number, so an account whose name stands with
+// another one gets none here: somebody has to ask the directory whose it is.
+std::vector<std::optional<uint32_t>> NumbersOfAccounts(int kind, std::span<const DirectoryEntry> entries);
+
+// The number of an account whose name is its own and nobody else's, as the directory has just said. A former
+// owner of the name loses it, and what its preference directory holds is deleted; an account that is called
+// otherwise by now takes its own along.
+uint32_t NumberOfAccount(int kind, const DirectoryEntry& entry);
+
+// The numbers of groups, by their identifiers.
+std::vector<uint32_t> NumbersOfGroups(int kind, std::span<const std::string> ids);
+
+} // namespace tavr
