@@ -1,0 +1,129 @@
+// LDAP (RFC 4511) through libldap: what a directory is reached with, and a connection whose every wait ends.
+//
+// Failure is an exception here, as in database.h: what a directory did not say is not known. Nothing that a
+// server sends is believed beyond what is asked: sizes, numbers and times are bounded, referrals not
+// followed.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct ldap;
+struct ldapmsg;
+
+namespace tavr
+{
+
+// Which step failed; the text says what happened.
+enum class LdapStep { Settings, Connect, Encrypt, Bind, Search };
+
+class LdapError : public std::runtime_error
+{
+public:
+    LdapError(LdapStep failed, const std::string& text) : std::runtime_error(text), step(failed) {}
+    const LdapStep step;
+};
+
+struct LdapServer {
+    std::string uri; // ldap://host[:port] or ldaps://host[:port]
+    std::string host;
+    int port = 0;
+    bool tls = false; // from the first byte on
+};
+
+struct LdapSettings {
+    std::vector<LdapServer> servers; // tried in this order
+    std::string realm;               // what stands behind the "@" of accounts and groups, canonical
+    bool startTls = true;            // on a server without tls; false sends passwords in the open
+    std::string caFile;
+    std::string bindName; // empty: anonymous
+    std::string bindPassword;
+    std::string userBase, groupBase;
+    std::string userFilter, groupFilter;
+    std::string idAttribute;
+    std::string userName, userDescription, userMail;
+    std::string groupName, groupDescription, groupMember;
+};
+
+// From the settings ldap_* (doc/ldap.md has them all) and the secret ldap_bind_password. Empty: no directory
+// is set up. Throws LdapError where one is, but not so that it could be used.
+std::optional<LdapSettings> ReadLdapSettings();
+
+// A text as a value in a filter, in which it stands for itself (RFC 4515 section 3).
+std::string FilterValue(std::string_view text);
+
+// One entry that a search has found; valid during the call that it is handed to.
+class LdapEntry
+{
+public:
+    LdapEntry(ldap* connection, ldapmsg* entry) : connection_(connection), entry_(entry) {}
+    [[nodiscard]] std::string Dn() const;
+    // At most 1,000 of them; those longer than 4 KiB are left out.
+    [[nodiscard]] std::vector<std::string> Values(const std::string& attribute) const;
+
+private:
+    ldap* connection_;
+    ldapmsg* entry_;
+};
+
+struct LdapSearch {
+    std::string base;
+    std::string filter;
+    std::vector<std::string> attributes;
+    bool baseOnly = false; // the entry `base` itself, which need not be there; else all below it
+    int most = 0;          // more entries are not asked for; 0: all of them, page by page
+};
+
+class LdapConnection
+{
+public:
+    // To the first server that can be used; the one that was, the last time, comes first. All that this
+    // connection does takes no longer than ten seconds from now.
+    explicit LdapConnection(const LdapSettings& settings);
+    ~LdapConnection();
+    LdapConnection(const LdapConnection&) = delete;
+    LdapConnection& operator=(const LdapConnection&) = delete;
+
+    // As the settings' account. `pageDone` is called between two pages and at the end; no search is under way
+    // then.
+    using EachEntry = std::function<void(const LdapEntry& entry)>;
+    void Search(const LdapSearch& search, const EachEntry& each, const std::function<void()>& pageDone = {});
+
+    // Whether the password opens the entry. An empty one is never sent: to servers it means "nobody".
+    bool IsPassword(const std::string& dn, std::string_view password);
+
+    [[nodiscard]] const LdapServer& Server() const { return *server_; }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    struct Unbind {
+        void operator()(ldap* connection) const noexcept;
+    };
+    struct FreeMessage {
+        void operator()(ldapmsg* message) const noexcept;
+    };
+    using Message = std::unique_ptr<ldapmsg, FreeMessage>;
+
+    void Open(const LdapServer& server);
+    void Encrypt();
+    void BindAsService();
+    int Bind(const std::string& dn, std::string_view password, std::string& said);
+    Message Next(int id, LdapStep step);
+    std::string SearchPage(const LdapSearch& search, const std::string& cookie, const EachEntry& each,
+                           int64_t& count);
+
+    LdapSettings settings_;
+    const Clock::time_point end_;
+    Clock::time_point stepEnd_; // of what is under way; never later than end_
+    const LdapServer* server_ = nullptr;
+    std::unique_ptr<ldap, Unbind> ldap_;
+    bool isService_ = false; // who the server takes us for
+};
+
+} // namespace tavr
