@@ -6,6 +6,7 @@
 #include "linux/accounts.h"
 #include "linux/database.h"
 #include "linux/error.h"
+#include "linux/ldap_accounts.h"
 #include "linux/names.h"
 #include "linux/request.h"
 #include "linux/session.h"
@@ -43,11 +44,13 @@ int NotKnown(tavr::Fault fault, const char* what)
     return kNotKnown;
 }
 
-// The account whose password it is; empty when refused. Throws DatabaseError.
+// The account whose password it is; empty when refused. Throws DatabaseError and LdapError.
 std::optional<Account> Authenticate(const TavrLogin& login)
 {
     tavr::Request& request = tavr::CurrentRequest();
-    std::optional<Account> account = tavr::CheckPassword(login.user, login.password);
+    std::optional<Account> account = tavr::IsLdapName(login.user)
+                                         ? tavr::CheckLdapPassword(login.user, login.password)
+                                         : tavr::CheckPassword(login.user, login.password);
     request.passwordCompared = true;
     if (account) {
         request.passwordOf = account->uid;
@@ -114,6 +117,8 @@ int TavrCgiLogin(TavrCgi* cgi, char* sid, int size, TavrLogin* login)
         return Login(sid, *login);
     } catch (const tavr::DatabaseError& error) {
         return NotKnown(tavr::Fault::AccountsUnavailable, error.what());
+    } catch (const tavr::LdapError& error) {
+        return NotKnown(tavr::Fault::DirectoryUnavailable, error.what());
     } catch (const std::exception& error) {
         return NotKnown(tavr::Fault::StateUnavailable, error.what());
     }
@@ -132,6 +137,8 @@ int TavrCgiTestLoginEx2(TavrLogin* login, void* /*reserved1*/, void* /*reserved2
         return refusePending != 0 && tavr::SecondStepMissing(*account) ? kSecondStepMissing : kAccepted;
     } catch (const tavr::DatabaseError& error) {
         return NotKnown(tavr::Fault::AccountsUnavailable, error.what());
+    } catch (const tavr::LdapError& error) {
+        return NotKnown(tavr::Fault::DirectoryUnavailable, error.what());
     } catch (const std::exception& error) {
         return NotKnown(tavr::Fault::StateUnavailable, error.what());
     }

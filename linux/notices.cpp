@@ -1,6 +1,7 @@
 #include "linux/notices.h"
 
 #include "linux/accounts.h"
+#include "linux/ldap_accounts.h"
 #include "linux/mail_queue.h"
 #include "linux/mail_settings.h"
 #include "linux/mail_templates.h"
@@ -30,14 +31,25 @@ std::string TimeText(int64_t time)
     return text;
 }
 
+// The recovery address on file. A directory is asked for it only now, when the request's answer is out.
+std::string AddressOf(const Account& account)
+{
+    if (account.kind != kKindLdap) {
+        return account.mail;
+    }
+    const std::optional<Account> found = FindLdapAccount(account.name);
+    return found ? found->mail : "";
+}
+
 void Queue(const Request::Notice& notice)
 {
     const std::optional<Account> account = FindAccount(notice.account);
     if (!account) {
         return;
     }
-    const std::string address = notice.address.value_or(account->mail);
-    const bool unchanged = notice.address == account->mail;
+    const std::string onFile = AddressOf(*account);
+    const std::string address = notice.address.value_or(onFile);
+    const bool unchanged = notice.address == onFile;
     if (unchanged || !IsMailAddress(address)) {
         return;
     }

@@ -36,6 +36,8 @@ const char* FaultText(Fault fault)
         return "account store cannot be read";
     case Fault::MailNotQueued:
         return "mail cannot be queued";
+    case Fault::DirectoryUnavailable:
+        return "directory cannot be asked";
     case Fault::SettingsUnavailable:
         return "system settings cannot be read";
     case Fault::PolicyUnavailable:

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,15 +14,16 @@ namespace tavr
 // Why something could not be looked up or stored. Never to be read as "wrong" or as "not enrolled".
 enum class Fault {
     None,
-    KeyMissing,          // no machine key, while the vault holds sealed rows
-    KeyWrong,            // a machine key that did not seal these rows
-    VaultDamaged,        // a row that does not open, or a table that is not as it should be
-    StateUnavailable,    // the database cannot be read or written (locked, read-only, disk full)
-    SecretFile,          // the account's secret file is not what the vault says
-    AccountsUnavailable, // the account store cannot be read
-    MailNotQueued,       // a notification mail was to go out and could not be stored
-    SettingsUnavailable, // the system settings cannot be read
-    PolicyUnavailable,   // it cannot be told whether the policy demands two-step sign-in
+    KeyMissing,           // no machine key, while the vault holds sealed rows
+    KeyWrong,             // a machine key that did not seal these rows
+    VaultDamaged,         // a row that does not open, or a table that is not as it should be
+    StateUnavailable,     // the database cannot be read or written (locked, read-only, disk full)
+    SecretFile,           // the account's secret file is not what the vault says
+    AccountsUnavailable,  // the account store cannot be read
+    MailNotQueued,        // a notification mail was to go out and could not be stored
+    DirectoryUnavailable, // a directory cannot be asked, or did not answer in time
+    SettingsUnavailable,  // the system settings cannot be read
+    PolicyUnavailable,    // it cannot be told whether the policy demands two-step sign-in
 };
 
 const char* FaultText(Fault fault); // for logs and the console: a few words, no final stop
@@ -54,6 +56,10 @@ struct Request {
 
     // The first fault met; see NoteFault.
     Fault fault = Fault::None;
+
+    // The connection to a directory and what it has said, for as long as the request lasts
+    // (ldap_accounts.cpp).
+    std::shared_ptr<void> directory;
 
     // What owners of accounts are to be told by mail once this request is over (notices.h).
     struct Notice {

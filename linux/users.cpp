@@ -3,10 +3,11 @@
 #include "linux/account_list.h"
 #include "linux/accounts.h"
 #include "linux/error.h"
+#include "linux/guarded.h"
+#include "linux/ldap_accounts.h"
 #include "linux/names.h"
-#include "linux/request.h"
-
-#include <syslog.h>
+#include "linux/user_record.h"
+#include "platform/directory.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -15,15 +16,13 @@
 #include <unordered_map>
 
 using tavr::Account;
-using tavr::DatabaseError;
 using tavr::Error;
 using tavr::Fail;
 using tavr::Group;
+using tavr::Guarded;
 
 namespace
 {
-
-constexpr int kSourceLocal = tavr::kKindLocal;
 
 // A record as handed out. Callers may put a mail text of their own into `user`; the texts here are never
 // theirs.
@@ -62,23 +61,6 @@ std::optional<std::string> TextToStore(const char* text)
     return text == nullptr || IsHandedOut(text) ? std::nullopt : std::optional<std::string>(text);
 }
 
-// Where exceptions stop: behind the C interface there is only the error record. The library takes some of
-// these failures for a "no", so the request notes that the answer is not known.
-template<class Call>
-int Guarded(Call call)
-{
-    try {
-        return call();
-    } catch (const DatabaseError& error) {
-        syslog(LOG_ERR, "accounts: %s", error.what());
-        tavr::NoteFault(tavr::Fault::AccountsUnavailable);
-        return Fail(Error::DatabaseFailed);
-    } catch (const std::bad_alloc&) {
-        tavr::NoteFault(tavr::Fault::AccountsUnavailable);
-        return Fail(Error::OutOfMemory);
-    }
-}
-
 int CopyOut(const std::string& text, char* out, int size, int result)
 {
     if (text.size() >= static_cast<size_t>(size)) {
@@ -88,21 +70,29 @@ int CopyOut(const std::string& text, char* out, int size, int result)
     return result;
 }
 
-// Calls use(account) with the account of that name; -1 when there is none.
-template<class Use>
-int WithAccount(const char* name, Use use)
+// Calls use(what `local` or `ldap` finds by that name); -1 when there is nothing.
+template<class Local, class Ldap, class Use>
+int WithFound(const char* name, Local local, Ldap ldap, Error absent, Use use)
 {
     return Guarded([&] {
         const auto canonical = tavr::CanonicalName(name);
         if (!canonical) {
             return Fail(Error::BadName);
         }
-        if (tavr::IsDirectoryName(*canonical)) {
+        if (tavr::IsDirectoryName(*canonical) && !tavr::IsLdapName(*canonical)) {
             return Fail(Error::DirectoryNotConfigured);
         }
-        auto account = tavr::FindAccount(*canonical);
-        return account ? use(std::move(*account)) : Fail(Error::NoSuchUser);
+        auto found = tavr::IsDirectoryName(*canonical) ? ldap(*canonical) : local(*canonical);
+        return found ? use(std::move(*found)) : Fail(absent);
     });
+}
+
+template<class Use>
+int WithAccount(const char* name, Use use)
+{
+    return WithFound(
+        name, [](const std::string& canonical) { return tavr::FindAccount(canonical); },
+        tavr::FindLdapAccount, Error::NoSuchUser, use);
 }
 
 // The group that a list is calling back with: whoever shows it asks for its description next.
@@ -133,20 +123,25 @@ int CopyDescription(const char* text, char** description, char** second)
 template<class Use>
 int WithGroup(const char* name, Use use)
 {
-    return Guarded([&] {
-        const auto canonical = tavr::CanonicalName(name);
-        if (!canonical) {
-            return Fail(Error::BadName);
-        }
-        if (tavr::IsDirectoryName(*canonical)) {
-            return Fail(Error::DirectoryNotConfigured);
-        }
-        const auto group = tavr::FindGroup(*canonical);
-        return group ? use(*group) : Fail(Error::NoSuchGroup);
+    return WithFound(name, tavr::FindGroup, tavr::FindLdapGroup, Error::NoSuchGroup, use);
+}
+
+int DescribeGroup(const char* name, char** description, char** second)
+{
+    return WithGroup(name, [&](const Group& group) {
+        return CopyDescription(group.description.c_str(), description, second);
     });
 }
 
 } // namespace
+
+TAVRUser* tavr::NewUserRecord(Account account)
+{
+    auto made = std::make_unique<Record>(std::move(account));
+    TAVRUser* user = &made->user;
+    Records().emplace(user, std::move(made));
+    return user;
+}
 
 int TAVRUserGet(const char* name, TAVRUser** record)
 {
@@ -154,10 +149,7 @@ int TAVRUserGet(const char* name, TAVRUser** record)
         return Fail(Error::BadParameter);
     }
     return WithAccount(name, [&](Account account) {
-        auto made = std::make_unique<Record>(std::move(account));
-        TAVRUser* user = &made->user;
-        Records().emplace(user, std::move(made));
-        *record = user;
+        *record = tavr::NewUserRecord(std::move(account));
         return 0;
     });
 }
@@ -195,6 +187,9 @@ int TAVRConfdUserUpdate(const char* name, const TAVRUser* record, int /*flags*/)
         return Fail(Error::BadParameter);
     }
     return WithAccount(name, [&](const Account& account) {
+        if (account.kind != tavr::kKindLocal) {
+            return Fail(Error::NotAllowed);
+        }
         // Another account by now: the one that the record was read of has been removed.
         if (account.uid != record->uid) {
             return Fail(Error::NoSuchUser);
@@ -243,8 +238,21 @@ int TAVRGroupDescGet(const char* name, char** description, char** second)
     if (g_listedGroup != nullptr && std::strcmp(g_listedGroup->name, name) == 0) {
         return CopyDescription(g_listedGroup->description, description, second);
     }
-    return WithGroup(name, [&](const Group& group) {
-        return CopyDescription(group.description.c_str(), description, second);
+    return DescribeGroup(name, description, second);
+}
+
+int TAVRLDAPGroupDescGet(const char* name, char** description, char** second)
+{
+    if (name == nullptr || description == nullptr) {
+        return Fail(Error::BadParameter);
+    }
+    return Guarded([&] {
+        if (!tavr::IsLdapSetUp()) {
+            return Fail(Error::DirectoryNotConfigured);
+        }
+        const auto canonical = tavr::CanonicalName(name);
+        const bool isOurs = canonical && tavr::IsLdapName(*canonical);
+        return isOurs ? DescribeGroup(name, description, second) : Fail(Error::NoSuchGroup);
     });
 }
 
@@ -262,7 +270,13 @@ int KLIBGroupInfoGidGet(const char* name, int /*flags*/, uint32_t** gids, int* c
         return Fail(Error::BadParameter);
     }
     return WithAccount(name, [&](const Account& account) {
-        const auto groups = tavr::GroupsOf(account);
+        const auto groups = account.kind == tavr::kKindLdap ? tavr::GroupsOfLdapAccount(account.name)
+                                                            : tavr::GroupsOf(account);
+        if (groups.empty()) {
+            *gids = nullptr;
+            *count = 0;
+            return 0;
+        }
         const size_t size = groups.size() * sizeof groups[0];
         auto* copy = static_cast<uint32_t*>(std::malloc(size));
         if (copy == nullptr) {
@@ -280,6 +294,8 @@ int KLIBGroupInfoGidGet(const char* name, int /*flags*/, uint32_t** gids, int* c
 namespace
 {
 
+using List = int64_t (*)(std::string_view text, const tavr::ListPage& page, const tavr::EachEntry& each);
+
 struct Asked {
     int source;
     const char* query;
@@ -287,17 +303,19 @@ struct Asked {
 };
 
 // Gives the number of all matches; calls `row` with what is made of each entry of the page.
-template<class List, class Row, class ToEntry>
-int Enumerate(List list, const Asked& asked, Row row, void* userData, ToEntry toEntry)
+template<class Row, class ToEntry>
+int Enumerate(List local, List ldap, const Asked& asked, Row row, void* userData, ToEntry toEntry)
 {
     if (row == nullptr || asked.page.offset < 0 || asked.page.limit < -1) {
         return Fail(Error::BadParameter);
     }
-    if (asked.source != kSourceLocal) {
-        return Fail(Error::DirectoryNotConfigured);
-    }
     return Guarded([&] {
+        const bool isLdap = asked.source == tavr::kKindLdap && tavr::IsLdapSetUp();
+        if (asked.source != tavr::kKindLocal && !isLdap) {
+            return Fail(Error::DirectoryNotConfigured);
+        }
         const char* query = asked.query == nullptr ? "" : asked.query;
+        const List list = isLdap ? ldap : local;
         return static_cast<int>(list(query, asked.page, [&](const tavr::ListEntry& found) {
             const auto entry = toEntry(found);
             row(&entry, userData);
@@ -305,7 +323,8 @@ int Enumerate(List list, const Asked& asked, Row row, void* userData, ToEntry to
     });
 }
 
-int64_t ListGroupsWithDescriptions(const char* query, const tavr::ListPage& page, const tavr::EachEntry& each)
+int64_t ListGroupsWithDescriptions(std::string_view query, const tavr::ListPage& page,
+                                   const tavr::EachEntry& each)
 {
     return tavr::ListGroups(query, page, [&](const tavr::ListEntry& found) {
         const ListedGroup listed(found);
@@ -318,17 +337,17 @@ int64_t ListGroupsWithDescriptions(const char* query, const tavr::ListPage& page
 int KLIBUserInfoEnumBySubstr(int source, const char* /*domain*/, int offset, int limit, const char* query,
                              int /*flags*/, KLIBUserInfoRow row, void* userData)
 {
-    return Enumerate(tavr::ListAccounts, {source, query, {offset, limit}}, row, userData,
-                     [](const tavr::ListEntry& found) {
-                         return KLIBUserInfo{found.name, found.number, found.description, kSourceLocal};
+    return Enumerate(tavr::ListAccounts, tavr::ListLdapAccounts, {source, query, {offset, limit}}, row,
+                     userData, [source](const tavr::ListEntry& found) {
+                         return KLIBUserInfo{found.name, found.number, found.description, source};
                      });
 }
 
 int KLIBGroupInfoEnumBySubstr(int source, const char* /*domain*/, int offset, int limit, const char* query,
                               int /*flags*/, KLIBGroupInfoRow row, void* userData)
 {
-    return Enumerate(ListGroupsWithDescriptions, {source, query, {offset, limit}}, row, userData,
-                     [](const tavr::ListEntry& found) {
-                         return KLIBGroupInfo{found.name, found.number, kSourceLocal};
+    return Enumerate(ListGroupsWithDescriptions, tavr::ListLdapGroups, {source, query, {offset, limit}}, row,
+                     userData, [source](const tavr::ListEntry& found) {
+                         return KLIBGroupInfo{found.name, found.number, source};
                      });
 }

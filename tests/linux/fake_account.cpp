@@ -1,5 +1,6 @@
 #include "tests/linux/fake_account.h"
 
+#include "linux/ldap_accounts.h"
 #include "linux/settings.h"
 
 namespace
@@ -57,6 +58,16 @@ std::optional<Account> CheckPassword(std::string_view name, std::string_view pas
         return std::nullopt;
     }
     return found->second;
+}
+
+bool IsLdapName(std::string_view /*name*/)
+{
+    return false;
+}
+
+std::optional<Account> CheckLdapPassword(const std::string& /*name*/, std::string_view /*password*/)
+{
+    return std::nullopt;
 }
 
 bool MakePreferenceDirectory(const Account& /*account*/)

@@ -1,0 +1,578 @@
+#include "linux/ldap_accounts.h"
+
+#include "linux/directory_numbers.h"
+#include "linux/mail_settings.h"
+#include "linux/names.h"
+#include "linux/request.h"
+
+#include <ldap.h>
+#include <sodium.h>
+#include <strings.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <memory>
+#include <set>
+#include <utility>
+
+namespace tavr
+{
+
+namespace
+{
+
+constexpr int kMostOfAName = 10; // entries that are asked for where one is expected
+constexpr size_t kMostGroups = 5000;
+constexpr int kMostNesting = 20;
+constexpr size_t kGroupsAtOnce = 50; // in one filter
+constexpr size_t kMostId = 64;       // bytes
+
+struct Person {
+    Account account; // without number where only the directory has been asked
+    std::string id;
+    std::string dn;
+    std::vector<std::string> bareNames; // as the directory spells them
+    std::string primaryGroup;
+    std::vector<std::string> memberOf;
+};
+
+struct GroupEntry {
+    Group group; // likewise
+    std::string id;
+    std::string dn;
+};
+
+// What one request knows of the directory.
+struct Asked {
+    std::optional<LdapSettings> settings;
+    std::unique_ptr<LdapConnection> connection;
+    std::optional<LdapError> failure;
+    std::optional<Person> person; // the last one, numbered
+    std::optional<GroupEntry> group;
+};
+
+Asked& CurrentAsked()
+{
+    std::shared_ptr<void>& kept = CurrentRequest().directory;
+    if (!kept) {
+        auto made = std::make_shared<Asked>();
+        made->settings = ReadLdapSettings();
+        kept = std::move(made);
+    }
+    return *static_cast<Asked*>(kept.get());
+}
+
+// Calls ask(connection). One that failed stays until the request ends: a search that is under way further up
+// may hold it.
+template<class Ask>
+void WithDirectory(Asked& asked, Ask ask)
+{
+    if (asked.failure) {
+        throw LdapError(*asked.failure);
+    }
+    try {
+        if (!asked.settings) {
+            throw LdapError(LdapStep::Settings, "no directory is set up");
+        }
+        if (!asked.connection) {
+            asked.connection = std::make_unique<LdapConnection>(*asked.settings);
+        }
+        ask(*asked.connection);
+    } catch (const LdapError& error) {
+        asked.failure.emplace(error);
+        throw;
+    }
+}
+
+// --- What an entry says ------------------------------------------------------------------------------------
+
+std::string First(const std::vector<std::string>& values)
+{
+    return values.empty() ? "" : values.front();
+}
+
+// Texts and bytes alike become one text.
+std::string IdOf(const LdapEntry& entry, const LdapSettings& settings)
+{
+    const std::vector<std::string> values = entry.Values(settings.idAttribute);
+    if (values.size() != 1 || values[0].empty() || values[0].size() > kMostId) {
+        return {};
+    }
+    if (IsPlainText(values[0])) {
+        return values[0];
+    }
+    std::string digits(values[0].size() * 2 + 1, '\0');
+    sodium_bin2hex(digits.data(), digits.size(), reinterpret_cast<const unsigned char*>(values[0].data()),
+                   values[0].size());
+    digits.pop_back();
+    return digits;
+}
+
+struct FreeDn {
+    void operator()(LDAPDN dn) const noexcept { ldap_dnfree(dn); }
+};
+
+// The values of an attribute that stand in the first part of a DN.
+std::vector<std::string> NamesInDn(const std::string& dn, const std::string& attribute)
+{
+    LDAPDN parsed = nullptr;
+    if (ldap_str2dn(dn.c_str(), &parsed, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS || parsed == nullptr) {
+        return {};
+    }
+    const std::unique_ptr<LDAPRDN, FreeDn> owner(parsed);
+    std::vector<std::string> values;
+    for (LDAPAVA** part = parsed[0]; part != nullptr && *part != nullptr; ++part) {
+        const std::string_view name((*part)->la_attr.bv_val, (*part)->la_attr.bv_len);
+        if (name.size() == attribute.size() && strncasecmp(name.data(), attribute.data(), name.size()) == 0) {
+            values.emplace_back((*part)->la_value.bv_val, (*part)->la_value.bv_len);
+        }
+    }
+    return values;
+}
+
+std::set<std::string> CanonicalNames(const std::vector<std::string>& values, const std::string& realm)
+{
+    const std::string end = '@' + realm;
+    std::set<std::string> names;
+    for (const std::string& value : values) {
+        names.insert(CanonicalName(value + end).value_or(""));
+    }
+    return names;
+}
+
+// The canonical name of an entry; empty when it has none, or several of which its DN picks none.
+std::string NameOf(const std::vector<std::string>& values, const std::string& dn,
+                   const std::string& attribute, const std::string& realm)
+{
+    std::set<std::string> names = CanonicalNames(values, realm);
+    if (names.size() > 1) {
+        names = CanonicalNames(NamesInDn(dn, attribute), realm);
+    }
+    return names.size() == 1 ? *names.begin() : "";
+}
+
+std::string DescriptionOf(const std::vector<std::string>& values)
+{
+    const std::string text = First(values);
+    return DescriptionProblem(text) == nullptr ? text : "";
+}
+
+std::string MailOf(const std::vector<std::string>& values)
+{
+    const auto found = std::find_if(values.begin(), values.end(), IsMailAddress);
+    return found != values.end() ? *found : "";
+}
+
+// Empty: an entry that is no account.
+std::optional<Person> PersonOf(const LdapEntry& entry, const LdapSettings& settings)
+{
+    Person person;
+    person.dn = entry.Dn();
+    person.bareNames = entry.Values(settings.userName);
+    person.id = IdOf(entry, settings);
+    person.account.name = NameOf(person.bareNames, person.dn, settings.userName, settings.realm);
+    if (person.dn.empty() || person.id.empty() || person.account.name.empty()) {
+        return std::nullopt;
+    }
+    person.account.kind = kKindLdap;
+    person.account.gid = kNoGroup;
+    person.account.description = DescriptionOf(entry.Values(settings.userDescription));
+    person.account.mail = MailOf(entry.Values(settings.userMail));
+    person.primaryGroup = First(entry.Values("gidNumber"));
+    person.memberOf = entry.Values("memberOf");
+    return person;
+}
+
+std::optional<GroupEntry> GroupOf(const LdapEntry& entry, const LdapSettings& settings)
+{
+    GroupEntry found;
+    found.dn = entry.Dn();
+    found.id = IdOf(entry, settings);
+    found.group.name = NameOf(entry.Values(settings.groupName), found.dn, settings.groupName, settings.realm);
+    found.group.description = DescriptionOf(entry.Values(settings.groupDescription));
+    return found.id.empty() || found.group.name.empty() ? std::nullopt : std::optional(std::move(found));
+}
+
+// --- Searches ----------------------------------------------------------------------------------------------
+
+std::string Equals(const std::string& attribute, std::string_view value)
+{
+    return '(' + attribute + '=' + FilterValue(value) + ')';
+}
+
+std::string Holds(const std::string& attribute, std::string_view text)
+{
+    return '(' + attribute + "=*" + FilterValue(text) + "*)";
+}
+
+std::string_view BareName(std::string_view canonicalName)
+{
+    return canonicalName.substr(0, canonicalName.find('@'));
+}
+
+LdapSearch UserSearch(const LdapSettings& settings, const std::string& narrower)
+{
+    return {settings.userBase,
+            "(&" + settings.userFilter + narrower + ')',
+            {settings.idAttribute, settings.userName, settings.userDescription, settings.userMail,
+             "gidNumber", "memberOf"}};
+}
+
+LdapSearch GroupSearch(const LdapSettings& settings, const std::string& narrower)
+{
+    return {settings.groupBase,
+            "(&" + settings.groupFilter + narrower + ')',
+            {settings.idAttribute, settings.groupName, settings.groupDescription}};
+}
+
+// All entries of a bare name, but no more than it takes to know that there are several.
+std::vector<Person> PersonsCalled(Asked& asked, std::string_view bare)
+{
+    std::vector<Person> found;
+    WithDirectory(asked, [&](LdapConnection& connection) {
+        const LdapSettings& settings = *asked.settings;
+        LdapSearch search = UserSearch(settings, Equals(settings.userName, bare));
+        search.most = kMostOfAName;
+        const auto wanted = CanonicalName(std::string(bare) + '@' + settings.realm);
+        connection.Search(search, [&](const LdapEntry& entry) {
+            auto person = PersonOf(entry, settings);
+            if (person && wanted == person->account.name) {
+                found.push_back(std::move(*person));
+            }
+        });
+    });
+    return found;
+}
+
+// Numbered, and kept for the request.
+const Person* FindPerson(const std::string& name)
+{
+    Asked& asked = CurrentAsked();
+    if (asked.person && asked.person->account.name == name) {
+        return &*asked.person;
+    }
+    std::vector<Person> found = PersonsCalled(asked, BareName(name));
+    if (found.size() != 1) {
+        if (found.size() > 1) {
+            syslog(LOG_WARNING, "%s is the name of several entries, so of no account", name.c_str());
+        }
+        return nullptr;
+    }
+    Person person = std::move(found.front());
+    person.account.uid = NumberOfAccount(kKindLdap, {person.id, name});
+    return &asked.person.emplace(std::move(person));
+}
+
+const GroupEntry* FindGroupEntry(const std::string& name)
+{
+    Asked& asked = CurrentAsked();
+    if (asked.group && asked.group->group.name == name) {
+        return &*asked.group;
+    }
+    std::vector<GroupEntry> found;
+    WithDirectory(asked, [&](LdapConnection& connection) {
+        LdapSearch search = GroupSearch(*asked.settings, Equals(asked.settings->groupName, BareName(name)));
+        search.most = kMostOfAName;
+        connection.Search(search, [&](const LdapEntry& entry) {
+            auto group = GroupOf(entry, *asked.settings);
+            if (group && group->group.name == name) {
+                found.push_back(std::move(*group));
+            }
+        });
+    });
+    if (found.size() != 1) {
+        return nullptr;
+    }
+    const std::string ids[] = {found[0].id};
+    found[0].group.gid = NumbersOfGroups(kKindLdap, ids)[0];
+    return &asked.group.emplace(std::move(found.front()));
+}
+
+// --- Memberships -------------------------------------------------------------------------------------------
+
+// Groups as they are found, each once: those whose own groups have still to be asked for stand in `open`.
+struct FoundGroups {
+    std::set<std::string> ids;
+    std::set<std::string> dns;
+    std::vector<std::string> open;
+
+    void Add(const LdapEntry& entry, const LdapSettings& settings)
+    {
+        const std::string id = IdOf(entry, settings);
+        if (id.empty()) {
+            throw LdapError(LdapStep::Settings, "a group has no " + settings.idAttribute + ": " + entry.Dn());
+        }
+        if (ids.insert(id).second) {
+            open.push_back(entry.Dn());
+            dns.insert(entry.Dn());
+        }
+        if (ids.size() > kMostGroups) {
+            throw LdapError(LdapStep::Search, "an account is in more groups than can be taken");
+        }
+    }
+};
+
+std::string HasMember(const LdapSettings& settings, const std::string& dn)
+{
+    return Equals(settings.groupMember, dn) + Equals("uniqueMember", dn);
+}
+
+void FindGroupsOf(LdapConnection& connection, const LdapSettings& settings, const Person& person,
+                  FoundGroups& found)
+{
+    const auto take = [&](const LdapEntry& entry) { found.Add(entry, settings); };
+    std::string any = HasMember(settings, person.dn);
+    for (const std::string& name : person.bareNames) {
+        any += Equals("memberUid", name);
+    }
+    if (!person.primaryGroup.empty()) {
+        any += Equals("gidNumber", person.primaryGroup);
+    }
+    connection.Search(GroupSearch(settings, "(|" + any + ')'), take);
+    for (const std::string& dn : person.memberOf) {
+        if (!found.dns.contains(dn)) {
+            LdapSearch search = GroupSearch(settings, "");
+            search.base = dn;
+            search.baseOnly = true;
+            connection.Search(search, take);
+        }
+    }
+    for (int depth = 0; !found.open.empty(); ++depth) {
+        if (depth == kMostNesting) {
+            throw LdapError(LdapStep::Search, "groups are nested deeper than can be taken");
+        }
+        const std::vector<std::string> inner = std::exchange(found.open, {});
+        for (size_t i = 0; i < inner.size(); i += kGroupsAtOnce) {
+            std::string outer;
+            for (size_t n = i; n < std::min(i + kGroupsAtOnce, inner.size()); ++n) {
+                outer += HasMember(settings, inner[n]);
+            }
+            connection.Search(GroupSearch(settings, "(|" + outer + ')'), take);
+        }
+    }
+}
+
+// --- Lists -------------------------------------------------------------------------------------------------
+
+// Which entries of a list are on the page.
+class Counter
+{
+public:
+    explicit Counter(const ListPage& page) : page_(page) {}
+    bool IsOnPage()
+    {
+        const int64_t index = count_++;
+        return index >= page_.offset && (page_.limit < 0 || index - page_.offset < page_.limit);
+    }
+    [[nodiscard]] int64_t Count() const { return count_; }
+
+private:
+    const ListPage page_;
+    int64_t count_ = 0;
+};
+
+// The decision is ours, so that a text is looked for as among local accounts; the server's is a sieve.
+bool HoldsText(const std::string& name, const std::string& description, const std::string& sought)
+{
+    return SearchText(name).value_or("").find(sought) != std::string::npos ||
+           SearchText(description).value_or("").find(sought) != std::string::npos;
+}
+
+bool HoldsText(const Person& person, const std::string& sought)
+{
+    return HoldsText(person.account.name, person.account.description, sought);
+}
+
+bool HoldsText(const GroupEntry& entry, const std::string& sought)
+{
+    return HoldsText(entry.group.name, entry.group.description, sought);
+}
+
+std::optional<std::string> Sought(std::string_view text)
+{
+    return text.size() <= kMaxName + kMaxDescription && IsPlainText(text) ? SearchText(text) : std::nullopt;
+}
+
+// What the server is asked for: entries that hold the text in their description, or in their name as far as
+// that goes without "@" and realm.
+std::string Sieve(const LdapSettings& settings, std::string_view text, const std::string& name,
+                  const std::string& description)
+{
+    const bool inRealm = ('@' + settings.realm).find(SearchText(text).value_or("")) != std::string::npos;
+    const std::string_view bare = BareName(text);
+    return inRealm || bare.empty() ? '(' + name + "=*)"
+                                   : "(|" + Holds(name, bare) + Holds(description, text) + ')';
+}
+
+void ShowAccounts(Asked& asked, std::vector<Person>& batch, const EachEntry& each)
+{
+    std::vector<DirectoryEntry> entries;
+    entries.reserve(batch.size());
+    for (const Person& person : batch) {
+        entries.push_back({person.id, person.account.name});
+    }
+    const auto numbers = NumbersOfAccounts(kKindLdap, entries);
+    for (size_t i = 0; i < batch.size(); ++i) {
+        asked.person.reset();
+        if (numbers[i]) {
+            batch[i].account.uid = *numbers[i];
+            asked.person = std::move(batch[i]); // whoever is called back asks for it
+        } else if (FindPerson(batch[i].account.name) == nullptr) {
+            continue; // several have the name: counted, and not shown
+        }
+        const Account account = asked.person->account;
+        each({account.name.c_str(), account.uid, account.description.c_str()});
+    }
+    batch.clear();
+}
+
+void ShowGroups(Asked& asked, std::vector<GroupEntry>& batch, const EachEntry& each)
+{
+    std::vector<std::string> ids;
+    ids.reserve(batch.size());
+    for (const GroupEntry& entry : batch) {
+        ids.push_back(entry.id);
+    }
+    const std::vector<uint32_t> numbers = NumbersOfGroups(kKindLdap, ids);
+    for (size_t i = 0; i < batch.size(); ++i) {
+        batch[i].group.gid = numbers[i];
+        asked.group = batch[i];
+        const Group group = batch[i].group;
+        each({group.name.c_str(), group.gid, group.description.c_str()});
+    }
+    batch.clear();
+}
+
+// Entries are shown between two pages of the server, when nothing else is under way.
+template<class Entry>
+int64_t List(const LdapSearch& search, std::string_view text, const ListPage& page,
+             std::optional<Entry> (*make)(const LdapEntry&, const LdapSettings&),
+             void (*show)(Asked&, std::vector<Entry>&, const EachEntry&), const EachEntry& each)
+{
+    const std::optional<std::string> sought = Sought(text);
+    if (!sought) {
+        return 0;
+    }
+    Asked& asked = CurrentAsked();
+    Counter counter(page);
+    std::vector<Entry> batch;
+    WithDirectory(asked, [&](LdapConnection& connection) {
+        connection.Search(
+            search,
+            [&](const LdapEntry& entry) {
+                auto made = make(entry, *asked.settings);
+                if (made && HoldsText(*made, *sought) && counter.IsOnPage()) {
+                    batch.push_back(std::move(*made));
+                }
+            },
+            [&] { show(asked, batch, each); });
+    });
+    return counter.Count();
+}
+
+// The settings; throws where there are none.
+const LdapSettings& Settings()
+{
+    const Asked& asked = CurrentAsked();
+    if (!asked.settings) {
+        throw LdapError(LdapStep::Settings, "no directory is set up");
+    }
+    return *asked.settings;
+}
+
+} // namespace
+
+bool IsLdapSetUp()
+{
+    return CurrentAsked().settings.has_value();
+}
+
+bool IsLdapName(std::string_view canonicalName)
+{
+    const size_t at = canonicalName.find('@');
+    if (at == std::string_view::npos || canonicalName.find('\\') != std::string_view::npos) {
+        return false;
+    }
+    return IsLdapSetUp() && canonicalName.substr(at + 1) == Settings().realm;
+}
+
+std::optional<Account> FindLdapAccount(const std::string& canonicalName)
+{
+    const Person* person = FindPerson(canonicalName);
+    return person != nullptr ? std::optional(person->account) : std::nullopt;
+}
+
+std::optional<Group> FindLdapGroup(const std::string& canonicalName)
+{
+    const GroupEntry* found = FindGroupEntry(canonicalName);
+    return found != nullptr ? std::optional(found->group) : std::nullopt;
+}
+
+std::optional<Account> CheckLdapPassword(const std::string& canonicalName, std::string_view password)
+{
+    if (PasswordProblem(password) != nullptr) {
+        return std::nullopt;
+    }
+    const Person* person = FindPerson(canonicalName);
+    bool right = false;
+    WithDirectory(CurrentAsked(), [&](LdapConnection& connection) {
+        // Nobody's name costs a question more too.
+        right = person != nullptr ? connection.IsPassword(person->dn, password)
+                                  : connection.IsPassword("cn=nobody," + Settings().userBase, "-") && false;
+    });
+    return right ? std::optional(person->account) : std::nullopt;
+}
+
+std::vector<uint32_t> GroupsOfLdapAccount(const std::string& canonicalName)
+{
+    const Person* person = FindPerson(canonicalName);
+    if (person == nullptr) {
+        return {};
+    }
+    FoundGroups found;
+    WithDirectory(CurrentAsked(),
+                  [&](LdapConnection& connection) { FindGroupsOf(connection, Settings(), *person, found); });
+    const std::vector<std::string> ids(found.ids.begin(), found.ids.end());
+    return NumbersOfGroups(kKindLdap, ids);
+}
+
+int64_t ListLdapAccounts(std::string_view text, const ListPage& page, const EachEntry& each)
+{
+    const LdapSettings& settings = Settings();
+    return List<Person>(
+        UserSearch(settings, Sieve(settings, text, settings.userName, settings.userDescription)), text, page,
+        PersonOf, ShowAccounts, each);
+}
+
+int64_t ListLdapGroups(std::string_view text, const ListPage& page, const EachEntry& each)
+{
+    const LdapSettings& settings = Settings();
+    return List<GroupEntry>(
+        GroupSearch(settings, Sieve(settings, text, settings.groupName, settings.groupDescription)), text,
+        page, GroupOf, ShowGroups, each);
+}
+
+LdapMatches FindLdapEntries(std::string_view bareName)
+{
+    const std::vector<Person> found = PersonsCalled(CurrentAsked(), bareName);
+    return {static_cast<int>(found.size()), found.empty() ? "" : found.front().dn};
+}
+
+std::optional<Account> ReadLdapEntry(const std::string& dn)
+{
+    Asked& asked = CurrentAsked();
+    std::optional<Account> account;
+    WithDirectory(asked, [&](LdapConnection& connection) {
+        LdapSearch search = UserSearch(*asked.settings, "");
+        search.base = dn;
+        search.baseOnly = true;
+        connection.Search(search, [&](const LdapEntry& entry) {
+            if (auto person = PersonOf(entry, *asked.settings)) {
+                account = std::move(person->account);
+            }
+        });
+    });
+    return account;
+}
+
+} // namespace tavr

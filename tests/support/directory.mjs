@@ -1,0 +1,63 @@
+// An LDAP directory of a test's own (directory.py), and how the server under test is told of it.
+import { spawn } from "node:child_process";
+import { appendFileSync, chmodSync, chownSync, mkdtempSync } from "node:fs";
+import { dirname, join } from "node:path";
+import { fileURLToPath } from "node:url";
+
+const kSupport = dirname(fileURLToPath(import.meta.url));
+const kSettingsFile = "/etc/tavr/tavrinfo.conf";
+const kSecretsFile = "/etc/tavr/secrets";
+const kServiceGroup = 64217;
+
+// Options as directory.py has them.
+export async function startDirectory(options = []) {
+  const folder = mkdtempSync("/tmp/directory-");
+  chmodSync(folder, 0o755);
+  const child = spawn("/usr/bin/python3", [join(kSupport, "directory.py"), folder, ...options],
+    { stdio: ["ignore", "pipe", "inherit"] });
+  const port = await new Promise((resolve, reject) => {
+    child.stdout.once("data", (line) => resolve(Number(String(line).split(" ")[1])));
+    child.once("exit", (status) => reject(new Error(`directory.py ended: ${status}`)));
+  });
+  return new Directory(folder, child, port);
+}
+
+class Directory {
+  #child;
+
+  constructor(folder, child, port) {
+    this.folder = folder;
+    this.#child = child;
+    this.port = port;
+  }
+
+  // It takes connections and says nothing, until it goes on.
+  pause() {
+    this.#child.kill("SIGSTOP");
+  }
+
+  goOn() {
+    this.#child.kill("SIGCONT");
+  }
+
+  async stop() {
+    if (this.#child.exitCode === null && this.#child.signalCode === null) {
+      const ended = new Promise((resolve) => this.#child.once("exit", resolve));
+      this.#child.kill("SIGKILL");
+      await ended;
+    }
+  }
+
+  // Makes it the directory of the server under test, which has been set up.
+  setUp() {
+    appendFileSync(kSettingsFile, `ldap_uri="ldap://127.0.0.1:${this.port}"
+ldap_realm="office.example"
+ldap_base="dc=office,dc=example"
+ldap_bind_dn="cn=reader,dc=office,dc=example"
+ldap_ca_file="${this.folder}/ca.pem"
+`);
+    appendFileSync(kSecretsFile, 'ldap_bind_password="reader-password"\n');
+    chownSync(kSecretsFile, 0, kServiceGroup);
+    chmodSync(kSecretsFile, 0o440);
+  }
+}
