@@ -243,6 +243,19 @@ Account ExistingAccount(const std::string& typed)
     return std::move(*account);
 }
 
+Account KnownAccount(const std::string& typed)
+{
+    const auto name = CanonicalName(typed);
+    if (!name || !IsDirectoryName(*name)) {
+        return ExistingAccount(typed);
+    }
+    auto account = FindAccount(*name);
+    if (!account) {
+        throw Failure(Exit::NotFound, "no_such_user", "no user " + *name + " has been seen here yet");
+    }
+    return std::move(*account);
+}
+
 Group ExistingGroup(const std::string& typed)
 {
     const std::string name = LocalName(typed);

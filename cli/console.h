@@ -98,8 +98,9 @@ Json::Value AskService(const char* api, const char* method, Json::Value params,
 
 // --- Names ---
 
-std::string LocalName(const std::string& typed); // canonical; throws Failure
-Account ExistingAccount(const std::string& typed);
+std::string LocalName(const std::string& typed);   // canonical; throws Failure
+Account ExistingAccount(const std::string& typed); // local
+Account KnownAccount(const std::string& typed);    // or of a directory, once it has been seen here
 Group ExistingGroup(const std::string& typed);
 
 } // namespace tavr::console

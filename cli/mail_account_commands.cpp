@@ -126,7 +126,7 @@ Json::Value TestParams(const MailAccount& account, const std::string& to)
 
 void AddMailAccountCommand(const std::string& typedName, const NewMailAccountTexts& texts)
 {
-    const Account owner = ExistingAccount(typedName);
+    const Account owner = KnownAccount(typedName);
     MailAccount account = NewMailAccount(texts.alias, texts.server);
     account.isDefault = texts.isDefault;
     const std::string to = texts.test ? TestAddress(owner, account, texts.to) : "";
@@ -157,7 +157,7 @@ void AddMailAccountCommand(const std::string& typedName, const NewMailAccountTex
 
 void TestMailAccount(const std::string& typedName, const std::string& alias, const std::string& address)
 {
-    const Account owner = ExistingAccount(typedName);
+    const Account owner = KnownAccount(typedName);
     const MailAccount account = ExistingMailAccount(owner, alias);
     const std::string to = TestAddress(owner, account, address);
     Json::Value params;
@@ -171,7 +171,7 @@ void TestMailAccount(const std::string& typedName, const std::string& alias, con
 
 void SetDefaultMailAccountCommand(const std::string& typedName, const std::string& alias)
 {
-    const Account owner = ExistingAccount(typedName);
+    const Account owner = KnownAccount(typedName);
     if (!SetDefaultMailAccount(owner, alias)) {
         NoSuchMailAccount(owner, alias);
     }
@@ -182,7 +182,7 @@ void SetDefaultMailAccountCommand(const std::string& typedName, const std::strin
 // One that is not usable, and is not listed, can be removed all the same.
 void RemoveMailAccountCommand(const std::string& typedName, const std::string& alias)
 {
-    const Account owner = ExistingAccount(typedName);
+    const Account owner = KnownAccount(typedName);
     const auto account = FindMailAccount(owner, alias);
     if (account) {
         Confirm("Remove mail account " + alias + " of " + owner.name + " with its password?");
@@ -201,7 +201,7 @@ void RemoveMailAccountCommand(const std::string& typedName, const std::string& a
 
 void ListMailAccounts(const std::string& typedName)
 {
-    const std::vector<MailAccount> accounts = MailAccountsOf(ExistingAccount(typedName));
+    const std::vector<MailAccount> accounts = MailAccountsOf(KnownAccount(typedName));
     if (IsJson()) {
         JsonList list("mail_accounts");
         for (const MailAccount& account : accounts) {

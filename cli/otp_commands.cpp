@@ -10,7 +10,7 @@ namespace tavr::console
 
 void ShowOtpStatus(const std::string& typedName)
 {
-    const Account account = ExistingAccount(typedName);
+    const Account account = KnownAccount(typedName);
     const EnrolmentState state = Settle(account);
     if (state.enrolment == Enrolment::Fault) {
         throw Failure(Exit::Failed, "otp_unavailable",
@@ -36,7 +36,7 @@ void ShowOtpStatus(const std::string& typedName)
 
 void ResetOtp(const std::string& typedName)
 {
-    const Account account = ExistingAccount(typedName);
+    const Account account = KnownAccount(typedName);
     Confirm("Remove the second step of " + account.name + "? The user has to enrol anew.");
     const Reset reset = ResetSecondStep(account);
     if (reset.state.enrolment != Enrolment::No) {
@@ -55,7 +55,7 @@ void ResetOtp(const std::string& typedName)
 
 void OpenOtp(const std::string& typedName)
 {
-    const Account account = ExistingAccount(typedName);
+    const Account account = KnownAccount(typedName);
     const bool opened = OpenSecondStep(account);
     if (opened) {
         Audit(AuditEvent::SecondStepOpened, account);
@@ -71,7 +71,7 @@ void OpenOtp(const std::string& typedName)
 // The code is the answer: it goes to standard output and nowhere else.
 void MakeOtpCode(const std::string& typedName, int minutes)
 {
-    const Account account = ExistingAccount(typedName);
+    const Account account = KnownAccount(typedName);
     const EnrolmentState state = Settle(account);
     if (state.enrolment == Enrolment::Fault) {
         throw Failure(Exit::Failed, "otp_unavailable",

@@ -29,7 +29,7 @@ void ListSessionsCommand(const std::string& typedName)
 {
     std::optional<uint32_t> account;
     if (!typedName.empty()) {
-        account = ExistingAccount(typedName).uid;
+        account = KnownAccount(typedName).uid;
     }
     const std::vector<ListedSession> sessions = ListSessions(account);
     if (IsJson()) {
@@ -49,7 +49,7 @@ void ListSessionsCommand(const std::string& typedName)
 
 void EndSessionsCommand(const std::string& typedName)
 {
-    const Account account = ExistingAccount(typedName);
+    const Account account = KnownAccount(typedName);
     const int64_t ended = EndSessionsOf(account.uid);
     Audit(AuditEvent::SessionsEnded, account, "all");
     Say("ended the sessions of " + account.name + ": " + std::to_string(ended));
