@@ -41,6 +41,9 @@ void OpenOtp(const std::string& typedName);
 inline constexpr int kMostMinutes = 24 * 60;
 void MakeOtpCode(const std::string& typedName, int minutes);
 
+// directory_commands.cpp
+void TestDirectory(const std::string& typedName); // empty: without a name
+
 // enforce_commands.cpp
 struct EnforceChoice {
     std::string type;

@@ -308,6 +308,18 @@ void DefineEnforceCommands(CLI::App& program, Words& words)
     explain->callback([&words] { words.command = [&words] { tavr::console::ExplainPolicy(words.name); }; });
 }
 
+void DefineDirectoryCommands(CLI::App& program, Words& words)
+{
+    CLI::App* directory =
+        program.add_subcommand("directory", "the LDAP directory")->require_subcommand(1)->fallthrough();
+    CLI::App* test = directory->add_subcommand("test", "try out what is set up, step by step")->fallthrough();
+    test->add_option("NAME", words.name, "name of a user to look for");
+    test->callback([&words] {
+        words.rootOnly = true;
+        words.command = [&words] { tavr::console::TestDirectory(words.name); };
+    });
+}
+
 void DefineSessionCommands(CLI::App& program, Words& words)
 {
     CLI::App* session =
@@ -483,9 +495,10 @@ std::vector<std::string> WordsOf(int argc, char** argv)
 
 int Run(int argc, char** argv)
 {
-    CLI::App program(
-        "Console of two-step sign-in: set-up, users, groups, second step, policy, sessions, mails, audit",
-        "tavrctl");
+    CLI::App program("Console of two-step sign-in: set-up, users, groups, second step, policy, directory, "
+                     "sessions, mails, "
+                     "audit",
+                     "tavrctl");
     Words words;
     program.require_subcommand(1);
     program.set_help_flag("--help", "show this help and exit");
@@ -500,6 +513,7 @@ int Run(int argc, char** argv)
     DefineGroupCommands(program, words);
     DefineOtpCommands(program, words);
     DefineEnforceCommands(program, words);
+    DefineDirectoryCommands(program, words);
     DefineSessionCommands(program, words);
     DefineMailCommands(program, words);
     DefineMailAccountCommands(program, words);

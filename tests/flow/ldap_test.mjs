@@ -1,5 +1,6 @@
 // Accounts of an LDAP directory: signing in, enrolling, being made to, and what is left while the directory is away.
 import assert from "node:assert/strict";
+import { readFileSync, writeFileSync } from "node:fs";
 import test, { after } from "node:test";
 
 import { startDirectory } from "../support/directory.mjs";
@@ -9,6 +10,7 @@ import { Client } from "./client.mjs";
 
 const kLea = "lea@office.example";
 const kLeaPassword = "lea-password";
+const kSettingsFile = "/etc/tavr/tavrinfo.conf";
 
 const server = await startServer({ accounts: { admin: ["--admin"], carol: [] } });
 after(() => server.stop());
@@ -87,6 +89,37 @@ test("a group of the directory, nested ones too, can be made to", async () => {
     "user000", "--limit", "3"]));
   assert.equal(listed.total, 9);
   assert.equal(listed.rows.length, 3);
+});
+
+test("the console knows the accounts that were seen here, and tries out the directory", async () => {
+  assert.match(run("tavrctl", ["otp", "status", "LEA@office.example"]), /^lea@office.example: enrolled, 9 emergency codes left$/m);
+  assert.throws(() => run("tavrctl", ["otp", "status", "unseen@office.example"]), /status 3.*has been seen here yet/s);
+  assert.throws(() => run("tavrctl", ["user", "remove", kLea]), /status 2.*not of a local one/s);
+  assert.match(run("tavrctl", ["session", "list", kLea]), /lea@office.example\tlive/);
+  const tested = run("tavrctl", ["directory", "test", kLea]);
+  assert.match(tested, new RegExp(`^settings: accounts are called name@office.example
+ldap://127.0.0.1:${directory.port}: connected, encrypted, lets cn=reader,dc=office,dc=example in
+accounts: \\d+ below dc=office,dc=example
+groups: 11 below dc=office,dc=example
+lea@office.example: number 2000000000, address lea@home.example, groups 2
+$`));
+  const answer = JSON.parse(run("tavrctl", ["--json", "directory", "test"]));
+  assert.deepEqual([answer.realm, answer.servers.length, answer.groups], ["office.example", 1, 11]);
+  const settings = readFileSync(kSettingsFile, "utf8");
+  for (const [line, words] of [
+    ['ldap_realm=""', /setting ldap_realm names no realm.*mend the settings/s],
+    ['ldap_uri="ldap://127.0.0.1:1"', /Connection refused; see that the server runs/],
+    ['ldap_ca_file="/etc/ssl/certs/ca-certificates.crt"', /no encryption with .*; see that ldap_ca_file/],
+    ['ldap_bind_dn="cn=other,dc=office,dc=example"', /does not let cn=other.* in: Invalid credentials; see ldap_bind_dn/],
+    ['ldap_user_base="dc=elsewhere"', /No such object.*; see ldap_base/],
+    ['ldap_id="absent"', /there are no accounts with a name and an identifier \(ldap_id\).*; see ldap_base/],
+  ]) {
+    writeFileSync(kSettingsFile, `${settings}${line}\n`);
+    assert.throws(() => run("tavrctl", ["directory", "test"]), words, line);
+  }
+  writeFileSync(kSettingsFile, settings);
+  assert.throws(() => run("tavrctl", ["directory", "test", "twin@office.example"]), /status 3.*or several entries have the name/s);
+  assert.throws(() => run("tavrctl", ["directory", "test", "carol"]), /status 2/);
 });
 
 test("while the directory is away its accounts wait, and local ones do not", async () => {
