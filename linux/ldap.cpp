@@ -16,6 +16,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <csignal>
@@ -356,9 +357,17 @@ timeval TimevalOf(int thousandths)
 }
 
 // Which server could be used the last time: one that hangs is not waited for at every request.
-size_t lastServer = 0;
+std::atomic<size_t> lastServer = 0;
 
 } // namespace
+
+void IgnoreLdapConfiguration()
+{
+    constexpr char kName[] = "LDAPNOINIT";
+    if (getenv(kName) == nullptr) { // NOLINT(concurrency-mt-unsafe): nobody writes it once it is there
+        setenv(kName, "1", 1);      // NOLINT(concurrency-mt-unsafe): before the first thread
+    }
+}
 
 void LdapConnection::Unbind::operator()(ldap* connection) const noexcept
 {
@@ -374,12 +383,12 @@ void LdapConnection::FreeMessage::operator()(ldapmsg* message) const noexcept
 LdapConnection::LdapConnection(const LdapSettings& settings)
     : settings_(settings), end_(Clock::now() + kWholeTime), stepEnd_(end_)
 {
-    // What ldap.conf or the environment say of certificates or referrals must not count.
-    setenv("LDAPNOINIT", "1", 1); // NOLINT(concurrency-mt-unsafe): no threads here
+    IgnoreLdapConfiguration();
     const NoPipeSignal quiet;
     std::optional<LdapError> first;
+    const size_t last = lastServer;
     for (size_t i = 0; i < settings_.servers.size(); ++i) {
-        const size_t at = (lastServer + i) % settings_.servers.size();
+        const size_t at = (last + i) % settings_.servers.size();
         try {
             Open(settings_.servers[at]);
             lastServer = at;

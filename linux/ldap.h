@@ -80,6 +80,10 @@ struct LdapSearch {
     int most = 0;          // more entries are not asked for; 0: all of them, page by page
 };
 
+// What ldap.conf and the environment say of certificates or referrals must not count. A connection sees to
+// it; a process that makes them on several threads calls this before the first one, and ignores SIGPIPE.
+void IgnoreLdapConfiguration();
+
 class LdapConnection
 {
 public:

@@ -226,22 +226,36 @@ LdapSearch GroupSearch(const LdapSettings& settings, const std::string& narrower
 }
 
 // All entries of a bare name, but no more than it takes to know that there are several.
+std::vector<Person> PersonsCalled(LdapConnection& connection, const LdapSettings& settings,
+                                  std::string_view bare)
+{
+    std::vector<Person> found;
+    LdapSearch search = UserSearch(settings, Equals(settings.userName, bare));
+    search.most = kMostOfAName;
+    const auto wanted = CanonicalName(std::string(bare) + '@' + settings.realm);
+    connection.Search(search, [&](const LdapEntry& entry) {
+        auto person = PersonOf(entry, settings);
+        if (person && wanted == person->account.name) {
+            found.push_back(std::move(*person));
+        }
+    });
+    return found;
+}
+
 std::vector<Person> PersonsCalled(Asked& asked, std::string_view bare)
 {
     std::vector<Person> found;
-    WithDirectory(asked, [&](LdapConnection& connection) {
-        const LdapSettings& settings = *asked.settings;
-        LdapSearch search = UserSearch(settings, Equals(settings.userName, bare));
-        search.most = kMostOfAName;
-        const auto wanted = CanonicalName(std::string(bare) + '@' + settings.realm);
-        connection.Search(search, [&](const LdapEntry& entry) {
-            auto person = PersonOf(entry, settings);
-            if (person && wanted == person->account.name) {
-                found.push_back(std::move(*person));
-            }
-        });
-    });
+    WithDirectory(
+        asked, [&](LdapConnection& connection) { found = PersonsCalled(connection, *asked.settings, bare); });
     return found;
+}
+
+std::optional<Person> OnlyOne(std::vector<Person> found, const std::string& name)
+{
+    if (found.size() > 1) {
+        syslog(LOG_WARNING, "%s is the name of several entries, so of no account", name.c_str());
+    }
+    return found.size() == 1 ? std::optional(std::move(found.front())) : std::nullopt;
 }
 
 // Numbered, and kept for the request.
@@ -251,16 +265,12 @@ const Person* FindPerson(const std::string& name)
     if (asked.person && asked.person->account.name == name) {
         return &*asked.person;
     }
-    std::vector<Person> found = PersonsCalled(asked, BareName(name));
-    if (found.size() != 1) {
-        if (found.size() > 1) {
-            syslog(LOG_WARNING, "%s is the name of several entries, so of no account", name.c_str());
-        }
+    std::optional<Person> person = OnlyOne(PersonsCalled(asked, BareName(name)), name);
+    if (!person) {
         return nullptr;
     }
-    Person person = std::move(found.front());
-    person.account.uid = NumberOfAccount(kKindLdap, {person.id, name});
-    return &asked.person.emplace(std::move(person));
+    person->account.uid = NumberOfAccount(kKindLdap, {person->id, name});
+    return &asked.person.emplace(std::move(*person));
 }
 
 const GroupEntry* FindGroupEntry(const std::string& name)
@@ -550,6 +560,23 @@ int64_t ListLdapGroups(std::string_view text, const ListPage& page, const EachEn
     return List<GroupEntry>(
         GroupSearch(settings, Sieve(settings, text, settings.groupName, settings.groupDescription)), text,
         page, GroupOf, ShowGroups, each);
+}
+
+std::optional<UnnumberedAccount> AskLdapAccount(const LdapSettings& settings,
+                                                const std::string& canonicalName)
+{
+    LdapConnection connection(settings);
+    auto person = OnlyOne(PersonsCalled(connection, settings, BareName(canonicalName)), canonicalName);
+    if (!person) {
+        return std::nullopt;
+    }
+    return UnnumberedAccount{std::move(person->account), std::move(person->id)};
+}
+
+Account Numbered(UnnumberedAccount found)
+{
+    found.account.uid = NumberOfAccount(kKindLdap, {found.id, found.account.name});
+    return std::move(found.account);
 }
 
 LdapMatches FindLdapEntries(std::string_view bareName)

@@ -42,6 +42,18 @@ std::vector<uint32_t> GroupsOfLdapAccount(const std::string& canonicalName);
 int64_t ListLdapAccounts(std::string_view text, const ListPage& page, const EachEntry& each);
 int64_t ListLdapGroups(std::string_view text, const ListPage& page, const EachEntry& each);
 
+// --- For a process that serves others meanwhile ---
+
+// FindLdapAccount in two halves: the first asks the directory, over a connection of its own and on any
+// thread, and the second gives the number.
+struct UnnumberedAccount {
+    Account account;
+    std::string id;
+};
+std::optional<UnnumberedAccount> AskLdapAccount(const LdapSettings& settings,
+                                                const std::string& canonicalName);
+Account Numbered(UnnumberedAccount found);
+
 // --- Steps of the library's own search ---
 
 struct LdapMatches {

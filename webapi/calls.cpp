@@ -2,11 +2,14 @@
 
 #include "linux/accounts.h"
 #include "linux/error.h"
+#include "linux/ldap_accounts.h"
+#include "linux/names.h"
 #include "linux/request.h"
 #include "platform/core.h"
 #include "platform/users.h"
 #include "webapi/mail_calls.h"
 #include "webapi/queue_runner.h"
+#include "webapi/transfers.h"
 
 #include <json/writer.h>
 #include <syslog.h>
@@ -39,10 +42,59 @@ Code CodeOfLookUp()
     }
 }
 
-void GetNormalUser(const Request& request, const Reply& reply, Tools& /*tools*/)
+void AnswerUser(const char* name, uint32_t uid, const char* mail, const Reply& reply)
+{
+    // Written by hand: as a Json::Value it would take as long as the rest of the call.
+    reply.Data(R"({"email":)" + Json::valueToQuotedString(mail != nullptr ? mail : "") + R"(,"name":)" +
+               Json::valueToQuotedString(name) + R"(,"uid":)" + std::to_string(uid) + '}');
+}
+
+// A directory may take its time: it is asked on a thread of the transfers'.
+void GetDirectoryUser(const LdapSettings& settings, const std::string& name, const Reply& reply, Tools& tools)
+{
+    struct LookUp {
+        std::optional<UnnumberedAccount> found;
+        bool failed = false;
+    };
+    const auto lookUp = std::make_shared<LookUp>();
+    const auto ask = [lookUp, settings, name] {
+        try {
+            lookUp->found = AskLdapAccount(settings, name);
+        } catch (const std::exception& error) {
+            syslog(LOG_ERR, "directory: %s", error.what());
+            lookUp->failed = true;
+        }
+    };
+    tools.transfers.Start(ask, [lookUp, reply] {
+        if (lookUp->failed || !lookUp->found) {
+            reply.Refuse(lookUp->failed ? Code::Unavailable : Code::NoAccount);
+            return;
+        }
+        try {
+            const Account account = Numbered(std::move(*lookUp->found));
+            AnswerUser(account.name.c_str(), account.uid, account.mail.c_str(), reply);
+        } catch (const DatabaseError& error) {
+            syslog(LOG_ERR, "accounts: %s", error.what());
+            reply.Refuse(Code::Unavailable);
+        }
+    });
+}
+
+void GetNormalUser(const Request& request, const Reply& reply, Tools& tools)
 {
     if (request.runner.empty()) {
         reply.Refuse(Code::BadArgument);
+        return;
+    }
+    try {
+        const auto name = CanonicalName(request.runner);
+        if (name && IsLdapName(*name)) {
+            GetDirectoryUser(*ReadLdapSettings(), *name, reply, tools);
+            return;
+        }
+    } catch (const LdapError& error) {
+        syslog(LOG_ERR, "directory: %s", error.what());
+        reply.Refuse(Code::Unavailable);
         return;
     }
     TAVRUser* found = nullptr;
@@ -51,10 +103,7 @@ void GetNormalUser(const Request& request, const Reply& reply, Tools& /*tools*/)
         return;
     }
     const std::unique_ptr<TAVRUser, FreeUser> user(found);
-    // Written by hand: as a Json::Value it would take as long as the rest of the call.
-    reply.Data(R"({"email":)" + Json::valueToQuotedString(user->mail != nullptr ? user->mail : "") +
-               R"(,"name":)" + Json::valueToQuotedString(user->name) + R"(,"uid":)" +
-               std::to_string(user->uid) + '}');
+    AnswerUser(user->name, user->uid, user->mail, reply);
 }
 
 // --- TAVR.Notification.Mail ---

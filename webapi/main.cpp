@@ -2,6 +2,7 @@
 #include "linux/daemon.h"
 #include "linux/descriptor.h"
 #include "linux/ids.h"
+#include "linux/ldap.h"
 #include "linux/paths.h"
 #include "linux/unix_socket.h"
 #include "webapi/loop.h"
@@ -153,6 +154,7 @@ int main(int argc, char** argv)
     const bool activated = IsActivated();
     tavr::PrepareProcess(activated ? kFirstPassed + 1 : kFirstPassed);
     tavr::OpenLog("tavr-webapid");
+    tavr::IgnoreLdapConfiguration();
     if (sodium_init() < 0 || !tavr::webapi::StartMailTransfers()) {
         Die("libraries cannot be started");
     }

@@ -9,8 +9,6 @@
 #include "tests/support/directory.h"
 #include "tests/support/fresh_server.h"
 
-#include <sys/stat.h>
-
 #include <cstdlib>
 #include <set>
 
@@ -123,15 +121,8 @@ protected:
             GTEST_SKIP() << "there is no slapd on this machine: run scripts/setup test first";
         }
         WriteSettings(directory_->SettingsLines());
-        WriteSecret();
+        Directory::WriteSecret();
     }
-    static void WriteSecret()
-    {
-        test::WriteFile(kSecretsFile, std::string("ldap_bind_password=\"") + kReaderPassword + "\"\n");
-        ASSERT_EQ(0, chown(kSecretsFile, 0, kServiceId));
-        ASSERT_EQ(0, chmod(kSecretsFile, 0440));
-    }
-
     static Directory* directory_;
 };
 Directory* LdapAccounts::directory_ = nullptr;

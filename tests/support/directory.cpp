@@ -1,6 +1,7 @@
 #include "tests/support/directory.h"
 
 #include <ldap.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -151,6 +152,16 @@ std::string Directory::SettingsLines() const
 {
     return "ldap_uri=\"" + Uri() + "\"\nldap_realm=\"office.example\"\nldap_base=\"dc=office,dc=example\"\n" +
            "ldap_ca_file=\"" + CaFile() + "\"\nldap_bind_dn=\"" + kReaderDn + "\"\n";
+}
+
+void Directory::WriteSecret()
+{
+    constexpr char kFile[] = "/etc/tavr/secrets";
+    constexpr gid_t kServiceGroup = 64217;
+    std::ofstream(kFile) << "ldap_bind_password=\"" << kReaderPassword << "\"\n";
+    if (chown(kFile, 0, kServiceGroup) != 0 || chmod(kFile, 0440) != 0) {
+        throw std::runtime_error(kFile);
+    }
 }
 
 void Directory::Rename(const std::string& dn, const std::string& newRdn, const std::string& newParent) const

@@ -43,6 +43,7 @@ public:
 
     // The lines of the settings file with which it is used; the password is a secret apart.
     [[nodiscard]] std::string SettingsLines() const;
+    static void WriteSecret(); // into the file of secrets, as root
 
     // As its administrator. A DN is one without the part that all have in common.
     void Rename(const std::string& dn, const std::string& newRdn, const std::string& newParent) const;
