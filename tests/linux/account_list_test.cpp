@@ -82,10 +82,8 @@ void MakeOldTables()
             "DROP TRIGGER account_group_added; DROP TRIGGER account_group_changed;"
             "DROP TRIGGER account_group_removed; DROP INDEX account_listed; DROP INDEX account_group_listed;"
             "DROP TABLE account_gram; DROP TABLE group_gram; DROP TABLE list_size; DROP TABLE text_position;"
-            "ALTER TABLE account DROP COLUMN folded; ALTER TABLE account_group DROP COLUMN folded");
-    Statement ask = AccountsDatabase().Prepare("PRAGMA user_version");
-    ASSERT_TRUE(ask.Step());
-    Execute(("PRAGMA user_version=" + std::to_string(ask.Int(0) - 1)).c_str());
+            "ALTER TABLE account DROP COLUMN folded; ALTER TABLE account_group DROP COLUMN folded;"
+            "DROP TABLE directory_account; DROP TABLE directory_group; PRAGMA user_version=3");
 }
 
 class Lists : public testing::Test

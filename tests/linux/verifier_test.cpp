@@ -723,6 +723,47 @@ TEST_F(Verifier, SaysWhichFaultKeptItFromComparing)
     }
 }
 
+TEST_F(Verifier, StoresWhatIsGrantedTogetherWithTheCode)
+{
+    AsWorker([] {
+        const Account alice = MakeAccount("alice");
+        const std::string secret = Enrol(alice);
+        SetWallClock(kNow);
+        SigninDatabase().Prepare("CREATE TABLE granted (what TEXT)").Run();
+        const auto verify = [&alice](const std::string& code, const GrantInside& grant) {
+            StartRequest();
+            return VerifyCode(alice, code, grant).result;
+        };
+        const auto store = [](Transaction&) {
+            SigninDatabase().Prepare("INSERT INTO granted VALUES ('once')").Run();
+        };
+        const auto rows = [] {
+            Statement count = SigninDatabase().Prepare("SELECT count(*) FROM granted");
+            return count.Step() ? count.Int(0) : -1;
+        };
+        const std::string code = CodeOf(secret, kStep);
+        const std::string emergency = EmergencyCode(alice, 2);
+
+        EXPECT_EQ(CodeResult::Wrong, verify(CodeOfNoStepNear(secret, kStep), store));
+        EXPECT_EQ(0, rows());
+        for (const std::string& right : {code, emergency}) {
+            EXPECT_EQ(CodeResult::Fault, verify(right, [&store](Transaction& inside) {
+                          store(inside);
+                          throw DatabaseError(SQLITE_FULL, "told to fail");
+                      }));
+            EXPECT_EQ(Fault::StateUnavailable, CurrentRequest().fault);
+            EXPECT_FALSE(CurrentRequest().codeOf.has_value());
+            EXPECT_EQ(0, rows()) << right.size();
+        }
+        EXPECT_EQ(CodeResult::Accepted, verify(code, store)) << "it was not used by that";
+        EXPECT_EQ(1, rows());
+        EXPECT_EQ(CodeResult::Used, verify(code, store));
+        EXPECT_EQ(CodeResult::Accepted, verify(emergency, store));
+        EXPECT_EQ(CodeResult::Wrong, verify(emergency, store));
+        EXPECT_EQ(2, rows());
+    });
+}
+
 TEST_F(Verifier, GrantsNothingThatCannotBeStored)
 {
     AsWorker([] { Enrol(MakeAccount("alice")); });
