@@ -20,6 +20,7 @@ if(TAVR_SANITIZE)
         -fno-omit-frame-pointer
         $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized> -Wno-null-dereference)   # g++ sees both in what the checks add
     target_link_options(tavr_compile INTERFACE -fsanitize=${TAVR_SANITIZE})
+    target_compile_definitions(tavr_compile INTERFACE TAVR_SANITIZED)   # for tests alone
 else()
     target_compile_options(tavr_compile INTERFACE $<$<NOT:$<CONFIG:>>:-U_FORTIFY_SOURCE> -D_FORTIFY_SOURCE=2)
 endif()

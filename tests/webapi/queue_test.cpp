@@ -237,7 +237,7 @@ TEST_F(Queue, IsWaitedForTwelveSecondsWhenTheServiceEnds)
         Until([&] { return server_->Count() == 1; });
         kill(service.Pid(), SIGTERM);
         Until([] { return !ConnectRaw(); });
-        AdvanceBootClock(11);
+        AdvanceBootClock(10); // and a second or two that are passing
         usleep(200'000);
         siginfo_t ended{};
         waitid(P_PID, static_cast<id_t>(service.Pid()), &ended, WEXITED | WNOHANG | WNOWAIT);
@@ -255,6 +255,10 @@ TEST_F(Queue, IsWaitedForTwelveSecondsWhenTheServiceEnds)
 }
 
 // --- Kills ---
+
+// Sanitizers find nothing new in a killed process; and a child of this one, which has threads, may wait for
+// ever for a lock of theirs.
+#ifndef TAVR_SANITIZED
 
 struct Kills {
     int all = 0;
@@ -309,6 +313,8 @@ TEST_F(Queue, LosesNothingWhereverTheServiceIsKilled)
         "Message-ID\n",
         kills.all, kills.afterData, mails, repeats);
 }
+
+#endif
 
 } // namespace
 } // namespace tavr::test
