@@ -73,11 +73,11 @@ test("enrolment with the QR code off the screen, then sign-in with password and 
   await page.keyboard.press("Enter");
   await page.waitForFunction(() => document.getElementById("code-error").textContent.startsWith("That code is not right."));
   server.advance(30);
-  await page.fill("#code", server.code(key));
+  const used = server.code(key);
+  await page.fill("#code", used);
   await page.keyboard.press("Enter");
   await atOverview(page, { on: true });
 
-  const used = server.code(key);
   await signOut(page);
   await signIn(page, "alice", password);
   await page.fill("#code", used);

@@ -87,6 +87,11 @@ class Server {
     writeFileSync(kClockFile, `${this.clockOffset} ${this.clockOffset}\n`);
   }
 
+  // Forward to where the next code begins, for what has to happen while one code is shown.
+  nextStep() {
+    this.advance(30 - (Math.floor(Date.now() / 1000) + this.clockOffset) % 30);
+  }
+
   // The code that an app with this key shows now, on the server's clock.
   code(key) {
     const now = Math.floor(Date.now() / 1000) + this.clockOffset;
