@@ -236,12 +236,15 @@ public:
         if (index < offset_ || (limit_ != -1 && index - offset_ >= limit_)) {
             return;
         }
-        Json::Value& row = rows_.append(EmptyRow());
+        Json::Value& row = NextRow();
         auto member = row.begin(); // in the order of their names
-        *member++ = TextOrEmpty(description);
-        *member++ = std::to_string(number);
-        *member++ = enforced;
-        *member++ = name;
+        *member = TextOrEmpty(description);
+        *++member = std::to_string(number);
+        ++member;
+        if (enforced) {
+            *member = true;
+        }
+        *++member = name;
         if (description == nullptr) {
             row.removeMember("desc");
         }
@@ -250,10 +253,41 @@ public:
     // How many rows the filter has let through, those of other pages too.
     [[nodiscard]] int Count() const { return count_; }
 
-    [[nodiscard]] Json::Value& Rows() { return rows_; }
+    [[nodiscard]] Json::Value& Rows()
+    {
+        rows_.resize(kept_);
+        return rows_;
+    }
 
 private:
-    // Copied for each row, as looking for a place for each member takes longer than everything else about it.
+    // After a few rows a page of them may come: its places are made together, which takes less than one by
+    // one.
+    Json::Value& NextRow()
+    {
+        if (kept_ == kFew) {
+            MakePlaces();
+        }
+        const Json::ArrayIndex index = kept_++;
+        if (index < kFew || index >= kPage) {
+            return rows_.append(EmptyRow());
+        }
+        Json::Value& row = *place_;
+        ++place_;
+        return row;
+    }
+
+    void MakePlaces()
+    {
+        Json::Value page = EmptyPage();
+        place_ = page.begin();
+        for (Json::Value& row : rows_) {
+            row.swap(*place_);
+            ++place_;
+        }
+        rows_.swap(page);
+    }
+
+    // Both are copied, as looking for a place for each member takes longer than everything else about a row.
     // The names are literals, which the rows need not copy.
     static const Json::Value& EmptyRow()
     {
@@ -262,10 +296,26 @@ private:
             for (const char* name : {"desc", "id", "is_enforced", "name"}) {
                 made[Json::StaticString(name)] = Json::Value();
             }
+            made["is_enforced"] = false;
             return made;
         }();
         return row;
     }
+
+    static const Json::Value& EmptyPage()
+    {
+        static const Json::Value page = [] {
+            Json::Value made(Json::arrayValue);
+            for (Json::ArrayIndex i = 0; i < kPage; ++i) {
+                made.append(EmptyRow());
+            }
+            return made;
+        }();
+        return page;
+    }
+
+    static constexpr Json::ArrayIndex kFew = 4;
+    static constexpr Json::ArrayIndex kPage = 50;
 
     std::vector<uint32_t> enforced_;
     bool takesEnforced_;
@@ -274,6 +324,8 @@ private:
     int64_t limit_;
     int count_ = 0;
     Json::Value rows_ = Json::Value(Json::arrayValue);
+    Json::ArrayIndex kept_ = 0;   // rows that are filled
+    Json::Value::iterator place_; // of the next one, from MakePlaces to the page's end
 };
 
 // Called back with the RowList as user data: 0 for an entry that is taken, -1 for one that is dropped.

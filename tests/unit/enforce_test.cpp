@@ -826,6 +826,26 @@ TEST(CustomSettingList, HasARowForEveryUserOfThePlatform)
     EXPECT_EQ(4, List("local_user", "unenforced").total) << "what has no row is not counted";
 }
 
+// Rows are made singly or a page at a time.
+TEST(CustomSettingList, HasAsManyRowsAsThePlatformHas)
+{
+    for (const uint32_t count : {0U, 1U, 4U, 5U, 6U, 49U, 50U, 51U, 120U}) {
+        SCOPED_TRACE(count);
+        Server server(R"({"local_user":["2","5","50","51","120"]})");
+        for (uint32_t id = 1; id <= count; ++id) {
+            server.platform.userList.push_back({"somebody", id, "text", 1});
+        }
+        const Answer answer = List("local_user", "all", 0, 120);
+        ASSERT_EQ(count, answer.rows.size());
+        for (uint32_t id = 1; id <= count; ++id) {
+            const bool picked = id == 2 || id == 5 || id == 50 || id == 51 || id == 120;
+            EXPECT_EQ("{\"desc\":\"text\",\"id\":\"" + std::to_string(id) +
+                          "\",\"is_enforced\":" + (picked ? "true" : "false") + ",\"name\":\"somebody\"}",
+                      JsonToString(answer.rows[id - 1]));
+        }
+    }
+}
+
 TEST(CustomSettingList, AsksForTheRecordOfUsersOfTheDirectory)
 {
     Server server(R"({"ldap_user":["2000001"]})");
