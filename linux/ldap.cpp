@@ -82,16 +82,14 @@ void SetOption(ldap* connection, int option, const Value* value)
 
 // --- Settings ----------------------------------------------------------------------------------------------
 
-[[noreturn]] void RefuseSetting(const char* key, const std::string& text)
+[[noreturn]] void RefuseSetting(const std::string& key, const std::string& text)
 {
-    throw LdapError(LdapStep::Settings, std::string("setting ") + key + ' ' + text);
+    throw LdapError(LdapStep::Settings, "setting " + key + ' ' + text);
 }
 
-LdapServer ServerOf(std::string_view word)
+LdapServer ServerOf(std::string_view word, const std::string& key)
 {
-    const auto refuse = [&] {
-        RefuseSetting("ldap_uri", "is none of ldap://host[:port], ldaps://host[:port]");
-    };
+    const auto refuse = [&] { RefuseSetting(key, "is none of ldap://host[:port], ldaps://host[:port]"); };
     LdapServer server;
     server.uri = word;
     server.tls = word.starts_with("ldaps://");
@@ -123,13 +121,13 @@ LdapServer ServerOf(std::string_view word)
     return server;
 }
 
-std::vector<LdapServer> ServersOf(std::string_view text)
+std::vector<LdapServer> ServersOf(std::string_view text, const std::string& key)
 {
     std::vector<LdapServer> servers;
     while (!text.empty()) {
         const size_t end = std::min(text.find(' '), text.size());
         if (end > 0) {
-            servers.push_back(ServerOf(text.substr(0, end)));
+            servers.push_back(ServerOf(text.substr(0, end), key));
         }
         text.remove_prefix(std::min(end + 1, text.size()));
     }
@@ -161,40 +159,49 @@ std::string FilterSetting(const char* key, const char* fallback)
 std::string RealmSetting()
 {
     const auto name = CanonicalName("x@" + Setting("ldap_realm", ""));
-    if (!name || name->size() < 3) {
+    if (!name || name->size() < 3 || !name->starts_with("x@")) { // else it is one of the domains
         RefuseSetting("ldap_realm", "names no realm, the part of an account's name behind the @");
     }
     return name->substr(2);
 }
 
-bool StartTlsSetting()
+bool StartTlsSetting(const std::string& key)
 {
-    const std::string text = Setting("ldap_starttls", "yes");
+    const std::string text = Setting(key, "yes");
     if (text != "yes" && text != "no") {
-        RefuseSetting("ldap_starttls", "is neither yes nor no");
+        RefuseSetting(key, "is neither yes nor no");
     }
     return text == "yes";
 }
 
 } // namespace
 
+bool ReadLdapServers(const std::string& prefix, LdapSettings& settings)
+{
+    settings.servers = ServersOf(Setting(prefix + "uri", ""), prefix + "uri");
+    if (settings.servers.empty()) {
+        return false;
+    }
+    settings.startTls = StartTlsSetting(prefix + "starttls");
+    settings.caFile = Setting(prefix + "ca_file", kSystemCertificates);
+    settings.bindName = Setting(prefix + "bind_dn", "");
+    if (!settings.bindName.empty()) {
+        settings.bindPassword = SecretSetting(prefix + "bind_password").value_or("");
+        if (settings.bindPassword.empty()) {
+            RefuseSetting(prefix + "bind_dn",
+                          "is of no use without " + prefix + "bind_password in the secrets");
+        }
+    }
+    return true;
+}
+
 std::optional<LdapSettings> ReadLdapSettings()
 {
     LdapSettings settings;
-    settings.servers = ServersOf(Setting("ldap_uri", ""));
-    if (settings.servers.empty()) {
+    if (!ReadLdapServers("ldap_", settings)) {
         return std::nullopt;
     }
     settings.realm = RealmSetting();
-    settings.startTls = StartTlsSetting();
-    settings.caFile = Setting("ldap_ca_file", kSystemCertificates);
-    settings.bindName = Setting("ldap_bind_dn", "");
-    if (!settings.bindName.empty()) {
-        settings.bindPassword = SecretSetting("ldap_bind_password").value_or("");
-        if (settings.bindPassword.empty()) {
-            RefuseSetting("ldap_bind_dn", "is of no use without ldap_bind_password in the secrets");
-        }
-    }
     const std::string base = Setting("ldap_base", "");
     settings.userBase = Setting("ldap_user_base", base);
     settings.groupBase = Setting("ldap_group_base", base);

@@ -5,11 +5,12 @@
 // followed.
 #pragma once
 
+#include "linux/directory_error.h"
+
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,10 +24,10 @@ namespace tavr
 // Which step failed; the text says what happened.
 enum class LdapStep { Settings, Connect, Encrypt, Bind, Search };
 
-class LdapError : public std::runtime_error
+class LdapError : public DirectoryError
 {
 public:
-    LdapError(LdapStep failed, const std::string& text) : std::runtime_error(text), step(failed) {}
+    LdapError(LdapStep failed, const std::string& text) : DirectoryError(text), step(failed) {}
     const LdapStep step;
 };
 
@@ -54,6 +55,10 @@ struct LdapSettings {
 // From the settings ldap_* (doc/ldap.md has them all) and the secret ldap_bind_password. Empty: no directory
 // is set up. Throws LdapError where one is, but not so that it could be used.
 std::optional<LdapSettings> ReadLdapSettings();
+
+// What servers are reached with, from the settings uri, starttls, ca_file and bind_dn, and the secret
+// bind_password, all with this prefix. False: no server is named. Throws as above.
+bool ReadLdapServers(const std::string& prefix, LdapSettings& settings);
 
 // A text as a value in a filter, in which it stands for itself (RFC 4515 section 3).
 std::string FilterValue(std::string_view text);

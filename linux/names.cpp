@@ -1,5 +1,6 @@
 #include "linux/names.h"
 
+#include "linux/domain_names.h"
 #include "linux/error.h"
 #include "linux/paths.h"
 #include "platform/cgi.h"
@@ -160,7 +161,18 @@ std::string UpperCase(std::string text)
     return text;
 }
 
-// The three forms, of a name that is in one spelling already but for the domain's case.
+// The name of the known domain that is called so; empty: none is.
+std::string KnownDomain(std::string_view called)
+{
+    for (const DomainName& domain : KnownDomains()) {
+        if (IsCalled(domain, called)) {
+            return domain.name;
+        }
+    }
+    return {};
+}
+
+// The three forms, of a name that is in one spelling already but for the domain's case and name.
 std::optional<std::string> ArrangeParts(const std::string& name)
 {
     const size_t backslash = name.find('\\');
@@ -170,7 +182,8 @@ std::optional<std::string> ArrangeParts(const std::string& name)
         if (!IsPart(domain) || !IsPart(user) || domain.find('@') != std::string::npos) {
             return std::nullopt;
         }
-        return UpperCase(domain) + '\\' + user;
+        const std::string known = KnownDomain(domain);
+        return (known.empty() ? UpperCase(domain) : known) + '\\' + user;
     }
     const size_t at = name.find('@');
     if (at != std::string::npos) {
@@ -179,7 +192,8 @@ std::optional<std::string> ArrangeParts(const std::string& name)
         if (!IsPart(user) || !IsPart(domain) || domain.find('@') != std::string::npos) {
             return std::nullopt;
         }
-        return name;
+        const std::string known = KnownDomain(domain);
+        return known.empty() ? name : known + '\\' + user;
     }
     return IsPart(name) ? std::optional(name) : std::nullopt;
 }
@@ -210,7 +224,8 @@ std::optional<std::string> CanonicalName(std::string_view typed)
         return std::nullopt;
     }
     // A wide blank has become a usual one; it may stand at an end.
-    return ArrangeParts(std::string(Trim(*folded)));
+    auto name = ArrangeParts(std::string(Trim(*folded)));
+    return name && name->size() <= kMaxName ? name : std::nullopt;
 }
 
 bool IsDirectoryName(std::string_view canonicalName)

@@ -1,5 +1,5 @@
 // Account names: one canonical spelling for each account, and the folder that follows from it. Nothing here
-// asks a directory or touches a disk.
+// asks a directory; what the known domains are called stands in the settings.
 #pragma once
 
 #include <optional>
@@ -17,7 +17,9 @@ inline constexpr size_t kMaxName = 492;
 // than the common one, and characters that are mere variants of others (ligatures, mathematical alphabets).
 //
 // Blanks at the ends do not count; letters are composed (NFC), of usual width, and lower case but for an
-// ASCII domain before a backslash, which is upper case. A canonical name is its own canonical spelling.
+// ASCII domain before a backslash, which is upper case. A domain that this server knows (domain_names.h) may
+// be called by either of its names and stand on either side: `user@realm` is `DOMAIN\user`. A canonical name
+// is its own canonical spelling.
 std::optional<std::string> CanonicalName(std::string_view typed);
 
 // Whether a canonical name is that of a directory's account or group: one of the two forms with a domain.

@@ -1,5 +1,6 @@
 #include "tests/linux/fake_account.h"
 
+#include "linux/domain_names.h"
 #include "linux/ldap_accounts.h"
 #include "linux/settings.h"
 
@@ -102,6 +103,16 @@ CodeAnswer VerifyCode(const Account& /*account*/, std::string_view /*code*/, con
 const std::optional<CodeAnswer>& LastLibraryAnswer()
 {
     return fake.libraryAnswer;
+}
+
+std::vector<DomainName> KnownDomains()
+{
+    return {};
+}
+
+bool IsCalled(const DomainName& /*domain*/, std::string_view /*text*/)
+{
+    return false;
 }
 
 int64_t NumberSetting(std::string_view key, int64_t fallback, int64_t /*least*/, int64_t /*most*/)

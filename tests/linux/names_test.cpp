@@ -1,13 +1,18 @@
 #include "linux/names.h"
 
+#include "linux/domain_settings.h"
+#include "linux/ids.h"
+#include "linux/paths.h"
 #include "platform/cgi.h"
 #include "platform/core.h"
 #include "platform/secrets.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 #include <utf8proc.h>
 
 #include <cstring>
+#include <fstream>
 #include <set>
 
 using tavr::CanonicalName;
@@ -127,6 +132,94 @@ TEST(CanonicalNames, AreTheirOwnCanonicalSpellingForEveryCharacter)
             }
         }
     }
+}
+
+namespace
+{
+
+class Domains : public testing::Test
+{
+protected:
+    ~Domains() override { Write(""); }
+    static void Write(const std::string& settings)
+    {
+        const tavr::EffectiveIds root = tavr::EffectiveIds::Root();
+        unlink(tavr::kSettingsFile); // a new file: one that is emptied may still be written
+        std::ofstream(tavr::kSettingsFile) << settings;
+    }
+};
+
+constexpr char kCorp[] = "domain_name=\"corp\"\ndomain_realm=\"CORP.Test\"\n";
+
+} // namespace
+
+TEST_F(Domains, AreCalledByEitherNameOnEitherSide)
+{
+    Write(std::string(kCorp) + "domain_trusted=\" OTHER=other.test  third=THIRD.test \"\n");
+    const struct {
+        const char* typed;
+        const char* canonical;
+        const char* reason;
+    } cases[] = {
+        {"CORP\\dan", "CORP\\dan", "as it is"},
+        {" corp\\DAN ", "CORP\\dan", "case and blanks"},
+        {"dan@corp.test", "CORP\\dan", "name@realm"},
+        {"Dan@CORP.TEST", "CORP\\dan", "likewise, in capitals"},
+        {"dan@corp", "CORP\\dan", "name@short name"},
+        {"corp.test\\dan", "CORP\\dan", "the realm in front"},
+        {"jo\xCC\x88rg@corp.test", "CORP\\j\xC3\xB6rg", "decomposed"},
+        {"dan\xEF\xBC\xA0"
+         "corp.test",
+         "CORP\\dan", "a full-width at sign"},
+        {"dan@other.test", "OTHER\\dan", "a trusted one"},
+        {"third.test\\dan", "THIRD\\dan", "likewise"},
+        {"dan@corp.test.example", "dan@corp.test.example", "another realm"},
+        {"dan@sub.corp.test", "dan@sub.corp.test", "one below"},
+        {"NOTCORP\\dan", "NOTCORP\\dan", "another domain"},
+        {"CORP\\dan@corp.test", "CORP\\dan@corp.test", "an at sign in the name"},
+        {"dan", "dan", "a local name"},
+    };
+    for (const auto& one : cases) {
+        EXPECT_EQ(one.canonical, CanonicalName(one.typed).value_or("refused")) << one.reason;
+        EXPECT_EQ(one.canonical, CanonicalName(one.canonical).value_or("refused")) << one.reason << ", again";
+    }
+    const std::string longest = std::string(tavr::kMaxName - 5, 'x') + "@corp";
+    EXPECT_EQ("CORP\\" + longest.substr(0, longest.size() - 5), CanonicalName(longest));
+}
+
+TEST_F(Domains, AreReadFromSettingsThatNameThemOnce)
+{
+    EXPECT_FALSE(tavr::ReadDomainSettings());
+    EXPECT_FALSE(tavr::ReadDomainCopySettings());
+    Write(kCorp);
+    const auto settings = tavr::ReadDomainSettings();
+    ASSERT_TRUE(settings);
+    EXPECT_EQ((std::vector<tavr::DomainName>{{"CORP", "corp.test"}}), settings->names);
+    EXPECT_EQ(tavr::DomainClient::Sssd, settings->client);
+    EXPECT_EQ('\\', settings->separator);
+    EXPECT_FALSE(tavr::ReadDomainCopySettings()) << "no controllers";
+    Write(std::string(kCorp) + "domain_uri=\"ldaps://dc1.corp.test\"\n");
+    const auto copy = tavr::ReadDomainCopySettings();
+    ASSERT_TRUE(copy);
+    EXPECT_EQ("dc=corp,dc=test", copy->ldap.userBase);
+    EXPECT_EQ(1U, copy->ldap.servers.size());
+    EXPECT_EQ(500, copy->pageSize);
+
+    for (const char* line : {"domain_realm=\"\"", "domain_realm=\"corp..test\"", "domain_realm=\"corp test\"",
+                             "domain_name=\"COR\\P\"", "domain_name=\"a-name-of-16-xxx\"",
+                             "domain_client=\"other\"", "domain_separator=\"\"", "domain_separator=\"/\"",
+                             "domain_trusted=\"OTHER\"", "domain_trusted=\"CORP=other.test\"",
+                             "domain_trusted=\"OTHER=corp.test\"", "domain_trusted=\"A=a.test A=b.test\""}) {
+        Write(kCorp + std::string(line) + '\n');
+        EXPECT_THROW(static_cast<void>(tavr::ReadDomainSettings()), tavr::LdapError) << line;
+    }
+    Write(std::string(kCorp) + "domain_trusted=\"OTHER\"\n");
+    EXPECT_EQ("dan@corp.test", CanonicalName("dan@corp.test")) << "no domain is known";
+    Write(std::string(kCorp) + "domain_uri=\"http://dc1.corp.test\"\n");
+    EXPECT_THROW(static_cast<void>(tavr::ReadDomainCopySettings()), tavr::LdapError);
+    Write(std::string(kCorp) +
+          "ldap_uri=\"ldap://127.0.0.1\"\nldap_realm=\"corp.test\"\nldap_base=\"dc=x\"\n");
+    EXPECT_THROW(static_cast<void>(tavr::ReadLdapSettings()), tavr::LdapError) << "one realm, two kinds";
 }
 
 TEST(FolderNames, KeepPlainNamesAndEncodeTheRest)

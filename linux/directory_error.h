@@ -1,0 +1,17 @@
+// What a directory did not say: it cannot be asked, did not answer in time, or is set up so that it cannot be
+// used. Never to be read as "there is none" or "wrong password".
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace tavr
+{
+
+class DirectoryError : public std::runtime_error
+{
+public:
+    explicit DirectoryError(const std::string& text) : std::runtime_error(text) {}
+};
+
+} // namespace tavr
