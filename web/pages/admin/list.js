@@ -14,6 +14,12 @@ export const numberText = (number) => new Intl.NumberFormat(document.documentEle
 // A name among other words: its direction is its own.
 export const isolate = (name) => `\u2068${name}\u2069`;
 
+// A long name is broken in front of what it has behind an "@", if it can be.
+function breakable(name) {
+  const at = name.indexOf("@");
+  return at > 0 ? [name.slice(0, at), document.createElement("wbr"), name.slice(at)] : [name];
+}
+
 export class List {
   #offset = 0;
   #total = 0;
@@ -171,7 +177,7 @@ export class List {
     const made = byId("row").content.firstElementChild.cloneNode(true);
     const part = (name) => made.querySelector(`.${name}`);
     const name = isolate(row.name);
-    part("name").textContent = row.name;
+    part("name").replaceChildren(...breakable(row.name));
     part("description").textContent = row.desc ?? "";
     part("selects").checked = this.#selection.has(row.id);
     part("selects").setAttribute("aria-label", text("admin:select_row", { name }));
