@@ -518,6 +518,12 @@ std::optional<Group> FindLdapGroup(const std::string& canonicalName)
     return found != nullptr ? std::optional(found->group) : std::nullopt;
 }
 
+std::string MailOfLdapAccount(const Account& account)
+{
+    const Person* person = FindPerson(account.name);
+    return person != nullptr && person->account.uid == account.uid ? person->account.mail : "";
+}
+
 std::optional<Account> CheckLdapPassword(const std::string& canonicalName, std::string_view password)
 {
     if (PasswordProblem(password) != nullptr) {

@@ -30,6 +30,10 @@ bool IsLdapName(std::string_view canonicalName);
 std::optional<Account> FindLdapAccount(const std::string& canonicalName);
 std::optional<Group> FindLdapGroup(const std::string& canonicalName);
 
+// The account's recovery address as the directory has it now. Empty: it has none, or nobody has the name any
+// more, or somebody else has.
+std::string MailOfLdapAccount(const Account& account);
+
 // The account if the password is right. What is never right is as in CheckPassword.
 std::optional<Account> CheckLdapPassword(const std::string& canonicalName, std::string_view password);
 

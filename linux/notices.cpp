@@ -31,23 +31,13 @@ std::string TimeText(int64_t time)
     return text;
 }
 
-// The recovery address on file. A directory is asked for it only now, when the request's answer is out.
-std::string AddressOf(const Account& account)
-{
-    if (account.kind != kKindLdap) {
-        return account.mail;
-    }
-    const std::optional<Account> found = FindLdapAccount(account.name);
-    return found ? found->mail : "";
-}
-
 void Queue(const Request::Notice& notice)
 {
     const std::optional<Account> account = FindAccount(notice.account);
     if (!account) {
         return;
     }
-    const std::string onFile = AddressOf(*account);
+    const std::string onFile = account->kind == kKindLdap ? MailOfLdapAccount(*account) : account->mail;
     const std::string address = notice.address.value_or(onFile);
     const bool unchanged = notice.address == onFile;
     if (unchanged || !IsMailAddress(address)) {

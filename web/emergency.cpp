@@ -6,6 +6,7 @@
 #include "linux/audit.h"
 #include "linux/cipher.h"
 #include "linux/enrolment.h"
+#include "linux/ldap_accounts.h"
 #include "linux/request.h"
 #include "otp/MailOtpCodeHandler.h"
 
@@ -41,6 +42,12 @@ const char* RefusalDetail(const Json::Value& response)
 bool CodesCanBeRead(const Account& account)
 {
     return Settle(account).enrolment != Enrolment::Fault && NameAccountToCipher(account) == Fault::None;
+}
+
+// The library looks for the entry of a directory's account, and not whether that has an address.
+bool LacksAddress(const Account& account)
+{
+    return account.kind == kKindLdap && MailOfLdapAccount(account).empty();
 }
 
 // Counted already; what mailed nothing is given back. An exception leaves it counted: nobody knows then
@@ -79,6 +86,13 @@ Answer SignInEmergency(Call& call)
     if (!place.Taken()) {
         Audit(AuditEvent::CodeMailBusy, account);
         return Busy(kBusySeconds);
+    }
+    if (LacksAddress(account)) {
+        Answer answer;
+        answer.body["success"] = false;
+        answer.body["err"] = "no_mail_address";
+        Audit(AuditEvent::CodeMailRefused, account, RefusalDetail(answer.body));
+        return answer;
     }
     const MailTry counted = CountMail(account.uid);
     if (counted.waitSeconds > 0) {

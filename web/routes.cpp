@@ -1,6 +1,7 @@
 #include "web/route_table.h"
 
 #include "linux/database.h"
+#include "linux/ldap.h"
 #include "linux/machine_key.h"
 #include "linux/request.h"
 
@@ -229,6 +230,10 @@ Answer Serve(const HttpRequest& request, const std::string& body)
     } catch (const DatabaseError& error) {
         syslog(LOG_ERR, "sign-in state: %s", error.what());
         NoteFault(Fault::StateUnavailable);
+        return Unavailable();
+    } catch (const LdapError& error) {
+        syslog(LOG_ERR, "directory: %s", error.what());
+        NoteFault(Fault::DirectoryUnavailable);
         return Unavailable();
     } catch (const VaultError& error) {
         NoteFault(error.fault);

@@ -7,6 +7,7 @@
 #include "linux/audit.h"
 #include "linux/cipher.h"
 #include "linux/clock.h"
+#include "linux/ldap_accounts.h"
 #include "linux/paths.h"
 #include "linux/request.h"
 #include "linux/secret_file.h"
@@ -187,6 +188,9 @@ std::string ReadMail(const Account& account)
 {
     if (account.kind == kKindLocal) {
         return account.mail;
+    }
+    if (account.kind == kKindLdap) {
+        return MailOfLdapAccount(account); // the library goes by the name, whose owner may be another by now
     }
     std::array<char, kMailBuffer> text{};
     try {

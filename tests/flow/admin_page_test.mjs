@@ -116,7 +116,7 @@ test("a group is picked, and its members alone have to use two-step sign-in from
   await atStep(member, "done");
 
   await page.reload();
-  await page.locator("#not-enrolled", { hasText: "Every account that has to use it has set it up." }).waitFor();
+  await page.locator("#not-enrolled", { hasText: "Every account of this server that has to use it has set it up." }).waitFor();
 });
 
 test("an administrator who is not enrolled can demand nothing until she is", async (t) => {

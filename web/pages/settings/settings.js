@@ -93,6 +93,8 @@ async function showStatus() {
   byId("codes-left").textContent = text("settings:codes_left", { n: status.codes_left ?? 0 });
   byId("mail-now").textContent = status.mail || text("settings:mail_none");
   byId("change-mail").hidden = status.mail_writable === false;
+  byId("mail-fixed").hidden = status.mail_writable !== false;
+  byId("mail-fixed").textContent = text(status.mail ? "settings:mail_fixed" : "common:mail_fixed_none");
   byId("start").hidden = status.enrolled;
   byId("actions").hidden = !status.enrolled;
   byId("switch-off").hidden = status.enforced;

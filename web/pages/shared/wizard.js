@@ -168,7 +168,7 @@ class Wizard {
     showMessage();
     this.note("");
     const heading = byId("wizard-heading");
-    heading.textContent = text(this.differs.headings[step]);
+    heading.textContent = text(step === "mail" && !this.mailWritable ? "wizard:mail_heading_fixed" : this.differs.headings[step]);
     setTitle(heading.textContent);
     heading.focus();
     window.scrollTo(0, 0);
@@ -471,6 +471,7 @@ class Wizard {
     byId("wizard-mail-hint").hidden = !this.mailWritable;
     byId("wizard-mail-fields").hidden = !this.mailWritable;
     byId("wizard-mail-fixed").hidden = this.mailWritable;
+    byId("wizard-mail-fixed").textContent = text(mail ? "wizard:mail_fixed" : "common:mail_fixed_none", { mail });
     byId("wizard-mail-save").textContent = text(this.mailWritable ? "common:save" : "wizard:next");
     this.host.querySelector("[data-action=skip]").hidden = !this.mailWritable;
     this.go("mail", "replace");
@@ -482,7 +483,7 @@ class Wizard {
     const input = byId("wizard-mail");
     const mail = input.value.trim();
     if (!this.mailWritable) {
-      this.finishMail("");
+      this.finishMail(mail && text("wizard:done_mail", { mail }));
       return;
     }
     if (!requireFilled(input, text("wizard:mail_missing"))) {
