@@ -62,10 +62,19 @@ std::optional<Json::Value> PicksFor(std::string_view option)
     return picks;
 }
 
+Answer ListUnavailable()
+{
+    Answer answer = Unavailable();
+    if (CurrentRequest().fault == Fault::DirectoryUnavailable) {
+        answer.body["err"] = "directory_unavailable"; // nobody's sign-in is at stake here
+    }
+    return answer;
+}
+
 Answer ListFailed()
 {
     if (CurrentRequest().fault != Fault::None) {
-        return Unavailable();
+        return ListUnavailable();
     }
     if (KLIBCErrGet() == static_cast<int>(Error::DirectoryNotConfigured)) {
         return Refusal(409, "directory_not_configured");
@@ -134,7 +143,7 @@ Answer ListPicks(Call& call)
         }
     }
     if (CurrentRequest().fault != Fault::None) {
-        return Unavailable(); // rows that could not be looked up are missing, or are not whole
+        return ListUnavailable(); // rows that could not be looked up are missing, or are not whole
     }
     if (asked->limit < 0 && total > kLargestList) {
         return Refusal(400, "list_too_long");

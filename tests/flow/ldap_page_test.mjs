@@ -166,3 +166,16 @@ test("the directory is listed page by page and searched", async (t) => {
   assert.equal(await page.textContent("#rows .name"), "group002@office.example");
   await look("groups");
 });
+
+test("while the directory is away its lists say so, and local ones are there", async (t) => {
+  const page = await openAdmin(t);
+  await directory.stop();
+  await page.selectOption("#type", "ldap_user");
+  await page.waitForSelector("#list-message:visible");
+  assert.match(await page.textContent("#list-message"), /^The directory did not answer/);
+  await page.click("#list-retry");
+  await page.waitForSelector("#list-message:visible");
+  await page.selectOption("#type", "local_user");
+  await listed(page, "ada");
+  assert.equal(await page.isVisible("#list-message"), false);
+});

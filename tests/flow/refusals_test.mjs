@@ -19,7 +19,8 @@ const catalogue = JSON.parse(readFileSync(join(process.env.TEST_SOURCE, "web/pag
 // The refusals that are about something else than signing in. Other flows meet them in the wizard and the settings, and
 // as an administrator.
 const kElsewhere = new Set(["label_too_long", "not_signed_in", "otp_enforced", "no_setup", "not_admin", "enrol_first",
-  "no_such_user", "write_failed", "list_too_long", "directory_not_configured"]);
+  "no_such_user", "write_failed", "list_too_long", "directory_not_configured",
+  "directory_unavailable"]);
 const atSignIn = documentedErrors().filter(({ err }) => !kElsewhere.has(err));
 
 // --- in Chromium ---
