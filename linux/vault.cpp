@@ -177,22 +177,20 @@ bool HoldsSealedRows()
 
 std::vector<StoredSecret> SecretsOf(uint32_t account, bool* isSwitchingOff)
 {
+    Database& db = SigninDatabase();
+    // One row always, and open until the end: what the others read is of the same moment.
+    Statement mark = db.Prepare("SELECT (SELECT switching_off FROM account_mark WHERE account = ?1)");
+    if (mark.Bind(1, int64_t{account}).Step() && isSwitchingOff != nullptr) {
+        *isSwitchingOff = mark.Int(0) != 0;
+    }
     std::vector<StoredSecret> secrets;
-    Statement ask = SigninDatabase().Prepare(
-        "SELECT reference, state, session, made_boot, made, switching_off FROM (SELECT 1)"
-        " LEFT JOIN account_mark ON account_mark.account = ?1 LEFT JOIN secret ON secret.account = ?1"
-        " ORDER BY state");
+    Statement ask = db.Prepare(
+        "SELECT reference, state, session, made_boot, made FROM secret WHERE account = ?1 ORDER BY state");
     ask.Bind(1, int64_t{account});
     while (ask.Step()) {
-        if (isSwitchingOff != nullptr) {
-            *isSwitchingOff = ask.Int(5) != 0;
-        }
-        if (ask.IsNull(0)) {
-            break; // it has none
-        }
         secrets.push_back(
             {ask.Text(0), account, StateOf(ask.Text(1)), ask.Text(2), ask.Text(3), ask.Int(4), {}});
-        secrets.back().codes = CodesOf(secrets.back().reference); // as they were when `ask` began
+        secrets.back().codes = CodesOf(secrets.back().reference);
     }
     return secrets;
 }
