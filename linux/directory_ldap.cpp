@@ -72,7 +72,7 @@ int TAVRLDAPSplitName(const char* name, char* /*reserved1*/, char* /*reserved2*/
         return Fail(Error::BadParameter);
     }
     const size_t length = std::strcspn(name, "@");
-    if (length == 0) {
+    if (length == 0 || name[length] == 0) {
         return Fail(Error::BadName);
     }
     if (length >= static_cast<size_t>(size)) {

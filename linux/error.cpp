@@ -18,7 +18,7 @@ struct Record {
 
 Record& LastRecord()
 {
-    static Record record;
+    static thread_local Record record; // its members are plain, so nothing is run for it in a new thread
     return record;
 }
 

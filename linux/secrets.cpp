@@ -37,7 +37,11 @@ std::string MachineId()
 
 int TAVRGetSecretPathByUser(const char* user, char* path, int size)
 {
-    if (user == nullptr || path == nullptr || size <= 0) {
+    if (path == nullptr || size <= 0) {
+        return Fail(Error::BadParameter);
+    }
+    path[0] = 0; // callers look at the path alone
+    if (user == nullptr) {
         return Fail(Error::BadParameter);
     }
     const auto name = tavr::CanonicalName(user);
@@ -88,7 +92,7 @@ bool tavrcrypto_hwid_str(TavrHwid* id, int size)
     }
     sodium_bin2hex(text, kTextSize, hash, sizeof hash);
     delete[] id->text;
-    *id = {static_cast<int>(kTextSize), text};
+    *id = {static_cast<int>(kTextSize - 1), text};
     return true;
 }
 

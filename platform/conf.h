@@ -5,7 +5,7 @@ class TavrConf
 {
 public:
     // The value of `key`; `fallback`, which is not null, when the key is absent or the settings cannot be
-    // read. Read anew in every call. The text is valid until the next call, of this object or another; never
-    // null. Needs no rights.
+    // read. Read anew in every call. The text is valid until the next call, of this object or another, which
+    // may take it as its fallback; never null. Needs no rights.
     const char* Info(const char* key, const char* fallback);
 };

@@ -1,9 +1,12 @@
 // The core of a platform: its error record, the start of other programs, base-64, the text cipher, files of
 // settings, and a table of texts.
 //
-// Every failing call of the platform, in this and the other headers, sets the error record. The calls here
-// work with the ids that the process has. Sizes of text buffers count the terminator; whatever is written is
-// terminated.
+// For this and the other headers: every failing call of the platform sets the error record. An argument that
+// is null, and is not said to be allowed so, is a failure like any other, and so is a buffer of no size.
+// Sizes of text buffers count the terminator; whatever is written is terminated, and nothing is written
+// beyond. Ids that a call changes are back when it returns.
+//
+// The calls here work with the ids that the process has.
 #pragma once
 
 #include <cstdio>
@@ -12,9 +15,9 @@ extern "C" {
 
 // --- the error record: what the last failing call of the platform met ---
 
-// Kept for the thread until the next failure; reading it changes nothing, success does not clear it. The code
-// is one of the platform's own (logs show it in hexadecimal), 0 before the first failure. File and line are
-// the place in the platform's source; the file is a bare name, never null, valid for ever.
+// Each thread has its own, kept until its next failure; reading it changes nothing, success does not clear
+// it. The code is one of the platform's own (logs show it in hexadecimal), 0 before the first failure. File
+// and line are the place in the platform's source; the file is a bare name, never null, valid for ever.
 int KLIBCErrGet(void);
 const char* KLIBCErrorGetFile(void);
 int KLIBCErrorGetLine(void);
@@ -45,21 +48,22 @@ int KLIBCExec(const char* path, const char* arg1, const char* arg2, const char* 
 // into `outSize` bytes. `flags` is 0.
 int KLIBCBase64SzEncodeFull(const char* in, int inSize, char* out, int outSize, int flags);
 
-// Deciphers one stored text. Non-zero: `plain` holds the text, cut at `size`. 0: `stored` is none that this
-// cipher made, or not one that this request may have, or it could not be looked up; `plain` is untouched. A
-// caller takes 0 for a plain text, so a platform that must tell "could not be looked up" from "declined"
-// notes the fault elsewhere. Never logs what it is given.
+// Deciphers one stored text. Non-zero: `plain` holds the text, whole. 0: `stored` is none that this cipher
+// made, or not one that this request may have, or does not fit, or it could not be looked up; `plain` is
+// untouched. A caller takes 0 for a plain text, so a platform that must tell "could not be looked up" from
+// "declined" notes the fault elsewhere; one whose secret files hold plain texts always answers 0. A secret
+// has 1024 bytes of room here, a scratch code has eight characters at most. Never logs what it is given.
 int KLIBCCryptSzDecrypt(const char* stored, char* plain, int size);
 
 // --- files ---
 
-// Non-zero when something stands at `path`, as the effective ids can tell.
+// Non-zero when something stands at `path`, a folder too, as the effective ids can tell.
 int KLIBCFileExist(const char* path);
 
 // Reads the value of `key` from a file of lines key="value" (quotes may be missing, lines that begin with #
-// are comments, the last of several counts). Gives the length of the value; 0 when it is empty; -1 when the
-// key is absent or the file cannot be read, with `value` untouched. A value that does not fit is a failure
-// too, it is not cut. `flags` is 0.
+// are comments, the last of several counts). Gives the length of the value; otherwise `value` is untouched
+// and the error record set: 0 when the key is absent or its value empty, -1 when the file cannot be read or
+// the value does not fit; it is not cut. Read anew in every call. `flags` is 0.
 int KLIBCFileGetKeyValue(const char* path, const char* key, char* value, int size, int flags);
 
 // --- a table of texts by key, for the templates of mails ---

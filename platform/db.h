@@ -13,8 +13,9 @@ struct TAVRDB;
 struct TAVRDBResult;
 struct TAVRDBRow;
 
-// Opens the SQLite file `path` for reading. The other three are null: no server. Null on failure. The handle
-// is the platform's, and is dead after the next connect.
+// Opens the SQLite file `path` for reading. The other three are null: no server. Null on failure; what is no
+// database may be noticed by the first statement alone. The handle is the platform's, and is dead after the
+// next connect; results of it live on.
 TAVRDB* TAVRDBConnect(const char* host, const char* user, const char* password, const char* path);
 
 // Runs one statement that reads. 0: *result is the caller's, to be given back by TAVRDBFreeResult. -1:

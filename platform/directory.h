@@ -25,8 +25,8 @@ int TAVRLDAPSearchOptionGet(TAVRLDAPSearchOption* options, int flags);
 // Null is allowed.
 void TAVRLDAPSearchOptionFree(TAVRLDAPSearchOption* options);
 
-// Writes the part of user@domain before the @ to `bare`. Positive on success; 0 or negative when `name` has
-// no such form or does not fit. The reserved ones are null.
+// Writes the part of user@domain before the @ to `bare`. Positive on success; 0 or negative, with `bare`
+// untouched, when `name` has no such form or does not fit. Asks nobody. The reserved ones are null.
 int TAVRLDAPSplitName(const char* name, char* reserved1, char* reserved2, char* bare, int size);
 
 // Describes the connection by the stored bind account. It may be opened by now, or by the first search.
@@ -34,7 +34,7 @@ int TAVRLDAPHostInitByBindConfigOnly(TAVRLDAPHost* host);
 
 // Searches the entry of a person by the bare name. Gives the number of matches: 0 none, 1 one, more: several,
 // `dn` is that of the first; negative on failure. `bare` is data and is escaped for the filter (RFC 4515
-// section 3).
+// section 3). A DN that does not fit is a failure, it is not cut.
 int TAVRLDAPBrowserGetDNByUserUID(TAVRLDAPHost* host, const char* bare, char* dn, int size,
                                   TAVRLDAPSearchOption* options);
 
@@ -46,7 +46,7 @@ int TAVRLDAPBrowserUserGet(TAVRLDAPHost* host, const char* dn, TAVRUser** record
 // Closes the connection. Safe on a host that was zero-filled and never opened.
 void TAVRLDAPHostFree(TAVRLDAPHost* host);
 
-// As TAVRGroupDescGet (users.h), for a group of the LDAP directory.
+// As TAVRGroupDescGet (users.h), for a group of the LDAP directory; its name is group@domain.
 int TAVRLDAPGroupDescGet(const char* name, char** description, char** second);
 
 // --- domain: a list of users or groups ---
@@ -59,6 +59,8 @@ using TAVRWinsDomainRow = int (*)(int count, char** values, char** names, void* 
 
 // *option is to be given back by TAVRWinsDomainEnumOptFree; it stays null on failure.
 int TAVRWinsDomainEnumOptAlloc(TAVRWinsDomainEnumOpt** option);
+
+// The setters fail for a null option, a null text, and a number that makes no sense.
 
 // Adds a field to those that the search text is looked for in ("Name", "Description").
 int TAVRWinsDomainEnumOptAddSearchFields(TAVRWinsDomainEnumOpt* option, const char* field);
@@ -73,18 +75,20 @@ int TAVRWinsDomainEnumOptSetUGType(TAVRWinsDomainEnumOpt* option, int groups);
 // Only entries that hold the text in one of the search fields, ignoring case.
 int TAVRWinsDomainEnumOptSetSearchSubString(TAVRWinsDomainEnumOpt* option, const char* text);
 
-// Only one domain (with trusted domains), or one organisational unit (without); empty: all.
+// Only one domain (with trusted domains), or one organisational unit (without); empty: all. One that is not
+// there has no entries, or makes the list fail.
 int TAVRWinsDomainEnumOptSetDomain(TAVRWinsDomainEnumOpt* option, const char* domain);
 int TAVRWinsDomainEnumOptSetOU(TAVRWinsDomainEnumOpt* option, const char* ou);
 
-// Calls `row` for every entry of the page. Gives the number of all matching entries, before paging. An
-// exception of `row` passes through; nothing is left open.
+// Calls `row` for every entry of the page, in an order that stays the same from page to page. Gives the
+// number of all matching entries, before paging. An exception of `row` passes through; nothing is left open,
+// and the option can be used again.
 int TAVRWinsDomainCoreFullDbEnum(TAVRWinsDomainEnumOpt* option, TAVRWinsDomainRow row, void* userData);
 
 // Null is allowed.
 void TAVRWinsDomainEnumOptFree(TAVRWinsDomainEnumOpt* option);
 
-// Non-zero when accounts of trusted domains may sign in.
+// Non-zero when accounts of trusted domains may sign in; 0 when no domain is joined.
 int TAVRWinIsEnableTrustDomain(void);
 
 } // extern "C"

@@ -5,8 +5,9 @@
 
 #include <json/json.h>
 
-// Reads a whole file and parses it, comments allowed, straight into `value`. False on a read or parse error;
-// `value` then holds what was parsed before it. Works with the caller's ids.
+// Reads a whole file and parses it, comments allowed, straight into `value`. False on a read or parse error,
+// with the error record set (core.h); `value` then holds what was parsed before it. Works with the caller's
+// ids.
 bool JsonFromFile(const std::string& path, Json::Value& value);
 
 // `value` as compact JSON text.

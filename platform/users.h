@@ -3,7 +3,7 @@
 // Unless it is said otherwise, calls return 0 on success and a negative number on failure, leave their
 // out-arguments untouched then, and set the error record (platform/core.h). Names are canonical ones. `flags`
 // are 0 unless a call says more. Accounts come from three sources, whose codes stand in records and in
-// requests: 1 local, 2 domain, 8 LDAP.
+// requests: 1 local, 2 domain, 8 LDAP. What could not be looked up is a failure, never "no" and never "none".
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ extern "C" {
 
 struct TAVRUser {
     const char* name;
-    uint32_t uid; // unique over all sources
+    uint32_t uid; // unique over all sources, and never given to another account once this one is gone
     uint32_t gid;
     int kind;                // source code: 2 domain, 8 LDAP, any other local
     const char* description; // null or empty: none
@@ -33,14 +33,17 @@ void TAVRUserFree(TAVRUser* record);
 // no other one, `out` is untouched.
 int TAVRUserLoginNameConvert(const char* name, char* out, int size);
 
-// The absolute path of the account's preference directory, without a slash at the end. Creates nothing. Also
-// for accounts that are known to a directory only.
+// The absolute path of the account's preference directory, without a slash at the end: each name has its own.
+// Creates nothing, asks nobody. Also for accounts that are known to a directory only. The directory is made
+// by the first login (cgi.h) as the service's, with mode 0700. It holds what other parts of the system keep
+// for the account too: "usersettings", and "emailaccount.db" (db.h).
 int TAVRUserPreferenceDirGet(const char* name, char* dir, int size, int flags);
 
 // Writes the texts that the caller has put into `record` to the local account `name`: a mail address, which
 // may be empty, or a description. Texts that TAVRUserGet handed out, and null, say that what is stored stays,
 // so others who write at the same time lose nothing. Whether a text is an address is not judged; one that
-// cannot be stored (too long, control characters, no UTF-8) is a failure.
+// cannot be stored (too long, control characters, no UTF-8) is a failure, and so is an account of a
+// directory, which is never written to.
 int TAVRConfdUserUpdate(const char* name, const TAVRUser* record, int flags);
 
 // --- numbers and memberships ---
@@ -82,8 +85,10 @@ using KLIBGroupInfoRow = int (*)(const KLIBGroupInfo* entry, void* userData);
 
 // Calls `row` for the entries of `source` that hold `query` in their name or description, ignoring case
 // (empty: all of them), in an order that stays the same from page to page: `limit` of them from `offset` on,
-// all when `limit` is -1. `domain` narrows a domain's list; local ones ignore it. `flags` is 1. Gives the
-// number of all matching entries, before paging. An exception of `row` passes through; nothing is left open.
+// all when `limit` is -1. Every character of `query` stands for itself. `domain` narrows a domain's list;
+// local ones ignore it. `flags` is 1. Gives the number of all matching entries, before paging; a source that
+// is not there is a failure. `row` may ask for accounts, groups and their descriptions meanwhile. An
+// exception of `row` passes through; nothing is left open.
 int KLIBUserInfoEnumBySubstr(int source, const char* domain, int offset, int limit, const char* query,
                              int flags, KLIBUserInfoRow row, void* userData);
 int KLIBGroupInfoEnumBySubstr(int source, const char* domain, int offset, int limit, const char* query,

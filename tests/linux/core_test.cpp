@@ -638,6 +638,7 @@ TEST(HardwareId, DoesNotComeCut)
     EXPECT_FALSE(tavrcrypto_hwid_str(id, 32));
     EXPECT_EQ(nullptr, id->text);
     EXPECT_TRUE(tavrcrypto_hwid_str(id, 33));
+    EXPECT_EQ(32, id->size);
     EXPECT_TRUE(tavrcrypto_hwid_str(id, 64)) << "a second time";
     EXPECT_FALSE(tavrcrypto_hwid_str(nullptr, 64));
     tavrcrypto_hwid_free(id);

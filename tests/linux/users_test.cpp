@@ -345,6 +345,7 @@ TEST(Directories, SplitNamesByThemselves)
     EXPECT_EQ(1, TAVRLDAPSplitName("mia@office.example", nullptr, nullptr, bare, sizeof bare));
     EXPECT_STREQ("mia", bare);
     EXPECT_EQ(-1, TAVRLDAPSplitName("@office.example", nullptr, nullptr, bare, sizeof bare));
+    EXPECT_EQ(-1, TAVRLDAPSplitName("mia", nullptr, nullptr, bare, sizeof bare)) << "of no directory";
     EXPECT_EQ(-1, TAVRLDAPSplitName("12345678@office.example", nullptr, nullptr, bare, sizeof bare));
     EXPECT_EQ(-1, TAVRLDAPSplitName(nullptr, nullptr, nullptr, bare, sizeof bare));
     EXPECT_STREQ("mia", bare);
