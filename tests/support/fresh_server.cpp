@@ -2,17 +2,16 @@
 
 #include "linux/descriptor.h"
 #include "linux/paths.h"
+#include "tests/support/in_view.h"
 
 #include <liboath/oath.h>
 
 #include <fcntl.h>
 #include <grp.h>
-#include <linux/magic.h>
 #include <sqlite3.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/vfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -57,14 +56,6 @@ void Empty(const std::string& folder, uid_t owner, mode_t mode)
         fs::remove_all(entry);
     }
     Require(chown(folder.c_str(), owner, owner) == 0 && chmod(folder.c_str(), mode) == 0, folder);
-}
-
-// A view's root is a tmpfs; a machine's own state must never be emptied by a test.
-bool InView()
-{
-    struct statfs root {
-    };
-    return geteuid() == 0 && statfs("/", &root) == 0 && root.f_type == TMPFS_MAGIC;
 }
 
 // Not the whole folder: the checkout may lie in it.
