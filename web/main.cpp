@@ -52,7 +52,8 @@ Serves two-step sign-in under /api/ to a web server, over FastCGI.
   --help           this text
   --version        the version
 
-Starts as root; the workers run as tavr-web. Ends with SIGTERM. See tavr-otp-web(8).
+Starts as root, and takes a socket that it is handed (socket activation); the workers run as tavr-web. SIGHUP
+replaces them, each once its request is answered. Ends with SIGTERM. See tavr-otp-web(8).
 )";
 
 struct Options {
@@ -116,8 +117,11 @@ Options ReadOptions(int argc, char** argv)
 }
 
 // Non-blocking, because more than one worker wakes up for a connection.
-tavr::Descriptor Listen(const std::string& path)
+tavr::Descriptor Listen(const std::string& path, bool activated)
 {
+    if (activated) {
+        return tavr::PassedListener();
+    }
     const group* webServer = getgrnam(kWebServerGroup);
     if (webServer == nullptr) {
         tavr::Die(std::string("no group ") + kWebServerGroup);
@@ -190,6 +194,15 @@ milliseconds Until(Clock::time_point then)
     return std::chrono::ceil<milliseconds>(then - Clock::now());
 }
 
+void Send(const std::vector<Worker>& workers, int signal)
+{
+    for (const Worker& worker : workers) {
+        if (worker.pid > 0) {
+            kill(worker.pid, signal);
+        }
+    }
+}
+
 void KeepRunning(std::vector<Worker>& workers, tavr::web::Serving serving, const passwd& service,
                  const sigset_t& signals)
 {
@@ -209,6 +222,10 @@ void KeepRunning(std::vector<Worker>& workers, tavr::web::Serving serving, const
             }
         }
         signal = WaitForSignal(signals, longest);
+        if (signal == SIGHUP) { // connections wait in the socket's queue until a new worker takes them
+            syslog(LOG_NOTICE, "reload: the workers are replaced");
+            Send(workers, SIGTERM);
+        }
         Reap(workers, false);
     }
 }
@@ -219,19 +236,12 @@ void End(std::vector<Worker>& workers, const sigset_t& signals)
         return std::any_of(workers.begin(), workers.end(),
                            [](const Worker& worker) { return worker.pid > 0; });
     };
-    const auto send = [&workers](int signal) {
-        for (const Worker& worker : workers) {
-            if (worker.pid > 0) {
-                kill(worker.pid, signal);
-            }
-        }
-    };
-    send(SIGTERM);
+    Send(workers, SIGTERM);
     const Clock::time_point end = Clock::now() + kGrace;
     for (Reap(workers, true); running() && Clock::now() < end; Reap(workers, true)) {
         WaitForSignal(signals, Until(end));
     }
-    send(SIGKILL);
+    Send(workers, SIGKILL);
 }
 
 } // namespace
@@ -250,17 +260,18 @@ int main(int argc, char** argv)
     if (sodium_init() < 0) {
         tavr::Die("no source of random bits");
     }
-    tavr::PrepareProcess(STDERR_FILENO + 1);
+    const bool activated = tavr::IsActivated();
+    tavr::PrepareProcess(activated ? tavr::kFirstPassed + 1 : tavr::kFirstPassed);
     tavr::OpenLog("tavr-otp-web");
 
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int signal : {SIGTERM, SIGINT, SIGCHLD}) {
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) {
         sigaddset(&signals, signal);
     }
     sigprocmask(SIG_BLOCK, &signals, nullptr);
 
-    tavr::Descriptor listener = Listen(options.socket);
+    tavr::Descriptor listener = Listen(options.socket, activated);
     if (!tavr::web::MakeMailPlaces(options.workers)) {
         tavr::Die(std::string("cannot make a file in memory: ") + std::strerror(errno));
     }
@@ -268,7 +279,9 @@ int main(int argc, char** argv)
     const size_t mostMemory = static_cast<size_t>(options.memory) * 1024 * 1024;
     KeepRunning(workers, {listener.Get(), tavr::web::Start::First, mostMemory}, service, signals);
     listener = tavr::Descriptor();
-    unlink(options.socket.c_str());
+    if (!activated) {
+        unlink(options.socket.c_str());
+    }
     End(workers, signals);
     return 0;
 }

@@ -220,6 +220,13 @@ sigset_t MaskWithoutTerm()
     return mask;
 }
 
+// While connections wait already, ppoll() lets no signal in.
+bool IsAskedToEnd()
+{
+    sigset_t pending;
+    return stopping != 0 || (sigpending(&pending) == 0 && sigismember(&pending, SIGTERM) == 1);
+}
+
 // Waits for a connection with SIGTERM let in. A changed id clears the parent-death signal, so it is set anew
 // each time; a parent that died before that is noticed by its number.
 bool WaitForConnection(int listener, pid_t parent)
@@ -232,7 +239,7 @@ bool WaitForConnection(int listener, pid_t parent)
     pollfd waiting{listener, POLLIN, 0};
     const timespec longest{kClearingSeconds, 0};
     ppoll(&waiting, 1, &longest, &mask);
-    return stopping == 0;
+    return !IsAskedToEnd();
 }
 
 // Secrets that waited too long for their confirmation and old rows of the audit go, whoever comes or not.

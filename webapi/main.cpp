@@ -15,7 +15,6 @@
 #include <sodium.h>
 #include <sys/file.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -34,8 +33,6 @@ namespace
 using tavr::Descriptor;
 using tavr::Die;
 using tavr::Misuse;
-
-constexpr int kFirstPassed = 3; // where the starter's descriptors begin (socket activation)
 
 constexpr char kUsage[] = R"(Usage: tavr-webapid [OPTION]...
 Serves the local web API on a Unix socket and does the background work: it sends the mails that wait and clears
@@ -80,38 +77,6 @@ std::string ReadSocketPath(int argc, char** argv)
     return path;
 }
 
-// Whether the starter has handed over a socket, as systemd does: in LISTEN_FDS, meant for the process
-// LISTEN_PID.
-bool IsActivated()
-{
-    const char* pid = std::getenv("LISTEN_PID");
-    const char* count = std::getenv("LISTEN_FDS");
-    const bool meant = pid != nullptr && count != nullptr && pid == std::to_string(getpid());
-    if (meant && std::strcmp(count, "1") != 0) {
-        Die("takes exactly one socket");
-    }
-    return meant;
-}
-
-Descriptor PassedListener()
-{
-    Descriptor passed(kFirstPassed);
-    int listening = 0;
-    int domain = 0;
-    int type = 0;
-    socklen_t size = sizeof(int);
-    if (getsockopt(kFirstPassed, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) != 0 ||
-        getsockopt(kFirstPassed, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 ||
-        getsockopt(kFirstPassed, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || listening == 0 ||
-        domain != AF_UNIX || type != SOCK_STREAM) {
-        Die("what was handed over is no listening Unix stream socket");
-    }
-    if (fcntl(kFirstPassed, F_SETFD, FD_CLOEXEC) != 0 || fcntl(kFirstPassed, F_SETFL, O_NONBLOCK) != 0) {
-        Die("cannot use the socket that was handed over");
-    }
-    return passed;
-}
-
 // Two services would send every mail twice. The lock goes with the process, however it ends.
 void TakeLock()
 {
@@ -151,8 +116,8 @@ int main(int argc, char** argv)
     if (geteuid() != 0 && (geteuid() != service.pw_uid || getuid() != service.pw_uid)) {
         Die("has to be started as root or tavr-web");
     }
-    const bool activated = IsActivated();
-    tavr::PrepareProcess(activated ? kFirstPassed + 1 : kFirstPassed);
+    const bool activated = tavr::IsActivated();
+    tavr::PrepareProcess(activated ? tavr::kFirstPassed + 1 : tavr::kFirstPassed);
     tavr::OpenLog("tavr-webapid");
     tavr::IgnoreLdapConfiguration();
     if (sodium_init() < 0 || !tavr::webapi::StartMailTransfers()) {
@@ -168,7 +133,7 @@ int main(int argc, char** argv)
     try {
         TakeLock();
         Descriptor listener =
-            activated ? PassedListener() : tavr::ListenAt(path, service.pw_uid, service.pw_gid);
+            activated ? tavr::PassedListener() : tavr::ListenAt(path, service.pw_uid, service.pw_gid);
         GiveUpRoot(service);
         tavr::webapi::Serve(std::move(listener), service.pw_uid);
     } catch (const std::exception& error) {

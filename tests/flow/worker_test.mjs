@@ -192,6 +192,63 @@ describe("the program", () => {
     assert.ok(Date.now() - begun < 2100, `${Date.now() - begun} ms`);
   });
 
+  // Asks over and over, four at a time, until `done`; gives how often, and fails when one request is not answered.
+  async function askUntil(path, done) {
+    let answers = 0, ended = false;
+    const asking = Array.from({ length: 4 }, async () => {
+      while (!ended) {
+        assert.equal((await fastCgi(path, kSession))?.status, 401, `request ${answers + 1}`);
+        answers++;
+      }
+    });
+    await Promise.race([done(() => answers), Promise.all(asking)]).finally(() => { ended = true; });
+    await Promise.all(asking);
+    return answers;
+  }
+
+  test("replaces its workers at SIGHUP and drops no request", async () => {
+    const { path, child } = await start(2);
+    await askUntil(path, async (answers) => {
+      for (let round = 0; round < 3; round++) {
+        const former = workers(child.pid), before = answers();
+        await until("answers in between", () => answers() > before + 8);
+        child.kill("SIGHUP");
+        await until("other workers", () => {
+          const now = workers(child.pid);
+          return now.length === 2 && !now.some((pid) => former.includes(pid));
+        }, 12);
+      }
+    });
+  });
+
+  test("takes a socket that is handed over, leaves it there, and is restarted without a request dropped", async () => {
+    const path = "/run/tavr/handed-over.sock";
+    const holder = spawn("python3", [`${process.env.TEST_SOURCE}/tests/support/hand_over.py`, path, "tavr-otp-web"],
+      { stdio: ["ignore", "inherit", "inherit"] });
+    started.push(holder);
+    const program = () => workers(holder.pid)[0];
+    await until("the program", async () => existsSync(path) && (await fastCgi(path, kSession).catch(() => null))?.status === 401);
+    await askUntil(path, async (answers) => {
+      for (let round = 0; round < 3; round++) {
+        const former = program(), before = answers();
+        await until("answers in between", () => answers() > before + 8);
+        process.kill(former, "SIGTERM");
+        await until("another program", () => program() !== undefined && program() !== former, 12);
+        assert.ok(existsSync(path));
+      }
+    });
+    holder.kill("SIGTERM");
+    await new Promise((resolve) => holder.once("exit", resolve));
+  });
+
+  test("takes nothing else that is handed over", () => {
+    const call = (count, input) => spawnSync("sh", ["-c", `exec 3<${input}; LISTEN_FDS=${count} LISTEN_PID=$$ exec tavr-otp-web`],
+      { encoding: "utf8" });
+    assert.deepEqual([call(1, "/dev/null").status, call(1, "/dev/null").stderr],
+      [1, "tavr-otp-web: what was handed over is no listening Unix stream socket\n"]);
+    assert.deepEqual([call(2, "/dev/null").status, call(2, "/dev/null").stderr], [1, "tavr-otp-web: takes exactly one socket\n"]);
+  });
+
   test("that is killed leaves no worker behind", async () => {
     const { path, child, ended } = await start();
     await until("the workers", async () => (await fastCgi(path, kSession))?.status === 401);
