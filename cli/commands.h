@@ -13,6 +13,12 @@ namespace tavr::console
 // setup_command.cpp: as root
 void SetUp();
 
+// certificate_commands.cpp: the web server's
+void UseCertificate(const std::string& certificate, const std::string& key);
+void UseSelfSignedCertificate();
+void ShowCertificate();
+void InstallCertificate(); // where the web server reads it
+
 // user_commands.cpp
 struct UserTexts {
     std::optional<std::string> mail; // not given: stays as it is

@@ -320,6 +320,29 @@ void DefineDirectoryCommands(CLI::App& program, Words& words)
     });
 }
 
+void DefineCertificateCommands(CLI::App& program, Words& words)
+{
+    CLI::App* certificate = program.add_subcommand("certificate", "the web server's certificate")
+                                ->require_subcommand(1)
+                                ->fallthrough();
+    CLI::App* use = certificate->add_subcommand("use", "name your own, and its key")->fallthrough();
+    use->add_option("CERTIFICATE", words.name, "PEM file, issuers behind it")->required();
+    use->add_option("KEY", words.second, "PEM file")->required();
+    use->callback([&words] {
+        words.rootOnly = true;
+        words.command = [&words] { tavr::console::UseCertificate(words.name, words.second); };
+    });
+    const auto add = [&](const char* name, const char* what, void (*command)()) {
+        certificate->add_subcommand(name, what)->fallthrough()->callback([&words, command] {
+            words.rootOnly = true;
+            words.command = command;
+        });
+    };
+    add("self-signed", "go back to a self-signed one", tavr::console::UseSelfSignedCertificate);
+    add("show", "show which one is named, and until when it is good", tavr::console::ShowCertificate);
+    add("install", "put it where the web server reads it", tavr::console::InstallCertificate);
+}
+
 void DefineSessionCommands(CLI::App& program, Words& words)
 {
     CLI::App* session =
@@ -495,9 +518,8 @@ std::vector<std::string> WordsOf(int argc, char** argv)
 
 int Run(int argc, char** argv)
 {
-    CLI::App program("Console of two-step sign-in: set-up, users, groups, second step, policy, directory, "
-                     "sessions, mails, "
-                     "audit",
+    CLI::App program("Console of two-step sign-in: set-up, certificate, users, groups, second step, policy, "
+                     "directory, sessions, mails, audit",
                      "tavrctl");
     Words words;
     program.require_subcommand(1);
@@ -514,6 +536,7 @@ int Run(int argc, char** argv)
     DefineOtpCommands(program, words);
     DefineEnforceCommands(program, words);
     DefineDirectoryCommands(program, words);
+    DefineCertificateCommands(program, words);
     DefineSessionCommands(program, words);
     DefineMailCommands(program, words);
     DefineMailAccountCommands(program, words);

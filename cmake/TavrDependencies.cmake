@@ -5,6 +5,7 @@ pkg_check_modules(SODIUM REQUIRED IMPORTED_TARGET libsodium)
 pkg_check_modules(SQLITE REQUIRED IMPORTED_TARGET sqlite3)
 pkg_check_modules(OATH REQUIRED IMPORTED_TARGET liboath)
 pkg_check_modules(CRYPT REQUIRED IMPORTED_TARGET libcrypt)
+pkg_check_modules(CRYPTO REQUIRED IMPORTED_TARGET libcrypto)   # of OpenSSL
 pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
 pkg_check_modules(LDAP REQUIRED IMPORTED_TARGET ldap lber)
 pkg_check_modules(UTF8PROC REQUIRED IMPORTED_TARGET libutf8proc)

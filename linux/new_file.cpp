@@ -9,8 +9,8 @@
 namespace tavr
 {
 
-NewFile::NewFile(const Descriptor& directory, const std::string& name, mode_t mode)
-    : directory_(directory), name_(name), newName_("." + name + ".new"), mode_(mode)
+NewFile::NewFile(const Descriptor& directory, const std::string& name, mode_t mode, gid_t group)
+    : directory_(directory), name_(name), newName_("." + name + ".new"), mode_(mode), group_(group)
 {
 }
 
@@ -32,7 +32,8 @@ bool NewFile::Write(std::string_view text)
         return false;
     }
     exists_ = true;
-    return fchmod(file.Get(), mode_) == 0 && WriteAll(file, text) && fsync(file.Get()) == 0;
+    return (group_ == kOwnGroup || fchown(file.Get(), static_cast<uid_t>(-1), group_) == 0) &&
+           fchmod(file.Get(), mode_) == 0 && WriteAll(file, text) && fsync(file.Get()) == 0;
 }
 
 bool NewFile::PutInPlace(AtPlace atPlace)

@@ -18,7 +18,9 @@ enum class AtPlace { Replace, Keep };
 class NewFile
 {
 public:
-    NewFile(const Descriptor& directory, const std::string& name, mode_t mode = 0600);
+    static constexpr gid_t kOwnGroup = static_cast<gid_t>(-1); // of the effective ids
+    NewFile(const Descriptor& directory, const std::string& name, mode_t mode = 0600,
+            gid_t group = kOwnGroup);
     ~NewFile(); // removes it unless it is in place
     NewFile(const NewFile&) = delete;
     NewFile& operator=(const NewFile&) = delete;
@@ -31,6 +33,7 @@ private:
     const std::string name_;
     const std::string newName_; // fixed, so that a cut try leaves one file at most
     const mode_t mode_;
+    const gid_t group_;
     bool exists_ = false;
 };
 

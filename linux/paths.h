@@ -6,10 +6,11 @@ namespace tavr
 
 inline constexpr char kServiceUser[] = "tavr-web"; // whom the workers run as
 
-inline constexpr char kSettingsFile[] = "/etc/tavrinfo.conf";  // a link into kConfigDir
-inline constexpr char kConfigDir[] = "/etc/tavr";              // root 0755
-inline constexpr char kMachineKeyFile[] = "/etc/tavr/otp.key"; // root:tavr-web 0440
-inline constexpr char kSecretsFile[] = "/etc/tavr/secrets";    // root:tavr-web 0440
+inline constexpr char kSettingsFile[] = "/etc/tavrinfo.conf";          // a link into kConfigDir
+inline constexpr char kConfigDir[] = "/etc/tavr";                      // root 0755
+inline constexpr char kMachineKeyFile[] = "/etc/tavr/otp.key";         // root:tavr-web 0440
+inline constexpr char kSecretsFile[] = "/etc/tavr/secrets";            // root:tavr-web 0440
+inline constexpr char kSelfSignedFile[] = "/etc/tavr/self-signed.pem"; // root 0400: key and certificate
 inline constexpr char kMachineIdFile[] = "/etc/machine-id";
 
 inline constexpr char kDataDir[] = "/usr/tavr/etc";                  // tavr-web 0755
@@ -28,7 +29,11 @@ inline constexpr char kMailLockFile[] = "/var/lib/tavr/mail.lock";       // held
 inline constexpr char kWaitingDir[] = "/tmp";        // the web service's own; the library names it
 inline constexpr char kWaitingFilePrefix[] = "OTP_"; // then the account's number
 
-inline constexpr char kRunDir[] = "/run/tavr"; // root 0755
+inline constexpr char kRunDir[] = "/run/tavr";                       // root 0755
+inline constexpr char kWebSocket[] = "/run/tavr/otp-web.sock";       // root:www-data 0660
+inline constexpr char kWebServerUser[] = "tavr-www";                 // whom the packaged web server runs as
+inline constexpr char kServedCertificate[] = "/run/tavr/www.pem";    // root:tavr-www 0440
+inline constexpr char kServedConfiguration[] = "/run/tavr/www.conf"; // root 0644: lines for lighttpd
 
 inline constexpr char kMailTemplateDir[] = "/usr/share/tavr-otp/mail"; // <language>/<tag>, as installed
 inline constexpr char kOwnMailTemplateDir[] = "/etc/tavr/mail";        // likewise, the administrator's

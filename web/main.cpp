@@ -34,7 +34,6 @@ namespace
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr char kDefaultSocket[] = "/run/tavr/otp-web.sock";
 constexpr char kWebServerGroup[] = "www-data";
 constexpr int kMostWorkers = 64;
 constexpr int kMostMemory = 1024;         // MiB
@@ -59,7 +58,7 @@ replaces them, each once its request is answered. Ends with SIGTERM. See tavr-ot
 struct Options {
     int workers = 2;
     int memory = 64; // MiB
-    std::string socket = kDefaultSocket;
+    std::string socket = tavr::kWebSocket;
 };
 
 struct Worker {
