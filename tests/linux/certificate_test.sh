@@ -1,17 +1,7 @@
 #!/bin/bash
 # The web server's certificate: which one is named, what is refused, what lies where the web server reads it.
 set -u
-failures=0
-fail() { printf 'FAILED (line %s): %s\n' "${BASH_LINENO[1]}" "$*"; failures=$((failures + 1)); }
-is() {   # STATUS OUTPUT COMMAND...
-    local status=$1 pattern=$2 output ended
-    shift 2
-    output=$("$@" 2>&1)
-    ended=$?
-    [ $ended = "$status" ] || fail "$* ended with $ended, not $status: $output"
-    # shellcheck disable=SC2053   # a pattern
-    [[ $output == $pattern ]] || fail "$* printed: $output"
-}
+. "$(dirname "$0")/../support/checks.sh"
 pair() {   # NAME [OPTION...]
     local name=$1
     shift
