@@ -131,6 +131,15 @@ UserRecord Find(const std::string& name)
     return TAVRUserGet(name.c_str(), &record) < 0 ? UserRecord() : UserRecord(record);
 }
 
+void Try(const std::function<void()>& work)
+{
+    try {
+        work();
+    } catch (const std::exception& error) {
+        ADD_FAILURE() << error.what();
+    }
+}
+
 Account::Account(Person made) : person(std::move(made))
 {
     AddPerson(person);
@@ -138,7 +147,7 @@ Account::Account(Person made) : person(std::move(made))
 
 Account::~Account()
 {
-    RemovePerson(person.name);
+    Try([this] { RemovePerson(person.name); });
 }
 
 GroupOfPeople::GroupOfPeople(std::string name, const std::string& description) : name_(std::move(name))
@@ -148,7 +157,7 @@ GroupOfPeople::GroupOfPeople(std::string name, const std::string& description) :
 
 GroupOfPeople::~GroupOfPeople()
 {
-    RemoveGroup(name_);
+    Try([this] { RemoveGroup(name_); });
 }
 
 std::string FreshFolder()

@@ -119,6 +119,10 @@ struct FreeMemory {
 };
 using Text = std::unique_ptr<char, FreeMemory>;
 
+// Runs what throws when it cannot be done, where an exception would end the program; it fails the case
+// instead.
+void Try(const std::function<void()>& work);
+
 // An account for one case.
 class Account
 {

@@ -47,7 +47,7 @@ public:
                  (connection = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
                 const timeval longest{30, 0};
                 setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest);
-                serve_(connection);
+                Try([&] { serve_(connection); });
                 close(connection);
             }
         });
@@ -75,7 +75,7 @@ std::string OnTheWire(const std::string& answer)
         throw std::runtime_error("no socket pair");
     }
     std::thread writer([&] {
-        GiveAnswer(ends[0], answer);
+        Try([&] { GiveAnswer(ends[0], answer); });
         shutdown(ends[0], SHUT_WR);
     });
     std::string bytes;
