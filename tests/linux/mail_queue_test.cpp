@@ -117,6 +117,47 @@ void Execute(const std::string& sql)
 
 // --- In and out ---
 
+TEST_F(Queue, KeepsMailsAndNumbersOfAnEarlierVersion)
+{
+    AsWorker([] {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(SQLITE_OK, sqlite3_open(kMailDatabase, &db));
+        const char* const sql = R"(
+CREATE TABLE mail (id INTEGER PRIMARY KEY AUTOINCREMENT,
+    state TEXT NOT NULL CHECK (state IN ('waiting', 'sent', 'given_up', 'dropped')), recipient BLOB NOT NULL,
+    mark BLOB NOT NULL, content BLOB, message_id TEXT NOT NULL, date INTEGER NOT NULL, boot TEXT NOT NULL,
+    at INTEGER NOT NULL, due INTEGER NOT NULL, waited INTEGER NOT NULL DEFAULT 0, attempts INTEGER NOT NULL DEFAULT 0,
+    reply INTEGER NOT NULL DEFAULT 0, answer TEXT NOT NULL DEFAULT '') STRICT;
+CREATE INDEX mail_due ON mail (due, id) WHERE state = 'waiting';
+CREATE INDEX mail_of_recipient ON mail (mark);
+CREATE INDEX mail_finished ON mail (id) WHERE state <> 'waiting';
+INSERT INTO mail VALUES (3, 'waiting', x'01', x'02', x'03', '<a@b>', 4, 'boot', 5, 6, 7, 8, 451, 'later'),
+    (5, 'sent', x'01', x'02', NULL, '<c@d>', 4, 'boot', 5, 6, 7, 8, 250, 'ok'),
+    (9, 'given_up', x'01', x'02', NULL, '<e@f>', 4, 'boot', 5, 6, 7, 8, 550, 'no');
+DELETE FROM mail WHERE id = 9;
+PRAGMA user_version = 2;)";
+        ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, sql, nullptr, nullptr, nullptr)) << sqlite3_errmsg(db);
+        sqlite3_close(db);
+
+        {
+            Statement row = MailDatabase().Prepare(
+                "SELECT group_concat(quote(id) || quote(state) || quote(recipient) || quote(mark) || "
+                "quote(content)"
+                " || quote(message_id) || quote(date) || quote(boot) || quote(at) || quote(due) || "
+                "quote(waited)"
+                " || quote(attempts) || quote(reply) || quote(answer)) FROM mail ORDER BY id");
+            ASSERT_TRUE(row.Step());
+            EXPECT_EQ("3'waiting'X'01'X'02'X'03''<a@b>'4'boot'5678451'later',"
+                      "5'sent'X'01'X'02'NULL'<c@d>'4'boot'5678250'ok'",
+                      row.Text(0));
+        }
+        QueueOne();
+        EXPECT_EQ("3:waiting 5:sent 10:waiting ", States()) << "9 was given before";
+        EXPECT_THROW(MailDatabase().Prepare("UPDATE mail SET state = 'lost' WHERE id = 5").Run(),
+                     DatabaseError);
+    });
+}
+
 TEST_F(Queue, GivesWhatWasPutInAfterARestart)
 {
     AsWorker([] {
