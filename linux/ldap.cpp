@@ -31,7 +31,7 @@ namespace
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds kWholeTime{10'000};
+constexpr milliseconds kWholeTime{9'000};   // so a request is answered within ten seconds
 constexpr milliseconds kConnectTime{5'000}; // for one server: connection, encryption, bind
 constexpr ber_len_t kMostMessage = 1 << 20; // bytes of one message, which is one entry at most
 constexpr int kPage = 500;
@@ -363,6 +363,51 @@ timeval TimevalOf(int thousandths)
     return {thousandths / 1000, (thousandths % 1000) * 1000};
 }
 
+// libldap waits in a handshake without end, and without rest once the socket is one that does not wait. So a
+// layer of our own stands under the encryption, and waits for the socket until the time that the connection
+// says; without one it is not there.
+using WaitUntil = std::optional<std::chrono::steady_clock::time_point>;
+
+// False, with errno set, when the time is over.
+bool AwaitSocket(const Sockbuf_IO_Desc* layer, short event)
+{
+    const auto& end = *static_cast<const WaitUntil*>(layer->sbiod_pvt);
+    if (!end) {
+        return true;
+    }
+    ber_socket_t fd = -1;
+    ber_sockbuf_ctrl(layer->sbiod_sb, LBER_SB_OPT_GET_FD, &fd);
+    pollfd waiting{fd, event, 0};
+    int ready = 0;
+    do {
+        ready = poll(&waiting, 1, MillisecondsUntil(*end));
+    } while (ready < 0 && errno == EINTR);
+    if (ready == 0) {
+        errno = ETIMEDOUT;
+    }
+    return ready > 0;
+}
+
+// Not constant: libldap's type is not.
+Sockbuf_IO patience = {
+    [](Sockbuf_IO_Desc* layer, void* end) {
+        layer->sbiod_pvt = end;
+        return 0;
+    },
+    [](Sockbuf_IO_Desc* /*layer*/) { return 0; },
+    [](Sockbuf_IO_Desc* layer, int option, void* argument) {
+        return LBER_SBIOD_CTRL_NEXT(layer, option, argument);
+    },
+    [](Sockbuf_IO_Desc* layer, void* bytes, ber_len_t size) {
+        return AwaitSocket(layer, POLLIN) ? LBER_SBIOD_READ_NEXT(layer, bytes, size) : -1;
+    },
+    [](Sockbuf_IO_Desc* layer, void* bytes, ber_len_t size) {
+        return AwaitSocket(layer, POLLOUT) ? LBER_SBIOD_WRITE_NEXT(layer, bytes, size) : -1;
+    },
+    [](Sockbuf_IO_Desc* /*layer*/) { return 0; },
+};
+constexpr int kUnderEncryption = (LBER_SBIOD_LEVEL_PROVIDER + LBER_SBIOD_LEVEL_TRANSPORT) / 2;
+
 // Which server could be used the last time: one that hangs is not waited for at every request.
 std::atomic<size_t> lastServer = 0;
 
@@ -441,6 +486,9 @@ void LdapConnection::Open(const LdapServer& server)
         ber_sockbuf_ctrl(buffer, LBER_SB_OPT_SET_MAX_INCOMING, &most) < 0) {
         throw LdapError(LdapStep::Connect, "the size of messages cannot be bounded");
     }
+    if (ber_sockbuf_add_io(buffer, &patience, kUnderEncryption, &handshakeEnd_) != 0) {
+        throw std::bad_alloc();
+    }
     Encrypt();
     BindAsService();
     stepEnd_ = end_;
@@ -474,9 +522,9 @@ void LdapConnection::Encrypt()
                             server_->uri + " does not encrypt (StartTLS): " + ErrorText(code, nullptr));
         }
     }
-    const timeval wait = TimevalOf(std::max(1, MillisecondsUntil(stepEnd_)));
-    SetOption(connection, LDAP_OPT_NETWORK_TIMEOUT, &wait);
+    handshakeEnd_ = stepEnd_;
     const int code = ldap_install_tls(connection);
+    handshakeEnd_.reset();
     if (code != LDAP_SUCCESS) {
         char* said = nullptr;
         ldap_get_option(connection, LDAP_OPT_DIAGNOSTIC_MESSAGE, &said);

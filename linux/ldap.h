@@ -21,8 +21,8 @@ struct ldapmsg;
 namespace tavr
 {
 
-// Which step failed; the text says what happened.
-enum class LdapStep { Settings, Connect, Encrypt, Bind, Search };
+// Which step failed; the text says what happened. Turn: others are asking, so nobody was asked.
+enum class LdapStep { Settings, Connect, Encrypt, Bind, Search, Turn };
 
 class LdapError : public DirectoryError
 {
@@ -93,7 +93,7 @@ class LdapConnection
 {
 public:
     // To the first server that can be used; the one that was, the last time, comes first. All that this
-    // connection does takes no longer than ten seconds from now.
+    // connection does takes no longer than nine seconds from now.
     explicit LdapConnection(const LdapSettings& settings);
     ~LdapConnection();
     LdapConnection(const LdapConnection&) = delete;
@@ -129,7 +129,8 @@ private:
 
     LdapSettings settings_;
     const Clock::time_point end_;
-    Clock::time_point stepEnd_; // of what is under way; never later than end_
+    Clock::time_point stepEnd_;                     // of what is under way; never later than end_
+    std::optional<Clock::time_point> handshakeEnd_; // during one
     const LdapServer* server_ = nullptr;
     std::unique_ptr<ldap, Unbind> ldap_;
     bool isService_ = false; // who the server takes us for

@@ -199,6 +199,7 @@ TEST_F(Ldap, GetsToAnEndWithEveryServerThatMisbehaves)
         {"busy", "bind"},
         {"no-starttls", "encrypt"},
         {"false-starttls", "encrypt"},
+        {"silent-starttls", "encrypt"},
     };
     const TempDir told;
     std::filesystem::permissions(told.Path(), std::filesystem::perms(0777));

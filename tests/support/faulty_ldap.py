@@ -17,6 +17,7 @@ referral      says to a search that another server should be asked: the last por
 busy          says to a bind that it is busy
 no-starttls   knows no StartTLS
 false-starttls  says yes to StartTLS and then goes on in the open
+silent-starttls  says yes to StartTLS and nothing after it
 """
 import os
 import socket
@@ -90,7 +91,9 @@ def serve(client, fault, other_port):
         elif kind == 0x60:
             send(message(number, result(0x61, 0)))
         elif kind == 0x77:
-            send(message(number, result(0x78, 0 if fault == "false-starttls" else 2)))
+            send(message(number, result(0x78, 2 if fault == "no-starttls" else 0)))
+            if fault == "silent-starttls":
+                time.sleep(3600)
         elif kind == 0x63 and fault == "silent-later":
             time.sleep(3600)
         elif kind == 0x63 and fault == "drop":
