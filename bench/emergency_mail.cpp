@@ -3,9 +3,9 @@
 // (who the user is; the sender is woken, which nobody waits for). The mail's own server is not there: what it
 // costs to send is not part of it.
 #include "linux/mail_queue.h"
+#include "linux/places.h"
 #include "linux/request.h"
 #include "linux/session.h"
-#include "web/mail_places.h"
 #include "web/route.h"
 
 #include "bench/enrolled.h"
@@ -62,7 +62,7 @@ int main(int /*argc*/, char** argv)
     Require(geteuid() == 0, "to be run by bench/run");
     std::filesystem::create_directories(kConfigDir);
     SetUpMail();
-    Require(web::MakeMailPlaces(2), "places");
+    Require(MakePlaces(2), "places");
     BecomeWorker(argv[0]);
     const Account account = EnrolledAccount();
     const pid_t service = StartService();

@@ -6,6 +6,7 @@
 #include "linux/accounts.h"
 #include "linux/database.h"
 #include "linux/error.h"
+#include "linux/guarded.h"
 #include "linux/ldap_accounts.h"
 #include "linux/names.h"
 #include "linux/request.h"
@@ -118,7 +119,7 @@ int TavrCgiLogin(TavrCgi* cgi, char* sid, int size, TavrLogin* login)
     } catch (const tavr::DatabaseError& error) {
         return NotKnown(tavr::Fault::AccountsUnavailable, error.what());
     } catch (const tavr::LdapError& error) {
-        return NotKnown(tavr::Fault::DirectoryUnavailable, error.what());
+        return NotKnown(tavr::FaultOf(error), error.what());
     } catch (const std::exception& error) {
         return NotKnown(tavr::Fault::StateUnavailable, error.what());
     }
@@ -138,7 +139,7 @@ int TavrCgiTestLoginEx2(TavrLogin* login, void* /*reserved1*/, void* /*reserved2
     } catch (const tavr::DatabaseError& error) {
         return NotKnown(tavr::Fault::AccountsUnavailable, error.what());
     } catch (const tavr::LdapError& error) {
-        return NotKnown(tavr::Fault::DirectoryUnavailable, error.what());
+        return NotKnown(tavr::FaultOf(error), error.what());
     } catch (const std::exception& error) {
         return NotKnown(tavr::Fault::StateUnavailable, error.what());
     }

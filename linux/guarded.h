@@ -14,6 +14,11 @@
 namespace tavr
 {
 
+inline Fault FaultOf(const LdapError& error)
+{
+    return error.step == LdapStep::Turn ? Fault::DirectoryBusy : Fault::DirectoryUnavailable;
+}
+
 template<class Call>
 int Guarded(Call call, const char* file = __builtin_FILE(), int line = __builtin_LINE())
 {
@@ -25,7 +30,7 @@ int Guarded(Call call, const char* file = __builtin_FILE(), int line = __builtin
         return Fail(Error::DatabaseFailed, file, line);
     } catch (const LdapError& error) {
         syslog(LOG_ERR, "directory: %s", error.what());
-        NoteFault(Fault::DirectoryUnavailable);
+        NoteFault(FaultOf(error));
         return Fail(Error::DirectoryUnavailable, file, line);
     } catch (const std::bad_alloc&) {
         NoteFault(Fault::AccountsUnavailable);

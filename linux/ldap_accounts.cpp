@@ -3,6 +3,7 @@
 #include "linux/directory_numbers.h"
 #include "linux/mail_settings.h"
 #include "linux/names.h"
+#include "linux/places.h"
 #include "linux/request.h"
 
 #include <ldap.h>
@@ -21,7 +22,8 @@ namespace tavr
 namespace
 {
 
-constexpr int kMostOfAName = 10; // entries that are asked for where one is expected
+constexpr std::chrono::milliseconds kLongestTurn{500}; // for others, who take some milliseconds as a rule
+constexpr int kMostOfAName = 10;                       // entries that are asked for where one is expected
 constexpr size_t kMostGroups = 5000;
 constexpr int kMostNesting = 20;
 constexpr size_t kGroupsAtOnce = 50; // in one filter
@@ -45,6 +47,7 @@ struct GroupEntry {
 // What one request knows of the directory.
 struct Asked {
     std::optional<LdapSettings> settings;
+    std::optional<Place> place; // given back when the connection is closed
     std::unique_ptr<LdapConnection> connection;
     std::optional<LdapError> failure;
     std::optional<Person> person; // the last one, numbered
@@ -75,6 +78,10 @@ void WithDirectory(Asked& asked, Ask ask)
             throw LdapError(LdapStep::Settings, "no directory is set up");
         }
         if (!asked.connection) {
+            asked.place.emplace(WaitingFor::Directory, kLongestTurn);
+            if (!asked.place->Taken()) {
+                throw LdapError(LdapStep::Turn, "others wait for it already");
+            }
             asked.connection = std::make_unique<LdapConnection>(*asked.settings);
         }
         ask(*asked.connection);

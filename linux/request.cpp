@@ -36,6 +36,8 @@ const char* FaultText(Fault fault)
         return "account store cannot be read";
     case Fault::MailNotQueued:
         return "mail cannot be queued";
+    case Fault::DirectoryBusy:
+        return "too many requests wait for the directory";
     case Fault::DirectoryUnavailable:
         return "directory cannot be asked";
     case Fault::SettingsUnavailable:

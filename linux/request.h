@@ -21,6 +21,7 @@ enum class Fault {
     SecretFile,           // the account's secret file is not what the vault says
     AccountsUnavailable,  // the account store cannot be read
     MailNotQueued,        // a notification mail was to go out and could not be stored
+    DirectoryBusy,        // others wait for a directory that does not answer
     DirectoryUnavailable, // a directory cannot be asked, or did not answer in time
     SettingsUnavailable,  // the system settings cannot be read
     PolicyUnavailable,    // it cannot be told whether the policy demands two-step sign-in

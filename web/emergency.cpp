@@ -1,12 +1,12 @@
 // An emergency code by mail, for somebody who has typed the password and cannot produce a code.
 #include "web/handlers.h"
-#include "web/mail_places.h"
 
 #include "linux/attempts.h"
 #include "linux/audit.h"
 #include "linux/cipher.h"
 #include "linux/enrolment.h"
 #include "linux/ldap_accounts.h"
+#include "linux/places.h"
 #include "linux/request.h"
 #include "otp/MailOtpCodeHandler.h"
 
@@ -17,8 +17,6 @@ namespace tavr::web
 
 namespace
 {
-
-constexpr int kBusySeconds = 5;
 
 // The library's answer in the audit's words.
 const char* RefusalDetail(const Json::Value& response)
@@ -82,10 +80,10 @@ Answer SignInEmergency(Call& call)
         Audit(AuditEvent::CodeMailClosed, account);
         return Refusal(403, "otp_closed");
     }
-    const MailPlace place;
+    const Place place(WaitingFor::MailServer);
     if (!place.Taken()) {
         Audit(AuditEvent::CodeMailBusy, account);
-        return Busy(kBusySeconds);
+        return Busy();
     }
     if (LacksAddress(account)) {
         Answer answer;

@@ -1,10 +1,10 @@
 // tavr-otp-web: the parent. It stays root, opens the socket, keeps the workers running and serves nothing
 // itself.
-#include "web/mail_places.h"
 #include "web/server.h"
 
 #include "linux/daemon.h"
 #include "linux/paths.h"
+#include "linux/places.h"
 #include "linux/unix_socket.h"
 
 #include <getopt.h>
@@ -271,7 +271,7 @@ int main(int argc, char** argv)
     sigprocmask(SIG_BLOCK, &signals, nullptr);
 
     tavr::Descriptor listener = Listen(options.socket, activated);
-    if (!tavr::web::MakeMailPlaces(options.workers)) {
+    if (!tavr::MakePlaces(options.workers)) {
         tavr::Die(std::string("cannot make a file in memory: ") + std::strerror(errno));
     }
     std::vector<Worker> workers(static_cast<size_t>(options.workers));

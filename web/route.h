@@ -27,7 +27,7 @@ Answer Success();                              // 200 with success true
 Answer Refusal(int status, const char* error); // success false and err
 Answer Unavailable();                          // the fault that the request has noted
 Answer Later(int seconds);                     // too many attempts
-Answer Busy(int seconds);                      // nothing is wrong with the request; again after so long
+Answer Busy(int seconds = 5);                  // nothing is wrong with the request; again after so long
 
 // Who may ask, as bits.
 enum Caller : unsigned {

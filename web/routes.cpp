@@ -1,7 +1,7 @@
 #include "web/route_table.h"
 
 #include "linux/database.h"
-#include "linux/ldap.h"
+#include "linux/guarded.h"
 #include "linux/machine_key.h"
 #include "linux/request.h"
 
@@ -175,6 +175,9 @@ Answer Refusal(int status, const char* error)
 Answer Unavailable()
 {
     const Fault fault = CurrentRequest().fault;
+    if (fault == Fault::DirectoryBusy) {
+        return Busy();
+    }
     syslog(LOG_ERR, "two-step sign-in unavailable: %s", FaultText(fault));
     return Refusal(503, fault == Fault::PolicyUnavailable ? "policy_unavailable" : "otp_unavailable");
 }
@@ -233,7 +236,7 @@ Answer Serve(const HttpRequest& request, const std::string& body)
         return Unavailable();
     } catch (const LdapError& error) {
         syslog(LOG_ERR, "directory: %s", error.what());
-        NoteFault(Fault::DirectoryUnavailable);
+        NoteFault(FaultOf(error));
         return Unavailable();
     } catch (const VaultError& error) {
         NoteFault(error.fault);

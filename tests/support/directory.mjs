@@ -1,7 +1,9 @@
 // An LDAP directory of a test's own (directory.py), and how the server under test is told of it.
 import { spawn } from "node:child_process";
+import { once } from "node:events";
 import { appendFileSync, chmodSync, chownSync, mkdtempSync } from "node:fs";
 import { dirname, join } from "node:path";
+import { createInterface } from "node:readline";
 import { fileURLToPath } from "node:url";
 
 const kSupport = dirname(fileURLToPath(import.meta.url));
@@ -20,6 +22,19 @@ export async function startDirectory(options = []) {
     child.once("exit", (status) => reject(new Error(`directory.py ended: ${status}`)));
   });
   return new Directory(folder, child, port);
+}
+
+// Stands between a server and the directory, and misbehaves: ldap_proxy.py has the cases.
+export async function startProxy(directory, cases) {
+  const child = spawn("/usr/bin/python3", [join(kSupport, "ldap_proxy.py"), directory.folder, String(directory.port), ...cases],
+    { stdio: ["ignore", "pipe", "inherit"] });
+  const lines = createInterface({ input: child.stdout });
+  const told = [];
+  const proxy = { told, stop: () => child.kill("SIGKILL") };
+  lines.on("line", (line) => told.push(line));
+  const [first] = await once(lines, "line");
+  proxy.ports = first.split(" ").slice(1).map(Number);
+  return proxy;
 }
 
 class Directory {
@@ -48,9 +63,9 @@ class Directory {
     }
   }
 
-  // Makes it the directory of the server under test, which has been set up.
-  setUp() {
-    appendFileSync(kSettingsFile, `ldap_uri="ldap://127.0.0.1:${this.port}"
+  // Makes it the directory of the server under test, which has been set up, or what stands in front of it.
+  setUp(uri = `ldap://127.0.0.1:${this.port}`) {
+    appendFileSync(kSettingsFile, `ldap_uri="${uri}"
 ldap_realm="office.example"
 ldap_base="dc=office,dc=example"
 ldap_bind_dn="cn=reader,dc=office,dc=example"

@@ -65,7 +65,8 @@ class Server {
   }
 
   // Ends the web program and starts it anew, beside the same web server.
-  async restartWeb() {
+  async restartWeb(workers = this.#workers) {
+    this.#workers = workers;
     this.#processes = this.#processes.filter((child) => child !== this.web);
     await end(this.web);
     this.web = this.#spawn("tavr-otp-web", ["--workers", String(this.#workers)]);

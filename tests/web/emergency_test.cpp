@@ -1,6 +1,5 @@
 // An emergency code by mail: what the route answers, how often, and who waits. The web API is away, so mails
 // go into the queue.
-#include "web/mail_places.h"
 
 #include "linux/attempts.h"
 #include "linux/audit.h"
@@ -8,6 +7,7 @@
 #include "linux/mail_queue.h"
 #include "linux/names.h"
 #include "linux/paths.h"
+#include "linux/places.h"
 #include "linux/request.h"
 #include "linux/session.h"
 #include "linux/verifier.h"
@@ -42,7 +42,7 @@ protected:
     void SetUp() override
     {
         FreshServer::SetUp();
-        ASSERT_TRUE(MakeMailPlaces(8));
+        ASSERT_TRUE(MakePlaces(8));
         SetUpMail("mail_server=\"127.0.0.1\"\nmail_from=\"server@nas.example\"\n");
     }
 
@@ -310,7 +310,7 @@ Waiter StartWaiter()
     Waiter waiter;
     waiter.pid = fork();
     if (waiter.pid == 0) {
-        const MailPlace place;
+        const Place place(WaitingFor::MailServer);
         const char taken = place.Taken() ? 1 : 0;
         if (write(pipe[1], &taken, 1) == 1) {
             pause();
@@ -331,14 +331,14 @@ void Kill(const Waiter& waiter)
     waitpid(waiter.pid, nullptr, 0);
 }
 
-TEST(MailPlaces, AreHalfOfTheWorkersAndAtLeastOne)
+TEST(Places, AreHalfOfTheWorkersAndAtLeastOne)
 {
     const struct {
         int workers;
         int places;
     } cases[] = {{1, 1}, {2, 1}, {3, 1}, {4, 2}, {5, 2}, {64, 32}};
     for (const auto& c : cases) {
-        ASSERT_TRUE(MakeMailPlaces(c.workers));
+        ASSERT_TRUE(MakePlaces(c.workers));
         std::vector<Waiter> waiters;
         do {
             waiters.push_back(StartWaiter());
@@ -351,11 +351,11 @@ TEST(MailPlaces, AreHalfOfTheWorkersAndAtLeastOne)
     }
 }
 
-TEST(MailPlaces, AreFreeAgainAtTheEndOfTheScope)
+TEST(Places, AreFreeAgainAtTheEndOfTheScope)
 {
-    ASSERT_TRUE(MakeMailPlaces(1));
+    ASSERT_TRUE(MakePlaces(1));
     {
-        const MailPlace place;
+        const Place place(WaitingFor::MailServer);
         ASSERT_TRUE(place.Taken());
         const Waiter other = StartWaiter();
         EXPECT_FALSE(other.taken);
@@ -368,7 +368,7 @@ TEST(MailPlaces, AreFreeAgainAtTheEndOfTheScope)
 
 TEST_F(Emergency, IsBusyWhileAllPlacesAreTaken)
 {
-    ASSERT_TRUE(MakeMailPlaces(2));
+    ASSERT_TRUE(MakePlaces(2));
     AsWorker([] {
         const Somebody alice = HalfSignedIn();
         const Waiter waiter = StartWaiter();

@@ -1,11 +1,11 @@
 // Two-step sign-in that the policy demands: from the password straight to the enrolment, never switched off,
 // and no session for anybody of whom it cannot be told whether it is demanded.
-#include "web/mail_places.h"
 
 #include "linux/audit.h"
 #include "linux/database.h"
 #include "linux/enrolment.h"
 #include "linux/paths.h"
+#include "linux/places.h"
 #include "linux/policy_file.h"
 #include "linux/request.h"
 #include "linux/session.h"
@@ -99,7 +99,7 @@ protected:
     void SetUp() override
     {
         FreshServer::SetUp();
-        ASSERT_TRUE(MakeMailPlaces(2));
+        ASSERT_TRUE(MakePlaces(2));
     }
 };
 

@@ -3,9 +3,9 @@
 #include "web/route_table.h"
 
 #include "linux/enrolment.h"
+#include "linux/places.h"
 #include "tests/support/fresh_server.h"
 #include "tests/web/asking.h"
-#include "web/mail_places.h"
 
 #include <gtest/gtest.h>
 
@@ -203,7 +203,7 @@ protected:
     {
         FreshServer::SetUp();
         WriteSettings("otp_enforce_option=\"custom\"\n");
-        ASSERT_TRUE(MakeMailPlaces(2)); // as the parent of the workers does
+        ASSERT_TRUE(MakePlaces(2)); // as the parent of the workers does
     }
 };
 
