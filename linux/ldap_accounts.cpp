@@ -4,6 +4,7 @@
 #include "linux/mail_settings.h"
 #include "linux/names.h"
 #include "linux/places.h"
+#include "linux/policy_file.h"
 #include "linux/request.h"
 
 #include <ldap.h>
@@ -36,6 +37,7 @@ struct Person {
     std::vector<std::string> bareNames; // as the directory spells them
     std::string primaryGroup;
     std::vector<std::string> memberOf;
+    std::optional<std::vector<std::string>> groups; // their identifiers, once the directory has been asked
 };
 
 struct GroupEntry {
@@ -266,7 +268,7 @@ std::optional<Person> OnlyOne(std::vector<Person> found, const std::string& name
 }
 
 // Numbered, and kept for the request.
-const Person* FindPerson(const std::string& name)
+Person* FindPerson(const std::string& name)
 {
     Asked& asked = CurrentAsked();
     if (asked.person && asked.person->account.name == name) {
@@ -334,9 +336,10 @@ std::string HasMember(const LdapSettings& settings, const std::string& dn)
     return Equals(settings.groupMember, dn) + Equals("uniqueMember", dn);
 }
 
-void FindGroupsOf(LdapConnection& connection, const LdapSettings& settings, const Person& person,
-                  FoundGroups& found)
+std::vector<std::string> FindGroupsOf(LdapConnection& connection, const LdapSettings& settings,
+                                      const Person& person)
 {
+    FoundGroups found;
     const auto take = [&](const LdapEntry& entry) { found.Add(entry, settings); };
     std::string any = HasMember(settings, person.dn);
     for (const std::string& name : person.bareNames) {
@@ -367,6 +370,7 @@ void FindGroupsOf(LdapConnection& connection, const LdapSettings& settings, cons
             connection.Search(GroupSearch(settings, "(|" + outer + ')'), take);
         }
     }
+    return {found.ids.begin(), found.ids.end()};
 }
 
 // --- Lists -------------------------------------------------------------------------------------------------
@@ -536,27 +540,32 @@ std::optional<Account> CheckLdapPassword(const std::string& canonicalName, std::
     if (PasswordProblem(password) != nullptr) {
         return std::nullopt;
     }
-    const Person* person = FindPerson(canonicalName);
+    Person* const person = FindPerson(canonicalName);
+    Person nobody; // whose name costs the same questions
+    nobody.dn = "cn=nobody," + Settings().userBase;
+    Person& asked = person != nullptr ? *person : nobody;
     bool right = false;
     WithDirectory(CurrentAsked(), [&](LdapConnection& connection) {
-        // Nobody's name costs a question more too.
-        right = person != nullptr ? connection.IsPassword(person->dn, password)
-                                  : connection.IsPassword("cn=nobody," + Settings().userBase, "-") && false;
+        if (PolicyOption() == "custom") { // asks for them next, which after this bind would take a third one
+            asked.groups = FindGroupsOf(connection, Settings(), asked);
+        }
+        right = connection.IsPassword(asked.dn, person != nullptr ? password : "-") && person != nullptr;
     });
     return right ? std::optional(person->account) : std::nullopt;
 }
 
 std::vector<uint32_t> GroupsOfLdapAccount(const std::string& canonicalName)
 {
-    const Person* person = FindPerson(canonicalName);
+    Person* const person = FindPerson(canonicalName);
     if (person == nullptr) {
         return {};
     }
-    FoundGroups found;
-    WithDirectory(CurrentAsked(),
-                  [&](LdapConnection& connection) { FindGroupsOf(connection, Settings(), *person, found); });
-    const std::vector<std::string> ids(found.ids.begin(), found.ids.end());
-    return NumbersOfGroups(kKindLdap, ids);
+    if (!person->groups) {
+        WithDirectory(CurrentAsked(), [&](LdapConnection& connection) {
+            person->groups = FindGroupsOf(connection, Settings(), *person);
+        });
+    }
+    return NumbersOfGroups(kKindLdap, *person->groups);
 }
 
 int64_t ListLdapAccounts(std::string_view text, const ListPage& page, const EachEntry& each)

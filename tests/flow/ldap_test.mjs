@@ -2,6 +2,7 @@
 import assert from "node:assert/strict";
 import { readFileSync, writeFileSync } from "node:fs";
 import test, { after } from "node:test";
+import { setTimeout as sleep } from "node:timers/promises";
 
 import { startDirectory } from "../support/directory.mjs";
 import { setNotificationServer, startMailServer, trust } from "../support/mail.mjs";
@@ -85,6 +86,14 @@ test("a group of the directory, nested ones too, can be made to", async () => {
   assert.equal(answer.json.state, "enrolment_required");
   const { answer: free } = await signIn("manymail@office.example", "manymail-password");
   assert.equal(free.json.state, "signed_in");
+  let binds;
+  do {   // the log may be a moment late
+    await sleep(20);
+    binds = [...server.log().matchAll(/conn=(\d+) op=\d+ BIND dn="([^"]+)" method/g)];
+  } while (!binds.at(-1)[2].startsWith("uid=manymail,"));
+  const [, last] = binds.at(-1);
+  assert.deepEqual(binds.filter(([, connection]) => connection === last).map(([, , dn]) => dn),
+    ["cn=reader,dc=office,dc=example", "uid=manymail,ou=people,dc=office,dc=example"], "two binds, over one connection");
   const listed = JSON.parse(run("tavrctl", ["--json", "enforce", "list", "ldap_user", "--filter", "all", "--query",
     "user000", "--limit", "3"]));
   assert.equal(listed.total, 9);
