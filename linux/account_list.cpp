@@ -1,12 +1,6 @@
 #include "linux/account_list.h"
 
-#include "linux/accounts.h"
-#include "linux/database.h"
-#include "linux/names.h"
-
-#include <algorithm>
-#include <optional>
-#include <vector>
+#include "linux/searched_table.h"
 
 namespace tavr
 {
@@ -14,176 +8,25 @@ namespace tavr
 namespace
 {
 
-// More rows of the index than this are not worth being collected: a page is then found sooner by going
-// through the names in their order.
-constexpr int64_t kFew = 1000;
+#define TABLE(NAME, NUMBER, GRAMS)                                                                           \
+    SEARCHED_TABLE(NAME, NUMBER, NUMBER, GRAMS, "SELECT number FROM list_size WHERE list = '" NAME "'",      \
+                   "TRUE", "TRUE", SEARCHED_HOLDS_TEXT)
 
-// The statements of one table. ?1 limit, ?2 offset, ?3 the text, ?4 and ?5 the ends of a range of grams.
-struct Statements {
-    const char* size;
-    const char* page;
-    const char* gramRows; // no more than ?1
-    const char* few;      // all of them
-    const char* scannedPage;
-    const char* scannedCount;
-};
+constexpr SearchedTable kAccounts = TABLE("account", "uid", "account_gram");
+constexpr SearchedTable kGroups = TABLE("account_group", "gid", "group_gram");
 
-#define SELECT(TABLE, NUMBER) "SELECT name, " NUMBER ", description FROM " TABLE
-#define IN_RANGE(GRAMS) " FROM " GRAMS " WHERE gram >= ?4 AND gram < ?5"
-#define HOLDS_TEXT "instr(folded, ?3) > 0"
-#define PAGE " ORDER BY name LIMIT ?1 OFFSET ?2"
-
-// clang-format off
-#define STATEMENTS(TABLE, NUMBER, GRAMS)                                                                     \
-    {                                                                                                        \
-        "SELECT number FROM list_size WHERE list = '" TABLE "'",                                             \
-        SELECT(TABLE, NUMBER) PAGE,                                                                          \
-        "SELECT count(*) FROM (SELECT 1" IN_RANGE(GRAMS) " LIMIT ?1)",                                       \
-        SELECT(TABLE, NUMBER) " WHERE " NUMBER " IN (SELECT " NUMBER IN_RANGE(GRAMS) ")"                     \
-            " AND " HOLDS_TEXT " ORDER BY name",                                                             \
-        SELECT(TABLE, NUMBER) " WHERE " HOLDS_TEXT PAGE,                                                     \
-        "SELECT count(*) FROM " TABLE " WHERE " HOLDS_TEXT                                                   \
-    }
-// clang-format on
-
-constexpr Statements kAccounts = STATEMENTS("account", "uid", "account_gram");
-constexpr Statements kGroups = STATEMENTS("account_group", "gid", "group_gram");
-
-void Take(const Statement& row, const EachEntry& each)
-{
-    each({row.Chars(0), static_cast<uint32_t>(row.Int(1)), row.Chars(2)});
-}
-
-int64_t TakeAll(Statement& find, const EachEntry& each)
-{
-    int64_t count = 0;
-    for (; find.Step(); ++count) {
-        Take(find, each);
-    }
-    return count;
-}
-
-int64_t OneNumber(Statement& find)
-{
-    return find.Step() ? find.Int(0) : 0;
-}
-
-// --- By index ----------------------------------------------------------------------------------------------
-//
-// A gram is what stands in a text from one character on: kGramLength characters, or fewer up to its end.
-
-struct Range {
-    std::string first;
-    std::string end;
-};
-
-// The grams that begin with a text.
-Range Beginning(std::string_view text)
-{
-    return {std::string(text),
-            std::string(text) + "\xF4\x8F\xBF\xBF"}; // the last character, which no text has
-}
-
-// Where the characters of a text begin, and its end.
-std::vector<size_t> Characters(std::string_view text)
-{
-    std::vector<size_t> starts;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if ((static_cast<unsigned char>(text[i]) & 0xC0) != 0x80) {
-            starts.push_back(i);
-        }
-    }
-    starts.push_back(text.size());
-    return starts;
-}
-
-// A range of few grams, one of which stands in every text that holds the sought one; empty when there is
-// none.
-std::optional<Range> FewGrams(Database& db, const Statements& statements, std::string_view sought)
-{
-    const std::vector<size_t> starts = Characters(sought);
-    const size_t length = starts.size() - 1;
-    const size_t width = std::min(length, kGramLength);
-    // From the end on: beginnings are what names have in common.
-    for (size_t end = length;; end = end > 2 * width ? end - width : width) {
-        const size_t from = starts[end - width];
-        Range range = Beginning(sought.substr(from, starts[end] - from));
-        Statement find = db.Prepare(statements.gramRows);
-        find.Bind(1, kFew + 1).Bind(4, range.first).Bind(5, range.end);
-        if (OneNumber(find) <= kFew) {
-            return range;
-        }
-        if (end == width) {
-            return std::nullopt;
-        }
-    }
-}
-
-// They come in order, and all of them, so nothing has to be counted apart.
-int64_t ListFew(Statement& find, const ListPage& page, const EachEntry& each)
-{
-    int64_t count = 0;
-    for (; find.Step(); ++count) {
-        if (count >= page.offset && (page.limit < 0 || count - page.offset < page.limit)) {
-            Take(find, each);
-        }
-    }
-    return count;
-}
-
-// --- One list ----------------------------------------------------------------------------------------------
-
-int64_t ListScanned(Database& db, const Statements& statements, std::string_view sought, const ListPage& page,
-                    const EachEntry& each)
-{
-    {
-        Statement find = db.Prepare(statements.scannedPage);
-        find.Bind(1, page.limit).Bind(2, page.offset).Bind(3, sought);
-        const int64_t count = TakeAll(find, each);
-        const bool atEnd = page.limit < 0 || count < page.limit;
-        if (atEnd && (count > 0 || page.offset == 0)) {
-            return page.offset + count;
-        }
-    }
-    Statement find = db.Prepare(statements.scannedCount);
-    find.Bind(3, sought);
-    return OneNumber(find);
-}
-
-int64_t List(const Statements& statements, std::string_view text, const ListPage& page, const EachEntry& each)
-{
-    Database& db = AccountsDatabase();
-    if (text.empty()) {
-        Statement size = db.Prepare(statements.size); // open until the end: one view of the store for both
-        const int64_t total = OneNumber(size);
-        Statement find = db.Prepare(statements.page);
-        find.Bind(1, page.limit).Bind(2, page.offset);
-        TakeAll(find, each);
-        return total;
-    }
-    const auto sought =
-        text.size() <= kMaxName + kMaxDescription && IsPlainText(text) ? SearchText(text) : std::nullopt;
-    if (!sought) {
-        return 0;
-    }
-    if (const auto range = FewGrams(db, statements, *sought)) {
-        Statement find = db.Prepare(statements.few);
-        find.Bind(3, *sought).Bind(4, range->first).Bind(5, range->end);
-        return ListFew(find, page, each);
-    }
-    return ListScanned(db, statements, *sought, page, each);
-}
+void BindNothing(Statement& /*statement*/) {}
 
 } // namespace
 
 int64_t ListAccounts(std::string_view text, const ListPage& page, const EachEntry& each)
 {
-    return List(kAccounts, text, page, each);
+    return ListSearched(AccountsDatabase(), kAccounts, text, page, each, BindNothing);
 }
 
 int64_t ListGroups(std::string_view text, const ListPage& page, const EachEntry& each)
 {
-    return List(kGroups, text, page, each);
+    return ListSearched(AccountsDatabase(), kGroups, text, page, each, BindNothing);
 }
 
 } // namespace tavr

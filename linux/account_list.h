@@ -5,15 +5,12 @@
 // the store cannot be used.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string_view>
 
 namespace tavr
 {
-
-inline constexpr size_t kGramLength = 8; // characters; the tables in accounts.cpp are made with it
 
 struct ListEntry { // its texts last for the call
     const char* name;

@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <mutex>
 #include <set>
 
 namespace tavr
@@ -219,11 +220,19 @@ bool Write(const Place& place, std::span<const SettingValue> values)
     return true;
 }
 
+// A name's spelling may depend on a setting, so threads that ask directories ask here too.
+std::optional<std::string> CurrentValue(std::string_view key)
+{
+    static std::mutex mutex;
+    const std::lock_guard lock(mutex);
+    return FindKey(Current().text, key);
+}
+
 } // namespace
 
 std::string Setting(std::string_view key, std::string_view fallback)
 {
-    const auto value = FindKey(Current().text, key);
+    const auto value = CurrentValue(key);
     return value ? *value : std::string(fallback);
 }
 
@@ -234,7 +243,7 @@ bool SettingsKnown()
 
 int64_t NumberSetting(std::string_view key, int64_t fallback, int64_t least, int64_t most)
 {
-    const auto text = FindKey(Current().text, key);
+    const auto text = CurrentValue(key);
     if (!text) {
         return fallback;
     }
