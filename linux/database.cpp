@@ -69,6 +69,11 @@ Statement& Statement::BindNull(int index)
     return *this;
 }
 
+int Statement::Parameters() const
+{
+    return sqlite3_bind_parameter_count(statement_);
+}
+
 bool Statement::Step()
 {
     switch (sqlite3_step(statement_)) {
@@ -97,6 +102,12 @@ std::string Statement::Text(int column) const
     const auto* bytes = static_cast<const char*>(sqlite3_column_blob(statement_, column));
     const auto size = static_cast<size_t>(sqlite3_column_bytes(statement_, column));
     return bytes == nullptr ? std::string() : std::string(bytes, size);
+}
+
+std::string_view Statement::Blob(int column) const
+{
+    const auto* bytes = static_cast<const char*>(sqlite3_column_blob(statement_, column));
+    return {bytes, static_cast<size_t>(sqlite3_column_bytes(statement_, column))};
 }
 
 const char* Statement::Chars(int column) const

@@ -39,12 +39,15 @@ public:
     Statement& BindBlob(int index, std::string_view bytes); // copied
     Statement& BindNull(int index);
 
+    [[nodiscard]] int Parameters() const; // the highest index that values can be bound to
+
     bool Step(); // true: a row is there to be read; false: done
     void Run();  // for statements without rows
 
     [[nodiscard]] int64_t Int(int column) const;
-    [[nodiscard]] std::string Text(int column) const;  // text or blob, NULs kept; empty for null
-    [[nodiscard]] const char* Chars(int column) const; // likewise, but not copied: until the next step
+    [[nodiscard]] std::string Text(int column) const;      // text or blob, NULs kept; empty for null
+    [[nodiscard]] const char* Chars(int column) const;     // likewise, but not copied: until the next step
+    [[nodiscard]] std::string_view Blob(int column) const; // likewise
     [[nodiscard]] bool IsNull(int column) const;
 
 private:
@@ -111,5 +114,6 @@ private:
 Database& AccountsDatabase(); // its tables: accounts.cpp
 Database& SigninDatabase();   // its tables: signin_schema.cpp
 Database& MailDatabase();     // its tables: mail_queue.cpp
+Database& DomainDatabase();   // its tables: domain_copy.cpp
 
 } // namespace tavr

@@ -12,6 +12,7 @@
 #include <openldap.h>
 #include <poll.h>
 #include <sodium.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <syslog.h>
 
@@ -31,10 +32,10 @@ namespace
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds kWholeTime{9'000};   // so a request is answered within ten seconds
+constexpr milliseconds kMessageTime{9'000};
 constexpr milliseconds kConnectTime{5'000}; // for one server: connection, encryption, bind
 constexpr ber_len_t kMostMessage = 1 << 20; // bytes of one message, which is one entry at most
-constexpr int kPage = 500;
+constexpr int kMostReferences = 10'000;     // on a page
 constexpr int64_t kMostEntries = 1'000'000;
 constexpr size_t kMostValues = 1000;
 constexpr size_t kMostValue = 4096;
@@ -254,6 +255,24 @@ struct FreeValues {
     void operator()(berval** values) const noexcept { ldap_value_free_len(values); }
 };
 
+struct FreeReader {
+    void operator()(BerElement* reader) const noexcept { ber_free(reader, 0); }
+};
+
+struct FreeArray { // its values stand in the message
+    void operator()(berval* values) const noexcept { ber_memfree(values); }
+};
+
+std::string_view View(const berval& value)
+{
+    return {value.bv_val, value.bv_len};
+}
+
+bool IsAttribute(std::string_view name, const std::string& attribute)
+{
+    return name.size() == attribute.size() && strncasecmp(name.data(), attribute.data(), name.size()) == 0;
+}
+
 struct FreeControl {
     void operator()(LDAPControl* control) const noexcept { ldap_control_free(control); }
 };
@@ -281,6 +300,31 @@ std::vector<std::string> LdapEntry::Values(const std::string& attribute) const
         }
     }
     return values;
+}
+
+LdapEntry::Texts LdapEntry::OnlyValues(std::span<const std::string> attributes) const
+{
+    Texts texts;
+    BerElement* reader = nullptr;
+    berval name{0, nullptr};
+    if (ldap_get_dn_ber(connection_, entry_, &reader, &name) != LDAP_SUCCESS) {
+        return texts;
+    }
+    const std::unique_ptr<BerElement, FreeReader> owner(reader);
+    texts.dn = View(name);
+    berval* values = nullptr;
+    while (ldap_get_attribute_ber(connection_, entry_, reader, &name, &values) == LDAP_SUCCESS &&
+           name.bv_val != nullptr) {
+        const std::unique_ptr<berval, FreeArray> array(values);
+        const bool isOne = values != nullptr && values[0].bv_val != nullptr && values[1].bv_val == nullptr;
+        for (size_t i = 0; i < attributes.size() && i < texts.values.size(); ++i) {
+            if (isOne && values[0].bv_len <= kMostValue && IsAttribute(View(name), attributes[i])) {
+                texts.values[i] = View(values[0]);
+            }
+        }
+        values = nullptr;
+    }
+    return texts;
 }
 
 // --- Opening -----------------------------------------------------------------------------------------------
@@ -432,8 +476,8 @@ void LdapConnection::FreeMessage::operator()(ldapmsg* message) const noexcept
     ldap_msgfree(message);
 }
 
-LdapConnection::LdapConnection(const LdapSettings& settings)
-    : settings_(settings), end_(Clock::now() + kWholeTime), stepEnd_(end_)
+LdapConnection::LdapConnection(const LdapSettings& settings, milliseconds wholeTime)
+    : settings_(settings), end_(Clock::now() + wholeTime), stepEnd_(end_)
 {
     IgnoreLdapConfiguration();
     const NoPipeSignal quiet;
@@ -537,10 +581,11 @@ void LdapConnection::Encrypt()
 
 // --- Asking ------------------------------------------------------------------------------------------------
 
-// The next message of an operation; waits until the end of the step.
+// The next message of an operation; waits until the end of the step at most.
 LdapConnection::Message LdapConnection::Next(int id, LdapStep step)
 {
-    const int left = MillisecondsUntil(stepEnd_); // none, though there is always one more message
+    // None, though there is always one more message.
+    const int left = MillisecondsUntil(std::min(stepEnd_, Clock::now() + kMessageTime));
     timeval wait = TimevalOf(left);
     ldapmsg* message = nullptr;
     const int got = left > 0 ? ldap_result(ldap_.get(), id, LDAP_MSG_ONE, &wait, &message) : 0;
@@ -613,9 +658,18 @@ bool LdapConnection::IsPassword(const std::string& dn, std::string_view password
     }
 }
 
-// One page, or all that there is. Gives the cookie of the next one; empty when there is none.
-std::string LdapConnection::SearchPage(const LdapSearch& search, const std::string& cookie,
-                                       const EachEntry& each, int64_t& count)
+namespace
+{
+
+bool IsPaged(const LdapSearch& search)
+{
+    return search.most == 0 && !search.baseOnly;
+}
+
+} // namespace
+
+// Asks for a page, or for all that there is. Gives the operation's number.
+int LdapConnection::AskPage(const LdapSearch& search, const std::string& cookie)
 {
     ldap* const connection = ldap_.get();
     std::vector<std::string> names = search.attributes;
@@ -627,12 +681,11 @@ std::string LdapConnection::SearchPage(const LdapSearch& search, const std::stri
     attributes.push_back(nullptr);
 
     std::unique_ptr<LDAPControl, FreeControl> paging;
-    const bool paged = search.most == 0 && !search.baseOnly;
-    if (paged) {
+    if (IsPaged(search)) {
         berval former{cookie.size(), const_cast<char*>(cookie.data())};
         LDAPControl* control = nullptr;
-        if (ldap_create_page_control(connection, kPage, cookie.empty() ? nullptr : &former, 0, &control) !=
-            LDAP_SUCCESS) {
+        if (ldap_create_page_control(connection, search.page, cookie.empty() ? nullptr : &former, 0,
+                                     &control) != LDAP_SUCCESS) {
             throw std::bad_alloc();
         }
         paging.reset(control);
@@ -646,7 +699,16 @@ std::string LdapConnection::SearchPage(const LdapSearch& search, const std::stri
         const LdapStep step = code == LDAP_FILTER_ERROR ? LdapStep::Settings : LdapStep::Search;
         throw LdapError(step, "search below " + search.base + ": " + ErrorText(code, nullptr));
     }
+    return id;
+}
+
+// The entries of what was asked for. Gives the cookie of the next page; empty when there is none.
+std::string LdapConnection::TakePage(int id, const LdapSearch& search, const EachEntry& each, int64_t& count)
+{
+    ldap* const connection = ldap_.get();
+    int code = LDAP_SUCCESS;
     int64_t onPage = 0;
+    int references = 0;
     for (;;) {
         const Message message = Next(id, LdapStep::Search);
         const int type = ldap_msgtype(message.get());
@@ -655,15 +717,18 @@ std::string LdapConnection::SearchPage(const LdapSearch& search, const std::stri
             if (search.most != 0 && count > search.most) {
                 continue; // a server that does not keep to it
             }
-            if (++onPage > kPage || count > kMostEntries) {
+            if (++onPage > search.page || count > kMostEntries) {
                 ldap_abandon_ext(connection, id, nullptr, nullptr);
                 throw LdapError(LdapStep::Search,
                                 server_->uri + " gives more entries than can be taken, or gives no pages");
             }
             each(LdapEntry(connection, message.get()));
         }
-        if (type != LDAP_RES_SEARCH_RESULT) {
-            continue; // references to other servers, which are not followed
+        if (type != LDAP_RES_SEARCH_RESULT) { // references to other servers, which are not followed
+            if (type != LDAP_RES_SEARCH_ENTRY && ++references > kMostReferences) {
+                throw LdapError(LdapStep::Search, server_->uri + " gives references without end");
+            }
+            continue;
         }
         char* text = nullptr;
         LDAPControl** answered = nullptr;
@@ -677,7 +742,7 @@ std::string LdapConnection::SearchPage(const LdapSearch& search, const std::stri
             throw LdapError(LdapStep::Search, "search below " + search.base + ": " +
                                                   ErrorText(parsed != LDAP_SUCCESS ? parsed : code, text));
         }
-        LDAPControl* page = paged && answered != nullptr
+        LDAPControl* page = IsPaged(search) && answered != nullptr
                                 ? ldap_control_find(LDAP_CONTROL_PAGEDRESULTS, answered, nullptr)
                                 : nullptr;
         berval next{0, nullptr};
@@ -700,13 +765,22 @@ void LdapConnection::Search(const LdapSearch& search, const EachEntry& each,
         BindAsService();
     }
     int64_t count = 0;
-    std::string cookie;
-    do {
-        cookie = SearchPage(search, cookie, each, count);
+    int id = AskPage(search, "");
+    for (;;) {
+        const std::string cookie = TakePage(id, search, each, count);
+        if (!cookie.empty() && search.ahead) {
+            id = AskPage(search, cookie);
+        }
         if (pageDone) {
             pageDone();
         }
-    } while (!cookie.empty());
+        if (cookie.empty()) {
+            return;
+        }
+        if (!search.ahead) {
+            id = AskPage(search, cookie);
+        }
+    }
 }
 
 } // namespace tavr

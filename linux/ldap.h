@@ -7,10 +7,12 @@
 
 #include "linux/directory_error.h"
 
+#include <array>
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -71,6 +73,13 @@ public:
     [[nodiscard]] std::string Dn() const;
     // At most 1,000 of them; those longer than 4 KiB are left out.
     [[nodiscard]] std::vector<std::string> Values(const std::string& attribute) const;
+    // The DN and the one value of each of these attributes, read in one pass and not copied; empty where
+    // there is none or several, or a longer one.
+    struct Texts {
+        std::string_view dn;
+        std::array<std::string_view, 4> values;
+    };
+    [[nodiscard]] Texts OnlyValues(std::span<const std::string> attributes) const;
 
 private:
     ldap* connection_;
@@ -83,6 +92,8 @@ struct LdapSearch {
     std::vector<std::string> attributes;
     bool baseOnly = false; // the entry `base` itself, which need not be there; else all below it
     int most = 0;          // more entries are not asked for; 0: all of them, page by page
+    int page = 500;        // entries in one answer
+    bool ahead = false;    // the server is at the next page while `pageDone` is called
 };
 
 // What ldap.conf and the environment say of certificates or referrals must not count. A connection sees to
@@ -93,14 +104,16 @@ class LdapConnection
 {
 public:
     // To the first server that can be used; the one that was, the last time, comes first. All that this
-    // connection does takes no longer than nine seconds from now.
-    explicit LdapConnection(const LdapSettings& settings);
+    // connection does takes no longer than `wholeTime` from now, and no message is waited for longer than
+    // nine seconds.
+    static constexpr std::chrono::milliseconds kRequestTime{9'000}; // so a request is answered within ten
+    explicit LdapConnection(const LdapSettings& settings, std::chrono::milliseconds wholeTime = kRequestTime);
     ~LdapConnection();
     LdapConnection(const LdapConnection&) = delete;
     LdapConnection& operator=(const LdapConnection&) = delete;
 
     // As the settings' account. `pageDone` is called between two pages and at the end; no search is under way
-    // then.
+    // then, unless it is one that goes ahead.
     using EachEntry = std::function<void(const LdapEntry& entry)>;
     void Search(const LdapSearch& search, const EachEntry& each, const std::function<void()>& pageDone = {});
 
@@ -124,8 +137,8 @@ private:
     void BindAsService();
     int Bind(const std::string& dn, std::string_view password, std::string& said);
     Message Next(int id, LdapStep step);
-    std::string SearchPage(const LdapSearch& search, const std::string& cookie, const EachEntry& each,
-                           int64_t& count);
+    int AskPage(const LdapSearch& search, const std::string& cookie);
+    std::string TakePage(int id, const LdapSearch& search, const EachEntry& each, int64_t& count);
 
     LdapSettings settings_;
     const Clock::time_point end_;
