@@ -2,6 +2,8 @@
 
 #include "linux/account_list.h"
 #include "linux/accounts.h"
+#include "linux/domain_lists.h"
+#include "linux/domain_names.h"
 #include "linux/error.h"
 #include "linux/guarded.h"
 #include "linux/ldap_accounts.h"
@@ -208,6 +210,12 @@ int TAVRUserGetUGID(const char* name, uint32_t* uid, uint32_t* gid)
     if (name == nullptr) {
         return Fail(Error::BadParameter);
     }
+    if (const uint32_t listed = tavr::NumberOfListedAccount(name); listed != 0 && gid == nullptr) {
+        if (uid != nullptr) {
+            *uid = listed;
+        }
+        return 0;
+    }
     return WithAccount(name, [&](const Account& account) {
         if (uid != nullptr) {
             *uid = account.uid;
@@ -223,6 +231,10 @@ int TAVRGroupGetGID(const char* name, uint32_t* gid)
 {
     if (name == nullptr || gid == nullptr) {
         return Fail(Error::BadParameter);
+    }
+    if (const uint32_t listed = tavr::NumberOfListedGroup(name); listed != 0) {
+        *gid = listed;
+        return 0;
     }
     return WithGroup(name, [&](const Group& group) {
         *gid = group.gid;
@@ -295,31 +307,66 @@ namespace
 {
 
 using List = int64_t (*)(std::string_view text, const tavr::ListPage& page, const tavr::EachEntry& each);
+using Numbered = int (*)(const char* name, uint32_t* number);
+
+// The lists of either accounts or groups.
+struct Lists {
+    List local;
+    List ldap;
+    tavr::DomainList domain;
+    tavr::DomainList seen; // of a domain that there is no copy of; null: nobody can tell
+    Numbered numberOf;     // of a domain
+};
 
 struct Asked {
     int source;
+    const char* domain;
     const char* query;
     tavr::ListPage page;
 };
 
+// As the library's own list of a domain has it, and in its place where that fails.
+int64_t ListDomain(const Lists& lists, const Asked& asked, std::string_view query,
+                   const tavr::EachEntry& each)
+{
+    tavr::CopyPart part;
+    (TAVRWinIsEnableTrustDomain() != 0 ? part.domain : part.unit) =
+        asked.domain == nullptr ? "" : asked.domain;
+    auto total = lists.domain(part, query, asked.page, [&](const tavr::ListEntry& found) {
+        tavr::ListEntry entry = found;
+        if (entry.number != 0 || lists.numberOf(entry.name, &entry.number) == 0) {
+            each(entry);
+        }
+    });
+    if (!total && lists.seen != nullptr) {
+        total = lists.seen(part, query, asked.page, each);
+    }
+    return total ? *total : Fail(Error::DirectoryUnavailable);
+}
+
 // Gives the number of all matches; calls `row` with what is made of each entry of the page.
 template<class Row, class ToEntry>
-int Enumerate(List local, List ldap, const Asked& asked, Row row, void* userData, ToEntry toEntry)
+int Enumerate(const Lists& lists, const Asked& asked, Row row, void* userData, ToEntry toEntry)
 {
     if (row == nullptr || asked.page.offset < 0 || asked.page.limit < -1) {
         return Fail(Error::BadParameter);
     }
     return Guarded([&] {
-        const bool isLdap = asked.source == tavr::kKindLdap && tavr::IsLdapSetUp();
-        if (asked.source != tavr::kKindLocal && !isLdap) {
-            return Fail(Error::DirectoryNotConfigured);
-        }
         const char* query = asked.query == nullptr ? "" : asked.query;
-        const List list = isLdap ? ldap : local;
-        return static_cast<int>(list(query, asked.page, [&](const tavr::ListEntry& found) {
+        const auto each = [&](const tavr::ListEntry& found) {
             const auto entry = toEntry(found);
             row(&entry, userData);
-        }));
+        };
+        if (asked.source == tavr::kKindLocal) {
+            return static_cast<int>(lists.local(query, asked.page, each));
+        }
+        if (asked.source == tavr::kKindLdap && tavr::IsLdapSetUp()) {
+            return static_cast<int>(lists.ldap(query, asked.page, each));
+        }
+        if (asked.source == tavr::kKindDomain && !tavr::KnownDomains().empty()) {
+            return static_cast<int>(ListDomain(lists, asked, query, each));
+        }
+        return Fail(Error::DirectoryNotConfigured);
     });
 }
 
@@ -332,22 +379,38 @@ int64_t ListGroupsWithDescriptions(std::string_view query, const tavr::ListPage&
     });
 }
 
+std::optional<int64_t> ListDomainGroupsWithDescriptions(const tavr::CopyPart& part, std::string_view query,
+                                                        const tavr::ListPage& page,
+                                                        const tavr::EachEntry& each)
+{
+    return tavr::ListDomainGroups(part, query, page, [&](const tavr::ListEntry& found) {
+        const ListedGroup listed(found);
+        each(found);
+    });
+}
+
+constexpr Lists kAccountLists{
+    tavr::ListAccounts, tavr::ListLdapAccounts, tavr::ListDomainAccounts, tavr::ListSeenDomainAccounts,
+    [](const char* name, uint32_t* uid) { return TAVRUserGetUGID(name, uid, nullptr); }};
+constexpr Lists kGroupLists{ListGroupsWithDescriptions, tavr::ListLdapGroups,
+                            ListDomainGroupsWithDescriptions, nullptr, TAVRGroupGetGID};
+
 } // namespace
 
-int KLIBUserInfoEnumBySubstr(int source, const char* /*domain*/, int offset, int limit, const char* query,
+int KLIBUserInfoEnumBySubstr(int source, const char* domain, int offset, int limit, const char* query,
                              int /*flags*/, KLIBUserInfoRow row, void* userData)
 {
-    return Enumerate(tavr::ListAccounts, tavr::ListLdapAccounts, {source, query, {offset, limit}}, row,
-                     userData, [source](const tavr::ListEntry& found) {
+    return Enumerate(kAccountLists, {source, domain, query, {offset, limit}}, row, userData,
+                     [source](const tavr::ListEntry& found) {
                          return KLIBUserInfo{found.name, found.number, found.description, source};
                      });
 }
 
-int KLIBGroupInfoEnumBySubstr(int source, const char* /*domain*/, int offset, int limit, const char* query,
+int KLIBGroupInfoEnumBySubstr(int source, const char* domain, int offset, int limit, const char* query,
                               int /*flags*/, KLIBGroupInfoRow row, void* userData)
 {
-    return Enumerate(ListGroupsWithDescriptions, tavr::ListLdapGroups, {source, query, {offset, limit}}, row,
-                     userData, [source](const tavr::ListEntry& found) {
+    return Enumerate(kGroupLists, {source, domain, query, {offset, limit}}, row, userData,
+                     [source](const tavr::ListEntry& found) {
                          return KLIBGroupInfo{found.name, found.number, source};
                      });
 }

@@ -32,7 +32,7 @@ LdapSettings SettingsOf(const Directory& directory, const std::string& uri)
 {
     LdapSettings settings = SettingsOf(uri);
     settings.caFile = directory.CaFile();
-    settings.bindName = kReaderDn;
+    settings.bindName = kOffice.reader;
     settings.bindPassword = kReaderPassword;
     return settings;
 }

@@ -334,7 +334,7 @@ TEST(Directories, AnswerThatNoneIsSetUp)
     TAVRWinsDomainEnumOpt* option = nullptr;
     EXPECT_TRUE(notSetUp(TAVRWinsDomainEnumOptAlloc(&option)));
     EXPECT_EQ(nullptr, option);
-    EXPECT_TRUE(notSetUp(TAVRWinsDomainCoreFullDbEnum(nullptr, nullptr, nullptr)));
+    EXPECT_EQ(-1, TAVRWinsDomainCoreFullDbEnum(nullptr, nullptr, nullptr));
     TAVRWinsDomainEnumOptFree(nullptr);
     EXPECT_EQ(0, TAVRWinIsEnableTrustDomain());
 }

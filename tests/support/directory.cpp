@@ -13,7 +13,6 @@ namespace
 {
 
 constexpr char kPython[] = "/usr/bin/python3";
-constexpr char kBase[] = ",dc=office,dc=example";
 
 std::vector<char*> Pointers(std::vector<std::string>& texts)
 {
@@ -38,7 +37,7 @@ void Require(int code, const std::string& what)
 }
 
 // A connection of the administrator's.
-std::unique_ptr<LDAP, Unbind> Administrate(const std::string& uri)
+std::unique_ptr<LDAP, Unbind> Administrate(const std::string& uri, const DirectoryKind& kind)
 {
     LDAP* made = nullptr;
     Require(ldap_initialize(&made, uri.c_str()), "initialize");
@@ -47,10 +46,14 @@ std::unique_ptr<LDAP, Unbind> Administrate(const std::string& uri)
     ldap_set_option(made, LDAP_OPT_PROTOCOL_VERSION, &version);
     std::string password = "admin-password";
     berval secret{password.size(), password.data()};
-    Require(ldap_sasl_bind_s(made, "cn=admin,dc=office,dc=example", LDAP_SASL_SIMPLE, &secret, nullptr,
-                             nullptr, nullptr),
+    Require(ldap_sasl_bind_s(made, kind.administrator, LDAP_SASL_SIMPLE, &secret, nullptr, nullptr, nullptr),
             "bind");
     return connection;
+}
+
+std::string Below(const std::string& dn, const DirectoryKind& kind)
+{
+    return dn + ',' + kind.base;
 }
 
 struct Change {
@@ -137,8 +140,8 @@ bool Directory::CanStart()
     return access("/usr/sbin/slapd", X_OK) == 0;
 }
 
-Directory::Directory(const std::vector<std::string>& options)
-    : server("directory.py", [&] {
+Directory::Directory(const std::vector<std::string>& options, const DirectoryKind& kind)
+    : kind_(kind), server(kind.program, [&] {
           std::vector<std::string> words = {folder_.Path()};
           words.insert(words.end(), options.begin(), options.end());
           return words;
@@ -151,14 +154,21 @@ Directory::Directory(const std::vector<std::string>& options)
 std::string Directory::SettingsLines() const
 {
     return "ldap_uri=\"" + Uri() + "\"\nldap_realm=\"office.example\"\nldap_base=\"dc=office,dc=example\"\n" +
-           "ldap_ca_file=\"" + CaFile() + "\"\nldap_bind_dn=\"" + kReaderDn + "\"\n";
+           "ldap_ca_file=\"" + CaFile() + "\"\nldap_bind_dn=\"" + kind_.reader + "\"\n";
+}
+
+std::string Directory::DomainSettingsLines() const
+{
+    return "domain_name=\"CORP\"\ndomain_realm=\"corp.test\"\ndomain_uri=\"" + Uri() +
+           "\"\ndomain_ca_file=\"" + CaFile() + "\"\ndomain_bind_dn=\"" + kind_.reader + "\"\n";
 }
 
 void Directory::WriteSecret()
 {
     constexpr char kFile[] = "/etc/tavr/secrets";
     constexpr gid_t kServiceGroup = 64217;
-    std::ofstream(kFile) << "ldap_bind_password=\"" << kReaderPassword << "\"\n";
+    std::ofstream(kFile) << "ldap_bind_password=\"" << kReaderPassword << "\"\ndomain_bind_password=\""
+                         << kReaderPassword << "\"\n";
     if (chown(kFile, 0, kServiceGroup) != 0 || chmod(kFile, 0440) != 0) {
         throw std::runtime_error(kFile);
     }
@@ -166,28 +176,28 @@ void Directory::WriteSecret()
 
 void Directory::Rename(const std::string& dn, const std::string& newRdn, const std::string& newParent) const
 {
-    const auto connection = Administrate(Uri());
-    Require(ldap_rename_s(connection.get(), (dn + kBase).c_str(), newRdn.c_str(), (newParent + kBase).c_str(),
-                          1, nullptr, nullptr),
+    const auto connection = Administrate(Uri(), kind_);
+    Require(ldap_rename_s(connection.get(), Below(dn, kind_).c_str(), newRdn.c_str(),
+                          Below(newParent, kind_).c_str(), 1, nullptr, nullptr),
             "rename " + dn);
 }
 
 void Directory::Remove(const std::string& dn) const
 {
-    const auto connection = Administrate(Uri());
-    Require(ldap_delete_ext_s(connection.get(), (dn + kBase).c_str(), nullptr, nullptr), "delete " + dn);
+    const auto connection = Administrate(Uri(), kind_);
+    Require(ldap_delete_ext_s(connection.get(), Below(dn, kind_).c_str(), nullptr, nullptr), "delete " + dn);
 }
 
 void Directory::AddPerson(const std::string& uid, const std::string& password) const
 {
-    const auto connection = Administrate(Uri());
+    const auto connection = Administrate(Uri(), kind_);
     const std::vector<Change> person = {{"objectClass", {"inetOrgPerson"}},
                                         {"uid", {uid}},
                                         {"cn", {uid}},
                                         {"sn", {uid}},
                                         {"userPassword", {password}}};
     WithChanges(LDAP_MOD_ADD, person, [&](LDAPMod** changes) {
-        Require(ldap_add_ext_s(connection.get(), ("uid=" + uid + ",ou=people" + kBase).c_str(), changes,
+        Require(ldap_add_ext_s(connection.get(), Below("uid=" + uid + ",ou=people", kind_).c_str(), changes,
                                nullptr, nullptr),
                 "add " + uid);
     });
@@ -196,9 +206,9 @@ void Directory::AddPerson(const std::string& uid, const std::string& password) c
 void Directory::Set(const std::string& dn, const std::string& attribute,
                     const std::vector<std::string>& values) const
 {
-    const auto connection = Administrate(Uri());
+    const auto connection = Administrate(Uri(), kind_);
     WithChanges(LDAP_MOD_REPLACE, {{attribute, values}}, [&](LDAPMod** changes) {
-        Require(ldap_modify_ext_s(connection.get(), (dn + kBase).c_str(), changes, nullptr, nullptr),
+        Require(ldap_modify_ext_s(connection.get(), Below(dn, kind_).c_str(), changes, nullptr, nullptr),
                 "modify " + dn);
     });
 }

@@ -26,14 +26,29 @@ private:
     std::vector<int> ports_;
 };
 
+// Which one: the program that starts it, and who may change or read what below it.
+struct DirectoryKind {
+    const char* program;
+    const char* base;
+    const char* administrator;
+    const char* reader;
+};
+inline constexpr DirectoryKind kOffice{"directory.py", "dc=office,dc=example",
+                                       "cn=admin,dc=office,dc=example", "cn=reader,dc=office,dc=example"};
+inline constexpr DirectoryKind kController{"controller.py", "dc=corp,dc=test", "cn=admin,dc=test",
+                                           "cn=reader,dc=test"};
+inline constexpr char kReaderPassword[] = "reader-password";
+
 class Directory
 {
     TempDir folder_;
+    const DirectoryKind& kind_;
 
 public:
     static bool CanStart(); // whether the machine has a slapd
 
-    explicit Directory(const std::vector<std::string>& options = {}); // as directory.py has them
+    // Options as the program has them.
+    explicit Directory(const std::vector<std::string>& options = {}, const DirectoryKind& kind = kOffice);
     StartedServer server;
 
     [[nodiscard]] std::string Uri() const { return "ldap://127.0.0.1:" + std::to_string(server.Port(0)); }
@@ -42,8 +57,9 @@ public:
     [[nodiscard]] std::string OtherCaFile() const { return folder_.Path("other.pem"); }
 
     // The lines of the settings file with which it is used; the password is a secret apart.
-    [[nodiscard]] std::string SettingsLines() const;
-    static void WriteSecret(); // into the file of secrets, as root
+    [[nodiscard]] std::string SettingsLines() const;       // as the LDAP directory
+    [[nodiscard]] std::string DomainSettingsLines() const; // as a domain's controller
+    static void WriteSecret();                             // into the file of secrets, as root
 
     // As its administrator. A DN is one without the part that all have in common.
     void Rename(const std::string& dn, const std::string& newRdn, const std::string& newParent) const;
@@ -52,6 +68,3 @@ public:
     void Set(const std::string& dn, const std::string& attribute,
              const std::vector<std::string>& values) const;
 };
-
-inline constexpr char kReaderDn[] = "cn=reader,dc=office,dc=example";
-inline constexpr char kReaderPassword[] = "reader-password";

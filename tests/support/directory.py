@@ -141,4 +141,5 @@ def main():
     os.execv("/usr/sbin/slapd", ["slapd", "-f", path("slapd.conf"), "-h", " ".join(addresses), "-d", "0"])
 
 
-main()
+if __name__ == "__main__":
+    main()
