@@ -50,6 +50,10 @@ void MakeOtpCode(const std::string& typedName, int minutes);
 // directory_commands.cpp
 void TestDirectory(const std::string& typedName); // empty: without a name
 
+// domain_commands.cpp
+void SyncDomain();
+void ShowDomain();
+
 // enforce_commands.cpp
 struct EnforceChoice {
     std::string type;

@@ -343,6 +343,23 @@ void DefineCertificateCommands(CLI::App& program, Words& words)
     add("install", "put it where the web server reads it", tavr::console::InstallCertificate);
 }
 
+void DefineDomainCommands(CLI::App& program, Words& words)
+{
+    CLI::App* domain = program.add_subcommand("domain", "the copy of the domain's accounts and groups")
+                           ->require_subcommand(1)
+                           ->fallthrough();
+    domain->add_subcommand("sync", "refresh the copy now")->fallthrough()->callback([&words] {
+        words.rootOnly = true;
+        words.command = tavr::console::SyncDomain;
+    });
+    domain->add_subcommand("status", "show how old the copy is, and what it holds")
+        ->fallthrough()
+        ->callback([&words] {
+            words.rootOnly = true;
+            words.command = tavr::console::ShowDomain;
+        });
+}
+
 void DefineSessionCommands(CLI::App& program, Words& words)
 {
     CLI::App* session =
@@ -519,7 +536,7 @@ std::vector<std::string> WordsOf(int argc, char** argv)
 int Run(int argc, char** argv)
 {
     CLI::App program("Console of two-step sign-in: set-up, certificate, users, groups, second step, policy, "
-                     "directory, sessions, mails, audit",
+                     "directory, domain, sessions, mails, audit",
                      "tavrctl");
     Words words;
     program.require_subcommand(1);
@@ -537,6 +554,7 @@ int Run(int argc, char** argv)
     DefineEnforceCommands(program, words);
     DefineDirectoryCommands(program, words);
     DefineCertificateCommands(program, words);
+    DefineDomainCommands(program, words);
     DefineSessionCommands(program, words);
     DefineMailCommands(program, words);
     DefineMailAccountCommands(program, words);

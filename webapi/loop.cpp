@@ -2,6 +2,7 @@
 
 #include "linux/clock.h"
 #include "webapi/clearing.h"
+#include "webapi/domain_refresh.h"
 #include "webapi/queue_runner.h"
 #include "webapi/server.h"
 #include "webapi/transfers.h"
@@ -84,7 +85,11 @@ public:
         WatchFor(signals_.Get(), kSignalId);
         WatchFor(transfers_.Bell(), kBellId);
     }
-    ~Loop() { queue_.Stop(); } // the transfers, let go of next, wait for it
+    ~Loop() // the transfers, let go of next, wait for both
+    {
+        queue_.Stop();
+        domain_.Stop();
+    }
     Loop(const Loop&) = delete;
     Loop& operator=(const Loop&) = delete;
 
@@ -115,6 +120,7 @@ private:
         milliseconds next = Sooner(Seconds(server_.Expire()), queue_.GoOn());
         if (drainEnd_ < 0) {
             next = Sooner(next, Seconds(clearing_.GoOn()));
+            next = Sooner(next, Seconds(domain_.GoOn()));
         } else {
             next = Sooner(next, Seconds(std::max<int64_t>(0, drainEnd_ - BootSeconds())));
         }
@@ -144,6 +150,7 @@ private:
         }
         server_.Close();
         queue_.Stop();
+        domain_.Stop();
     }
 
     [[nodiscard]] bool Ended() const
@@ -159,6 +166,7 @@ private:
     Descriptor signals_;
     int64_t drainEnd_ = -1; // BootSeconds; -1: not ending
     QueueRunner queue_{transfers_};
+    DomainRefresh domain_{transfers_};
     Transfers transfers_;
     Clearing clearing_;
     Tools tools_;

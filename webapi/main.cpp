@@ -35,8 +35,8 @@ using tavr::Die;
 using tavr::Misuse;
 
 constexpr char kUsage[] = R"(Usage: tavr-webapid [OPTION]...
-Serves the local web API on a Unix socket and does the background work: it sends the mails that wait and clears
-old rows.
+Serves the local web API on a Unix socket and does the background work: it sends the mails that wait, clears old
+rows and refreshes the copy of the domain's accounts and groups.
 
   --socket PATH    listening socket (default /run/tavrscgi-fastapi.sock)
   --help           this text
