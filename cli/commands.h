@@ -19,6 +19,9 @@ void UseSelfSignedCertificate();
 void ShowCertificate();
 void InstallCertificate(); // where the web server reads it
 
+// doctor_command.cpp
+void Examine();
+
 // user_commands.cpp
 struct UserTexts {
     std::optional<std::string> mail; // not given: stays as it is

@@ -21,6 +21,7 @@ namespace
 
 bool jsonAnswers = false;
 bool assumeYes = false;
+Exit ended = Exit::Done;
 
 void Print(const std::string& text)
 {
@@ -85,13 +86,18 @@ void Answer(Json::Value answer)
     }
 }
 
+void EndWith(Exit status)
+{
+    ended = status;
+}
+
 int Finish()
 {
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         std::fputs("tavrctl: cannot write to standard output\n", stderr);
         return static_cast<int>(Exit::Failed);
     }
-    return static_cast<int>(Exit::Done);
+    return static_cast<int>(ended);
 }
 
 int Finish(const Failure& failure)

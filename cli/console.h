@@ -44,7 +44,8 @@ bool IsJson();
 void Say(const std::string& line);  // for people; nothing with --json
 void Answer(Json::Value answer);    // with --json; nothing without. Adds "success": true
 std::string TimeText(int64_t time); // 2026-11-21T06:00:00Z
-int Finish();                       // exit status 0, or 1 when standard output took not everything
+void EndWith(Exit status);          // exit status of a command that has told everything already
+int Finish();                       // that, or 1 when standard output took not everything
 int Finish(const Failure& failure); // tells it, on standard error or as JSON; gives the exit status
 
 // An answer of many entries, printed as they come: {"NAME":[...],"success":true}.

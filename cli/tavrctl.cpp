@@ -535,8 +535,8 @@ std::vector<std::string> WordsOf(int argc, char** argv)
 
 int Run(int argc, char** argv)
 {
-    CLI::App program("Console of two-step sign-in: set-up, certificate, users, groups, second step, policy, "
-                     "directory, domain, sessions, mails, audit",
+    CLI::App program("Console of two-step sign-in: set-up, doctor, certificate, users, groups, second step, "
+                     "policy, directory, domain, sessions, mails, audit",
                      "tavrctl");
     Words words;
     program.require_subcommand(1);
@@ -548,6 +548,12 @@ int Run(int argc, char** argv)
     program.add_subcommand("setup", "make or mend the files and folders of the service")
         ->fallthrough()
         ->callback([&words] { words.command = tavr::console::SetUp; });
+    program.add_subcommand("doctor", "tell what is right, what is not and what to do")
+        ->fallthrough()
+        ->callback([&words] {
+            words.rootOnly = true;
+            words.command = tavr::console::Examine;
+        });
     DefineUserCommands(program, words);
     DefineGroupCommands(program, words);
     DefineOtpCommands(program, words);

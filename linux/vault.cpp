@@ -168,6 +168,11 @@ std::vector<CodeLine> CodesOf(const std::string& secret)
 
 } // namespace
 
+void CheckVaultKey()
+{
+    CheckKey(MachineKey::Read(), StoredFingerprint());
+}
+
 bool HoldsSealedRows()
 {
     Statement ask =

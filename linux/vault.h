@@ -48,6 +48,9 @@ std::vector<StoredSecret> SecretsOf(uint32_t account, bool* isSwitchingOff = nul
 // Whether there is anything that the loss of the machine key would lose.
 bool HoldsSealedRows();
 
+// Throws VaultError unless there is a machine key and what is sealed is sealed with it.
+void CheckVaultKey();
+
 // --- Making ---
 
 // 160 bits in the clear, wiped at the end of the scope.
