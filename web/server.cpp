@@ -9,6 +9,7 @@
 #include "linux/notices.h"
 #include "linux/request.h"
 
+#include <fastcgi.h>
 #include <fcgiapp.h>
 #include <json/writer.h>
 #include <malloc.h>
@@ -70,6 +71,11 @@ HttpRequest ReadRequest(const FCGX_Request& fcgi)
     HttpRequest request;
     request.method = Parameter(fcgi, "REQUEST_METHOD");
     request.path = Parameter(fcgi, "REQUEST_URI");
+    if (fcgi.role ==
+        FCGI_AUTHORIZER) { // a web server asks before it serves something else: whose session is it?
+        request.method = "GET";
+        request.path = "/api/session";
+    }
     if (const size_t mark = request.path.find('?'); mark != std::string::npos) {
         request.query = request.path.substr(mark + 1);
         request.path.resize(mark);
@@ -81,7 +87,7 @@ HttpRequest ReadRequest(const FCGX_Request& fcgi)
     request.origin = Parameter(fcgi, "HTTP_ORIGIN");
     request.host = Parameter(fcgi, "HTTP_HOST");
     request.clientAddress = Parameter(fcgi, "REMOTE_ADDR");
-    request.bodySize = Number(Parameter(fcgi, "CONTENT_LENGTH"));
+    request.bodySize = fcgi.role == FCGI_AUTHORIZER ? 0 : Number(Parameter(fcgi, "CONTENT_LENGTH"));
     request.secure = Parameter(fcgi, "HTTPS") == "on";
     return request;
 }

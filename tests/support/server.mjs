@@ -150,7 +150,7 @@ async function end(child) {
   }
 }
 
-function freePort() {
+export function freePort() {
   return new Promise((resolve, reject) => {
     const probe = createServer();
     probe.once("error", reject);
