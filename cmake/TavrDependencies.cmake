@@ -8,6 +8,7 @@ pkg_check_modules(CRYPT REQUIRED IMPORTED_TARGET libcrypt)
 pkg_check_modules(CRYPTO REQUIRED IMPORTED_TARGET libcrypto)   # of OpenSSL
 pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
 pkg_check_modules(LDAP REQUIRED IMPORTED_TARGET ldap lber)
+pkg_check_modules(PAM REQUIRED IMPORTED_TARGET pam)
 pkg_check_modules(UTF8PROC REQUIRED IMPORTED_TARGET libutf8proc)
 
 add_library(fcgi INTERFACE)          # libfcgi comes without a pkg-config file

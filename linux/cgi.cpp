@@ -5,6 +5,7 @@
 
 #include "linux/accounts.h"
 #include "linux/database.h"
+#include "linux/domain_accounts.h"
 #include "linux/error.h"
 #include "linux/guarded.h"
 #include "linux/ldap_accounts.h"
@@ -45,13 +46,20 @@ int NotKnown(tavr::Fault fault, const char* what)
     return kNotKnown;
 }
 
-// The account whose password it is; empty when refused. Throws DatabaseError and LdapError.
+std::optional<Account> CheckPassword(const TavrLogin& login)
+{
+    if (tavr::IsDomainName(login.user)) {
+        return tavr::CheckDomainPassword(login.user, login.password);
+    }
+    return tavr::IsLdapName(login.user) ? tavr::CheckLdapPassword(login.user, login.password)
+                                        : tavr::CheckPassword(login.user, login.password);
+}
+
+// The account whose password it is; empty when refused. Throws DatabaseError and DirectoryError.
 std::optional<Account> Authenticate(const TavrLogin& login)
 {
     tavr::Request& request = tavr::CurrentRequest();
-    std::optional<Account> account = tavr::IsLdapName(login.user)
-                                         ? tavr::CheckLdapPassword(login.user, login.password)
-                                         : tavr::CheckPassword(login.user, login.password);
+    std::optional<Account> account = CheckPassword(login);
     request.passwordCompared = true;
     if (account) {
         request.passwordOf = account->uid;
@@ -118,7 +126,7 @@ int TavrCgiLogin(TavrCgi* cgi, char* sid, int size, TavrLogin* login)
         return Login(sid, *login);
     } catch (const tavr::DatabaseError& error) {
         return NotKnown(tavr::Fault::AccountsUnavailable, error.what());
-    } catch (const tavr::LdapError& error) {
+    } catch (const tavr::DirectoryError& error) {
         return NotKnown(tavr::FaultOf(error), error.what());
     } catch (const std::exception& error) {
         return NotKnown(tavr::Fault::StateUnavailable, error.what());
@@ -138,7 +146,7 @@ int TavrCgiTestLoginEx2(TavrLogin* login, void* /*reserved1*/, void* /*reserved2
         return refusePending != 0 && tavr::SecondStepMissing(*account) ? kSecondStepMissing : kAccepted;
     } catch (const tavr::DatabaseError& error) {
         return NotKnown(tavr::Fault::AccountsUnavailable, error.what());
-    } catch (const tavr::LdapError& error) {
+    } catch (const tavr::DirectoryError& error) {
         return NotKnown(tavr::FaultOf(error), error.what());
     } catch (const std::exception& error) {
         return NotKnown(tavr::Fault::StateUnavailable, error.what());

@@ -11,7 +11,11 @@ namespace tavr
 class DirectoryError : public std::runtime_error
 {
 public:
-    explicit DirectoryError(const std::string& text) : std::runtime_error(text) {}
+    explicit DirectoryError(const std::string& text, bool othersAsk = false)
+        : std::runtime_error(text), busy(othersAsk)
+    {
+    }
+    const bool busy; // it was not asked, since others wait for it
 };
 
 } // namespace tavr

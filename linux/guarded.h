@@ -3,8 +3,8 @@
 #pragma once
 
 #include "linux/database.h"
+#include "linux/directory_error.h"
 #include "linux/error.h"
-#include "linux/ldap.h"
 #include "linux/request.h"
 
 #include <syslog.h>
@@ -14,9 +14,9 @@
 namespace tavr
 {
 
-inline Fault FaultOf(const LdapError& error)
+inline Fault FaultOf(const DirectoryError& error)
 {
-    return error.step == LdapStep::Turn ? Fault::DirectoryBusy : Fault::DirectoryUnavailable;
+    return error.busy ? Fault::DirectoryBusy : Fault::DirectoryUnavailable;
 }
 
 template<class Call>
@@ -28,7 +28,7 @@ int Guarded(Call call, const char* file = __builtin_FILE(), int line = __builtin
         syslog(LOG_ERR, "accounts: %s", error.what());
         NoteFault(Fault::AccountsUnavailable);
         return Fail(Error::DatabaseFailed, file, line);
-    } catch (const LdapError& error) {
+    } catch (const DirectoryError& error) {
         syslog(LOG_ERR, "directory: %s", error.what());
         NoteFault(FaultOf(error));
         return Fail(Error::DirectoryUnavailable, file, line);

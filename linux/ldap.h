@@ -29,7 +29,10 @@ enum class LdapStep { Settings, Connect, Encrypt, Bind, Search, Turn };
 class LdapError : public DirectoryError
 {
 public:
-    LdapError(LdapStep failed, const std::string& text) : DirectoryError(text), step(failed) {}
+    LdapError(LdapStep failed, const std::string& text)
+        : DirectoryError(text, failed == LdapStep::Turn), step(failed)
+    {
+    }
     const LdapStep step;
 };
 

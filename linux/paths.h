@@ -40,6 +40,8 @@ inline constexpr char kServedConfiguration[] = "/run/tavr/www.conf"; // root 064
 inline constexpr char kMailTemplateDir[] = "/usr/share/tavr-otp/mail"; // <language>/<tag>, as installed
 inline constexpr char kOwnMailTemplateDir[] = "/etc/tavr/mail";        // likewise, the administrator's
 
+inline constexpr char kPamDir[] = "/usr/share/tavr-otp/pam"; // folders of PAM services, as installed
+
 inline constexpr char kWebApiSocket[] = "/run/tavrscgi-fastapi.sock";   // platform/webapi.h
 inline constexpr char kWebApiLockFile[] = "/var/lib/tavr/webapid.lock"; // held by the one service
 

@@ -59,8 +59,9 @@ struct Request {
     Fault fault = Fault::None;
 
     // The connection to a directory and what it has said, for as long as the request lasts
-    // (ldap_accounts.cpp).
+    // (ldap_accounts.cpp); and what the domain has said (domain_accounts.cpp).
     std::shared_ptr<void> directory;
+    std::shared_ptr<void> domain;
 
     // What owners of accounts are to be told by mail once this request is over (notices.h).
     struct Notice {

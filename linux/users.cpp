@@ -2,6 +2,7 @@
 
 #include "linux/account_list.h"
 #include "linux/accounts.h"
+#include "linux/domain_accounts.h"
 #include "linux/domain_lists.h"
 #include "linux/domain_names.h"
 #include "linux/error.h"
@@ -72,19 +73,39 @@ int CopyOut(const std::string& text, char* out, int size, int result)
     return result;
 }
 
-// Calls use(what `local` or `ldap` finds by that name); -1 when there is nothing.
-template<class Local, class Ldap, class Use>
-int WithFound(const char* name, Local local, Ldap ldap, Error absent, Use use)
+// Finds by a canonical name, one function for each kind.
+template<class Found>
+struct Finders {
+    using Find = std::optional<Found> (*)(const std::string& canonicalName);
+    Find local, domain, ldap;
+
+    // Null: the name is of a directory that is not set up.
+    [[nodiscard]] Find For(const std::string& canonicalName) const
+    {
+        if (!tavr::IsDirectoryName(canonicalName)) {
+            return local;
+        }
+        if (tavr::IsDomainName(canonicalName)) {
+            return domain;
+        }
+        return tavr::IsLdapName(canonicalName) ? ldap : nullptr;
+    }
+};
+
+// Calls use(what is found by that name); -1 when there is nothing.
+template<class Found, class Use>
+int WithFound(const char* name, const Finders<Found>& finders, Error absent, Use use)
 {
     return Guarded([&] {
         const auto canonical = tavr::CanonicalName(name);
         if (!canonical) {
             return Fail(Error::BadName);
         }
-        if (tavr::IsDirectoryName(*canonical) && !tavr::IsLdapName(*canonical)) {
+        const auto find = finders.For(*canonical);
+        if (find == nullptr) {
             return Fail(Error::DirectoryNotConfigured);
         }
-        auto found = tavr::IsDirectoryName(*canonical) ? ldap(*canonical) : local(*canonical);
+        auto found = find(*canonical);
         return found ? use(std::move(*found)) : Fail(absent);
     });
 }
@@ -92,9 +113,9 @@ int WithFound(const char* name, Local local, Ldap ldap, Error absent, Use use)
 template<class Use>
 int WithAccount(const char* name, Use use)
 {
-    return WithFound(
-        name, [](const std::string& canonical) { return tavr::FindAccount(canonical); },
-        tavr::FindLdapAccount, Error::NoSuchUser, use);
+    const Finders<Account> finders{[](const std::string& canonical) { return tavr::FindAccount(canonical); },
+                                   tavr::FindDomainAccount, tavr::FindLdapAccount};
+    return WithFound(name, finders, Error::NoSuchUser, use);
 }
 
 // The group that a list is calling back with: whoever shows it asks for its description next.
@@ -125,7 +146,21 @@ int CopyDescription(const char* text, char** description, char** second)
 template<class Use>
 int WithGroup(const char* name, Use use)
 {
-    return WithFound(name, tavr::FindGroup, tavr::FindLdapGroup, Error::NoSuchGroup, use);
+    const Finders<Group> finders{[](const std::string& canonical) { return tavr::FindGroup(canonical); },
+                                 tavr::FindDomainGroup, tavr::FindLdapGroup};
+    return WithFound(name, finders, Error::NoSuchGroup, use);
+}
+
+std::vector<uint32_t> GroupsOfKind(const Account& account)
+{
+    switch (account.kind) {
+    case tavr::kKindDomain:
+        return tavr::GroupsOfDomainAccount(account.name);
+    case tavr::kKindLdap:
+        return tavr::GroupsOfLdapAccount(account.name);
+    default:
+        return tavr::GroupsOf(account);
+    }
 }
 
 int DescribeGroup(const char* name, char** description, char** second)
@@ -282,8 +317,7 @@ int KLIBGroupInfoGidGet(const char* name, int /*flags*/, uint32_t** gids, int* c
         return Fail(Error::BadParameter);
     }
     return WithAccount(name, [&](const Account& account) {
-        const auto groups = account.kind == tavr::kKindLdap ? tavr::GroupsOfLdapAccount(account.name)
-                                                            : tavr::GroupsOf(account);
+        const auto groups = GroupsOfKind(account);
         if (groups.empty()) {
             *gids = nullptr;
             *count = 0;

@@ -1,5 +1,6 @@
 #include "tests/linux/fake_account.h"
 
+#include "linux/domain_accounts.h"
 #include "linux/domain_names.h"
 #include "linux/ldap_accounts.h"
 #include "linux/settings.h"
@@ -59,6 +60,16 @@ std::optional<Account> CheckPassword(std::string_view name, std::string_view pas
         return std::nullopt;
     }
     return found->second;
+}
+
+bool IsDomainName(std::string_view /*name*/)
+{
+    return false;
+}
+
+std::optional<Account> CheckDomainPassword(const std::string& /*name*/, std::string_view /*password*/)
+{
+    return std::nullopt;
 }
 
 bool IsLdapName(std::string_view /*name*/)
