@@ -1,11 +1,11 @@
 #include "linux/notices.h"
 
 #include "linux/accounts.h"
-#include "linux/ldap_accounts.h"
 #include "linux/mail_queue.h"
 #include "linux/mail_settings.h"
 #include "linux/mail_templates.h"
 #include "linux/request.h"
+#include "linux/user_settings.h"
 
 #include <syslog.h>
 
@@ -37,7 +37,7 @@ void Queue(const Request::Notice& notice)
     if (!account) {
         return;
     }
-    const std::string onFile = account->kind == kKindLdap ? MailOfLdapAccount(*account) : account->mail;
+    const std::string onFile = RecoveryAddress(*account);
     const std::string address = notice.address.value_or(onFile);
     const bool unchanged = notice.address == onFile;
     if (unchanged || !IsMailAddress(address)) {

@@ -8,6 +8,7 @@
 #include "linux/ldap_accounts.h"
 #include "linux/places.h"
 #include "linux/request.h"
+#include "linux/user_settings.h"
 #include "otp/MailOtpCodeHandler.h"
 
 #include <iterator>
@@ -37,8 +38,12 @@ const char* RefusalDetail(const Json::Value& response)
     return "failed";
 }
 
-bool CodesCanBeRead(const Account& account)
+bool CanBeRead(const Account& account)
 {
+    if (!SettleUserSettings(account)) { // where the address stands
+        NoteFault(Fault::StateUnavailable);
+        return false;
+    }
     return Settle(account).enrolment != Enrolment::Fault && NameAccountToCipher(account) == Fault::None;
 }
 
@@ -54,7 +59,7 @@ Answer MailCode(const Account& account, const MailTry& counted)
 {
     const Fault& fault = CurrentRequest().fault;
     Answer answer;
-    const bool sent = CodesCanBeRead(account) &&
+    const bool sent = CanBeRead(account) &&
                       MailOtpCodeHandler().HandleSendRequest(account.name.c_str(), answer.body) &&
                       fault != Fault::MailNotQueued;
     if (sent) {

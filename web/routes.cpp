@@ -234,7 +234,7 @@ Answer Serve(const HttpRequest& request, const std::string& body)
         syslog(LOG_ERR, "sign-in state: %s", error.what());
         NoteFault(Fault::StateUnavailable);
         return Unavailable();
-    } catch (const LdapError& error) {
+    } catch (const DirectoryError& error) {
         syslog(LOG_ERR, "directory: %s", error.what());
         NoteFault(FaultOf(error));
         return Unavailable();

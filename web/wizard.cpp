@@ -7,10 +7,10 @@
 #include "linux/audit.h"
 #include "linux/cipher.h"
 #include "linux/clock.h"
-#include "linux/ldap_accounts.h"
 #include "linux/paths.h"
 #include "linux/request.h"
 #include "linux/secret_file.h"
+#include "linux/user_settings.h"
 #include "otp/OTPWizardHandler.h"
 #include "otp/OTPutils.h"
 
@@ -32,7 +32,6 @@ namespace
 constexpr int64_t kMailWithoutCodeSeconds = 10 * 60; // after the confirmation, in the session that it opened
 constexpr char kSampleKey[] = "AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA";
 constexpr size_t kPngLimit = 4096; // bytes of the picture that the library reads
-constexpr size_t kMailBuffer = 4096;
 
 // A step that has got past the password. A refusal ends it.
 struct Step {
@@ -183,28 +182,10 @@ bool MayConfirm(const Session& session)
     return waiting && waiting->session == session.id;
 }
 
-// The address as it is stored; empty when there is none or it cannot be read.
-std::string ReadMail(const Account& account)
-{
-    if (account.kind == kKindLocal) {
-        return account.mail;
-    }
-    if (account.kind == kKindLdap) {
-        return MailOfLdapAccount(account); // the library goes by the name, whose owner may be another by now
-    }
-    std::array<char, kMailBuffer> text{};
-    try {
-        return OTPUtils::GetUserMail(account.name.c_str(), text.data(), text.size()) ? text.data() : "";
-    } catch (const Json::Exception& error) {
-        syslog(LOG_WARNING, "recovery address of %s: %s", account.name.c_str(), error.what());
-        return {};
-    }
-}
-
 bool MailIs(uint32_t uid, std::string_view mail)
 {
     const std::optional<Account> account = FindAccount(uid);
-    return account && ReadMail(*account) == mail;
+    return account && RecoveryAddress(*account) == mail;
 }
 
 // First character and domain; nothing of what is no address.
@@ -355,6 +336,10 @@ Answer WizardConfirm(Call& call)
     if (!MayConfirm(*call.session)) {
         return Refusal(409, "no_setup");
     }
+    if (!SettleUserSettings(account)) { // the library reads it behind the code
+        NoteFault(Fault::StateUnavailable);
+        return Unavailable();
+    }
     if (const std::optional<CodeAnswer> verdict = RefusalBeforeCode(account)) {
         return std::move(*RefuseCodeAnswer(*verdict));
     }
@@ -385,9 +370,16 @@ Answer WizardMail(Call& call)
     if (std::optional<Answer> refusal = RefuseMailWithoutCode(call, step)) {
         return std::move(*refusal);
     }
+    const Account& account = call.session->account;
+    UserSettingsWriting settings(account);
+    if (!settings.Usable()) {
+        NoteFault(Fault::StateUnavailable);
+        return Unavailable();
+    }
     step.handler.SaveMail(call.Text("mail"));
     Answer answer = FromLibrary(step.handler.GetResponse());
-    const bool saved = MailIs(call.session->account.uid, call.Text("mail"));
+    const bool stored = settings.Commit();
+    const bool saved = stored && MailIs(account.uid, call.Text("mail"));
     if (saved) {
         Audit(AuditEvent::AddressChanged, call.session->account);
     }
@@ -406,7 +398,7 @@ Answer WizardStatus(Call& call)
     answer.body["enrolled"] = state.enrolment == Enrolment::Yes;
     answer.body["closed"] = SecondStepOf(account.uid).closed;
     answer.body["enforced"] = CurrentRequest().facts->demanded;
-    const std::string mail = ReadMail(account);
+    const std::string mail = RecoveryAddress(account);
     if (!mail.empty()) {
         answer.body["mail"] = MaskMail(mail);
     }

@@ -1,10 +1,12 @@
 #include "webapi/calls.h"
 
 #include "linux/accounts.h"
+#include "linux/domain_accounts.h"
 #include "linux/error.h"
 #include "linux/ldap_accounts.h"
 #include "linux/names.h"
 #include "linux/request.h"
+#include "linux/user_settings.h"
 #include "platform/core.h"
 #include "platform/users.h"
 #include "webapi/mail_calls.h"
@@ -80,6 +82,17 @@ void GetDirectoryUser(const LdapSettings& settings, const std::string& name, con
     });
 }
 
+// What is asked of a domain's account is kept here, so the domain is not asked.
+void AnswerDomainUser(const std::string& name, const Reply& reply)
+{
+    const std::optional<Account> account = FindAccount(name);
+    if (!account) {
+        reply.Refuse(Code::NoAccount);
+        return;
+    }
+    AnswerUser(name.c_str(), account->uid, UserSettingsMail(*account).c_str(), reply);
+}
+
 void GetNormalUser(const Request& request, const Reply& reply, Tools& tools)
 {
     if (request.runner.empty()) {
@@ -88,11 +101,15 @@ void GetNormalUser(const Request& request, const Reply& reply, Tools& tools)
     }
     try {
         const auto name = CanonicalName(request.runner);
+        if (name && IsDomainName(*name)) {
+            AnswerDomainUser(*name, reply);
+            return;
+        }
         if (name && IsLdapName(*name)) {
             GetDirectoryUser(*ReadLdapSettings(), *name, reply, tools);
             return;
         }
-    } catch (const LdapError& error) {
+    } catch (const std::runtime_error& error) {
         syslog(LOG_ERR, "directory: %s", error.what());
         reply.Refuse(Code::Unavailable);
         return;
