@@ -86,7 +86,8 @@ protected:
     {
         FreshServer::SetUp();
         if (domain_ == nullptr) {
-            GTEST_SKIP() << "there is no slapd, or no SSSD in build/sssd: run scripts/setup test first";
+            GTEST_SKIP() << "there is no slapd, or no SSSD in build/sssd (run scripts/setup test first), or "
+                            "this is not root";
         }
         WriteSettings(domain_->SettingsLines());
     }
