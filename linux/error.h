@@ -25,6 +25,7 @@ enum class Error : int {
     NoSuchGroup = 0x1E00,
     DirectoryNotConfigured = 0x2100, // LDAP or domain asked for, none set up
     DirectoryUnavailable = 0x2200,   // it cannot be asked, or did not answer in time
+    DomainNotCopied = 0x2300,        // there is no copy of it yet
     VaultUnavailable = 0x2800,       // vault or machine key missing, locked or damaged
     NotAllowed = 0x2900,
 };

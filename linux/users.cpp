@@ -375,7 +375,7 @@ int64_t ListDomain(const Lists& lists, const Asked& asked, std::string_view quer
     if (!total && lists.seen != nullptr) {
         total = lists.seen(part, query, asked.page, each);
     }
-    return total ? *total : Fail(Error::DirectoryUnavailable);
+    return total ? *total : Fail(Error::DomainNotCopied);
 }
 
 // Gives the number of all matches; calls `row` with what is made of each entry of the page.

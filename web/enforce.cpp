@@ -79,6 +79,9 @@ Answer ListFailed()
     if (KLIBCErrGet() == static_cast<int>(Error::DirectoryNotConfigured)) {
         return Refusal(409, "directory_not_configured");
     }
+    if (KLIBCErrGet() == static_cast<int>(Error::DomainNotCopied)) {
+        return Refusal(503, "domain_not_copied");
+    }
     throw std::runtime_error("the list cannot be made");
 }
 

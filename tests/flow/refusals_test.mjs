@@ -20,7 +20,7 @@ const catalogue = JSON.parse(readFileSync(join(process.env.TEST_SOURCE, "web/pag
 // as an administrator.
 const kElsewhere = new Set(["label_too_long", "not_signed_in", "otp_enforced", "no_setup", "not_admin", "enrol_first",
   "no_such_user", "write_failed", "list_too_long", "directory_not_configured",
-  "directory_unavailable"]);
+  "directory_unavailable", "domain_not_copied"]);
 const atSignIn = documentedErrors().filter(({ err }) => !kElsewhere.has(err));
 
 // --- in Chromium ---

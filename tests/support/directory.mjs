@@ -11,17 +11,36 @@ const kSettingsFile = "/etc/tavr/tavrinfo.conf";
 const kSecretsFile = "/etc/tavr/secrets";
 const kServiceGroup = 64217;
 
+// What the settings say of them, beside how to get there.
+const kLdap = { prefix: "ldap", realm: "office.example", base: "dc=office,dc=example",
+  bind_dn: "cn=reader,dc=office,dc=example" };
+export const kDomain = { prefix: "domain", name: "CORP", realm: "corp.test", bind_dn: "cn=reader,dc=test" };
+
 // Options as directory.py has them.
-export async function startDirectory(options = []) {
+export const startDirectory = (options = []) => start("directory.py", options, kLdap);
+
+// A controller's directory, for lists; options as controller.py has them. One whose accounts sign in: domain.mjs.
+export const startController = (options = []) => start("controller.py", options, kDomain);
+
+async function start(program, options, settings) {
   const folder = mkdtempSync("/tmp/directory-");
   chmodSync(folder, 0o755);
-  const child = spawn("/usr/bin/python3", [join(kSupport, "directory.py"), folder, ...options],
+  const child = spawn("/usr/bin/python3", [join(kSupport, program), folder, ...options],
     { stdio: ["ignore", "pipe", "inherit"] });
   const port = await new Promise((resolve, reject) => {
     child.stdout.once("data", (line) => resolve(Number(String(line).split(" ")[1])));
-    child.once("exit", (status) => reject(new Error(`directory.py ended: ${status}`)));
+    child.once("exit", (status) => reject(new Error(`${program} ended: ${status}`)));
   });
-  return new Directory(folder, child, port);
+  return new Directory(folder, child, port, settings);
+}
+
+// Makes it the directory of the server under test, which has been set up. In `folder` are its certificates.
+export function setUpDirectory({ prefix, ...settings }, folder, uri) {
+  const all = Object.entries({ ...settings, uri, ca_file: `${folder}/ca.pem` });
+  appendFileSync(kSettingsFile, all.map(([key, value]) => `${prefix}_${key}="${value}"\n`).join(""));
+  appendFileSync(kSecretsFile, `${prefix}_bind_password="reader-password"\n`);
+  chownSync(kSecretsFile, 0, kServiceGroup);
+  chmodSync(kSecretsFile, 0o440);
 }
 
 // Stands between a server and the directory, and misbehaves: ldap_proxy.py has the cases.
@@ -39,10 +58,12 @@ export async function startProxy(directory, cases) {
 
 class Directory {
   #child;
+  #settings;
 
-  constructor(folder, child, port) {
+  constructor(folder, child, port, settings) {
     this.folder = folder;
     this.#child = child;
+    this.#settings = settings;
     this.port = port;
   }
 
@@ -65,14 +86,6 @@ class Directory {
 
   // Makes it the directory of the server under test, which has been set up, or what stands in front of it.
   setUp(uri = `ldap://127.0.0.1:${this.port}`) {
-    appendFileSync(kSettingsFile, `ldap_uri="${uri}"
-ldap_realm="office.example"
-ldap_base="dc=office,dc=example"
-ldap_bind_dn="cn=reader,dc=office,dc=example"
-ldap_ca_file="${this.folder}/ca.pem"
-`);
-    appendFileSync(kSecretsFile, 'ldap_bind_password="reader-password"\n');
-    chownSync(kSecretsFile, 0, kServiceGroup);
-    chmodSync(kSecretsFile, 0o440);
+    setUpDirectory(this.#settings, this.folder, uri);
   }
 }

@@ -1,13 +1,12 @@
 // A domain of a test's own (domain.py), which the server under test has joined through SSSD.
 import { spawn } from "node:child_process";
-import { appendFileSync, chmodSync, chownSync, mkdtempSync, readFileSync } from "node:fs";
+import { chmodSync, mkdtempSync, readFileSync } from "node:fs";
 import { dirname, join } from "node:path";
 import { fileURLToPath } from "node:url";
 
+import { kDomain, setUpDirectory } from "./directory.mjs";
+
 const kSupport = dirname(fileURLToPath(import.meta.url));
-const kSettingsFile = "/etc/tavr/tavrinfo.conf";
-const kSecretsFile = "/etc/tavr/secrets";
-const kServiceGroup = 64217;
 
 // Options as controller.py has them.
 export async function startDomain(options = []) {
@@ -65,15 +64,7 @@ class Domain {
 
   // Makes it the domain of the server under test, which has been set up.
   setUp() {
-    appendFileSync(kSettingsFile, `domain_name="CORP"
-domain_realm="corp.test"
-domain_uri="ldap://127.0.0.1:${this.port}"
-domain_bind_dn="cn=reader,dc=test"
-domain_ca_file="${this.folder}/ca.pem"
-`);
-    appendFileSync(kSecretsFile, 'domain_bind_password="reader-password"\n');
-    chownSync(kSecretsFile, 0, kServiceGroup);
-    chmodSync(kSecretsFile, 0o440);
+    setUpDirectory(kDomain, this.folder, `ldap://127.0.0.1:${this.port}`);
   }
 
   // The one that would start others anew comes first.
