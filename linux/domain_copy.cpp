@@ -3,6 +3,7 @@
 #include "linux/accounts.h"
 #include "linux/clock.h"
 #include "linux/database.h"
+#include "linux/domain_entries.h"
 #include "linux/domain_settings.h"
 #include "linux/file_lock.h"
 #include "linux/ldap_accounts.h"
@@ -11,14 +12,12 @@
 #include "linux/searched_table.h"
 
 #include <fcntl.h>
-#include <ldap.h>
 #include <sodium.h>
 #include <syslog.h>
 
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <memory>
 
 namespace tavr
 {
@@ -27,8 +26,6 @@ namespace
 {
 
 constexpr std::chrono::minutes kWholeTime{30}; // for one directory
-constexpr size_t kLongestSid = 184;            // bytes, of one with all parts that it can have
-constexpr size_t kLongestDn = 4096;
 constexpr size_t kBatch = 500;
 constexpr char kBuiltIn[] = "S-1-5-32-";
 
@@ -195,77 +192,6 @@ SealBytes Seal(std::span<const std::string_view> texts)
     return seal;
 }
 
-struct FreeDn {
-    void operator()(LDAPDN dn) const noexcept { ldap_dnfree(dn); }
-};
-
-// The units of a DN, without the first part of an entry's; those of the domain's own name do not count.
-std::string UnitsOfDn(std::string_view dn, size_t from)
-{
-    LDAPDN parsed = nullptr;
-    if (dn.size() > kLongestDn ||
-        ldap_str2dn(std::string(dn).c_str(), &parsed, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS ||
-        parsed == nullptr) {
-        return {};
-    }
-    const std::unique_ptr<LDAPRDN, FreeDn> owner(parsed);
-    std::string units;
-    for (size_t i = 0; parsed[i] != nullptr; ++i) {
-        const LDAPAVA& part = *parsed[i][0];
-        const std::string_view type(part.la_attr.bv_val, part.la_attr.bv_len);
-        if (i >= from && type != "dc" && type != "DC") {
-            units.insert(0, SearchText({part.la_value.bv_val, part.la_value.bv_len}).value_or("?") + '/');
-        }
-    }
-    return units;
-}
-
-// The text of a SID, "S-1-5-21-...". Empty: these bytes are none.
-std::string SidText(std::string_view bytes)
-{
-    const auto at = [&](size_t i) { return static_cast<uint64_t>(static_cast<unsigned char>(bytes[i])); };
-    constexpr size_t kHead = 8;
-    constexpr size_t kMostParts = 15;
-    if (bytes.size() < kHead || at(0) != 1 || at(1) > kMostParts || bytes.size() != kHead + 4 * at(1)) {
-        return {};
-    }
-    char text[4 + 20 + kMostParts * 11] = "S-1-";
-    uint64_t authority = 0;
-    for (size_t i = 2; i < kHead; ++i) {
-        authority = authority << 8 | at(i);
-    }
-    char* end = std::to_chars(text + 4, std::end(text), authority).ptr;
-    for (size_t i = kHead; i < bytes.size(); i += 4) {
-        *end++ = '-';
-        const uint64_t part = at(i) | at(i + 1) << 8 | at(i + 2) << 16 | at(i + 3) << 24;
-        end = std::to_chars(end, std::end(text), part).ptr;
-    }
-    return {text, end};
-}
-
-// Directories other than controllers give it as text.
-std::string IdOf(std::string_view value)
-{
-    const bool isText = value.starts_with("S-1-") && value.size() <= kLongestSid &&
-                        value.find_first_not_of("S-0123456789") == std::string_view::npos;
-    return isText ? std::string(value) : SidText(value);
-}
-
-// The name that an account or group goes by here; empty: it can be none.
-std::string NameIn(const std::string& domain, std::string_view spelled)
-{
-    const auto bare = CanonicalName(spelled);
-    if (!bare || IsDirectoryName(*bare) || domain.size() + 1 + bare->size() > kMaxName) {
-        return {};
-    }
-    return domain + '\\' + *bare;
-}
-
-std::string Folded(const std::string& name, const std::string& description)
-{
-    return SearchText(name).value_or("") + '\n' + SearchText(description).value_or("");
-}
-
 // --- Reading a directory -----------------------------------------------------------------------------------
 
 // The rows of a copy in the order in which a directory gave them, which is mostly the one in which it gives
@@ -373,7 +299,7 @@ public:
         ++count_;
         const LdapEntry::Texts texts = entry.OnlyValues(attributes_);
         const auto& [id, name, description, unused] = texts.values;
-        const std::string sid = IdOf(id);
+        const std::string sid = SidOf(id);
         if (sid.starts_with(kBuiltIn)) {
             return; // every machine has its own
         }
@@ -411,16 +337,15 @@ private:
     void Stage(const std::optional<Walk::Met>& met, const std::string& sid, const LdapEntry::Texts& texts,
                std::string_view seal)
     {
-        const std::string name = NameIn(domain_, texts.values[1]);
-        if (name.empty()) {
+        const std::optional<DomainEntry> entry =
+            DomainEntryOf(domain_, texts.values[1], texts.values[2], texts.dn);
+        if (!entry) {
             ++leftOut_;
             return;
         }
-        const std::string description(DescriptionProblem(texts.values[2]) == nullptr ? texts.values[2]
-                                                                                     : std::string_view());
         Statement stage = db_.Prepare(entries_.stage);
-        stage.Bind(1, sid).Bind(3, name).Bind(4, description).Bind(5, UnitsOfDn(texts.dn, 1));
-        stage.Bind(6, Folded(name, description)).BindBlob(7, seal);
+        stage.Bind(1, sid).Bind(3, entry->name).Bind(4, entry->description).Bind(5, entry->unit);
+        stage.Bind(6, entry->folded).BindBlob(7, seal);
         if (met) {
             stage.Bind(2, met->at);
         }

@@ -1,0 +1,108 @@
+#include "linux/domain_entries.h"
+
+#include "linux/accounts.h"
+#include "linux/names.h"
+
+#include <ldap.h>
+
+#include <charconv>
+#include <cstdint>
+#include <iterator>
+#include <memory>
+#include <utility>
+
+namespace tavr
+{
+
+namespace
+{
+
+constexpr size_t kLongestSid = 184; // bytes, of one with all parts that it can have
+constexpr size_t kLongestDn = 4096;
+
+struct FreeDn {
+    void operator()(LDAPDN dn) const noexcept { ldap_dnfree(dn); }
+};
+
+// The text of the SID that these bytes are. Empty: they are none.
+std::string SidText(std::string_view bytes)
+{
+    const auto at = [&](size_t i) { return static_cast<uint64_t>(static_cast<unsigned char>(bytes[i])); };
+    constexpr size_t kHead = 8;
+    constexpr size_t kMostParts = 15;
+    if (bytes.size() < kHead || at(0) != 1 || at(1) > kMostParts || bytes.size() != kHead + 4 * at(1)) {
+        return {};
+    }
+    char text[4 + 20 + kMostParts * 11] = "S-1-";
+    uint64_t authority = 0;
+    for (size_t i = 2; i < kHead; ++i) {
+        authority = authority << 8 | at(i);
+    }
+    char* end = std::to_chars(text + 4, std::end(text), authority).ptr;
+    for (size_t i = kHead; i < bytes.size(); i += 4) {
+        *end++ = '-';
+        const uint64_t part = at(i) | at(i + 1) << 8 | at(i + 2) << 16 | at(i + 3) << 24;
+        end = std::to_chars(end, std::end(text), part).ptr;
+    }
+    return {text, end};
+}
+
+// The name that an account or group goes by here; empty: it can be none.
+std::string NameIn(const std::string& domain, std::string_view spelled)
+{
+    const auto bare = CanonicalName(spelled);
+    if (!bare || IsDirectoryName(*bare) || domain.size() + 1 + bare->size() > kMaxName) {
+        return {};
+    }
+    return domain + '\\' + *bare;
+}
+
+std::string Folded(const std::string& name, const std::string& description)
+{
+    return SearchText(name).value_or("") + '\n' + SearchText(description).value_or("");
+}
+
+} // namespace
+
+std::string SidOf(std::string_view value)
+{
+    const bool isText = value.starts_with("S-1-") && value.size() <= kLongestSid &&
+                        value.find_first_not_of("S-0123456789") == std::string_view::npos;
+    return isText ? std::string(value) : SidText(value);
+}
+
+std::string UnitsOfDn(std::string_view dn, size_t from)
+{
+    LDAPDN parsed = nullptr;
+    if (dn.size() > kLongestDn ||
+        ldap_str2dn(std::string(dn).c_str(), &parsed, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS ||
+        parsed == nullptr) {
+        return {};
+    }
+    const std::unique_ptr<LDAPRDN, FreeDn> owner(parsed);
+    std::string units;
+    for (size_t i = 0; parsed[i] != nullptr; ++i) {
+        const LDAPAVA& part = *parsed[i][0];
+        const std::string_view type(part.la_attr.bv_val, part.la_attr.bv_len);
+        if (i >= from && type != "dc" && type != "DC") {
+            units.insert(0, SearchText({part.la_value.bv_val, part.la_value.bv_len}).value_or("?") + '/');
+        }
+    }
+    return units;
+}
+
+std::optional<DomainEntry> DomainEntryOf(const std::string& domain, std::string_view name,
+                                         std::string_view description, std::string_view dn)
+{
+    DomainEntry entry;
+    entry.name = NameIn(domain, name);
+    if (entry.name.empty()) {
+        return std::nullopt;
+    }
+    entry.description = DescriptionProblem(description) == nullptr ? description : std::string_view();
+    entry.unit = UnitsOfDn(dn, 1);
+    entry.folded = Folded(entry.name, entry.description);
+    return entry;
+}
+
+} // namespace tavr
