@@ -5,6 +5,7 @@
 
 #include <ldap.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <iterator>
@@ -47,6 +48,32 @@ std::string SidText(std::string_view bytes)
     return {text, end};
 }
 
+// In the one spelling that such bytes would have, so that nothing has two identifiers.
+bool IsSidText(std::string_view text)
+{
+    constexpr std::string_view kHead = "S-1";
+    if (!text.starts_with(kHead) || text.size() == kHead.size() || text.size() > kLongestSid) {
+        return false;
+    }
+    text.remove_prefix(kHead.size());
+    while (!text.empty()) {
+        const size_t end = std::min(text.find('-', 1), text.size());
+        const std::string_view part = text.substr(0, end); // with the hyphen in front
+        if (part.front() != '-' || part.size() < 2 || (part[1] == '0' && part.size() > 2) ||
+            part.find_first_not_of("0123456789", 1) != std::string_view::npos) {
+            return false;
+        }
+        text.remove_prefix(end);
+    }
+    return true;
+}
+
+// What a unit is called here. Two that cannot be shown are called the same.
+std::string UnitName(std::string_view value)
+{
+    return IsPlainText(value) ? SearchText(value).value_or("?") : "?";
+}
+
 // The name that an account or group goes by here; empty: it can be none.
 std::string NameIn(const std::string& domain, std::string_view spelled)
 {
@@ -66,15 +93,13 @@ std::string Folded(const std::string& name, const std::string& description)
 
 std::string SidOf(std::string_view value)
 {
-    const bool isText = value.starts_with("S-1-") && value.size() <= kLongestSid &&
-                        value.find_first_not_of("S-0123456789") == std::string_view::npos;
-    return isText ? std::string(value) : SidText(value);
+    return IsSidText(value) ? std::string(value) : SidText(value);
 }
 
 std::string UnitsOfDn(std::string_view dn, size_t from)
 {
     LDAPDN parsed = nullptr;
-    if (dn.size() > kLongestDn ||
+    if (dn.size() > kLongestDn || dn.find('\0') != std::string_view::npos ||
         ldap_str2dn(std::string(dn).c_str(), &parsed, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS ||
         parsed == nullptr) {
         return {};
@@ -85,7 +110,7 @@ std::string UnitsOfDn(std::string_view dn, size_t from)
         const LDAPAVA& part = *parsed[i][0];
         const std::string_view type(part.la_attr.bv_val, part.la_attr.bv_len);
         if (i >= from && type != "dc" && type != "DC") {
-            units.insert(0, SearchText({part.la_value.bv_val, part.la_value.bv_len}).value_or("?") + '/');
+            units.insert(0, UnitName({part.la_value.bv_val, part.la_value.bv_len}) + '/');
         }
     }
     return units;

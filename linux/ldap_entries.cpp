@@ -48,12 +48,19 @@ std::vector<std::string> NamesInDn(const std::string& dn, const std::string& att
     return values;
 }
 
-std::set<std::string> CanonicalNames(const std::vector<std::string>& values, const std::string& realm)
+// Empty: it can be no name of the realm. One with a backslash would be a domain's.
+std::string NameInRealm(const std::string& value, const std::string& realm)
 {
     const std::string end = '@' + realm;
+    const auto name = CanonicalName(value + end);
+    return name && name->ends_with(end) && name->find('\\') == std::string::npos ? *name : "";
+}
+
+std::set<std::string> NamesInRealm(const std::vector<std::string>& values, const std::string& realm)
+{
     std::set<std::string> names;
     for (const std::string& value : values) {
-        names.insert(CanonicalName(value + end).value_or(""));
+        names.insert(NameInRealm(value, realm));
     }
     return names;
 }
@@ -62,11 +69,10 @@ std::set<std::string> CanonicalNames(const std::vector<std::string>& values, con
 std::string NameOf(const std::vector<std::string>& values, const std::string& dn,
                    const std::string& attribute, const std::string& realm)
 {
-    std::set<std::string> names = CanonicalNames(values, realm);
-    if (names.size() > 1) {
-        names = CanonicalNames(NamesInDn(dn, attribute), realm);
-    }
-    return names.size() == 1 ? *names.begin() : "";
+    const std::set<std::string> names = NamesInRealm(values, realm);
+    const std::set<std::string> picked =
+        names.size() > 1 ? NamesInRealm(NamesInDn(dn, attribute), realm) : names;
+    return picked.size() == 1 && names.contains(*picked.begin()) ? *picked.begin() : "";
 }
 
 std::string DescriptionOf(const std::vector<std::string>& values)

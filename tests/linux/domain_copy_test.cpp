@@ -2,6 +2,7 @@
 // and searched.
 #include "linux/domain_copy.h"
 
+#include "linux/domain_entries.h"
 #include "linux/ids.h"
 #include "linux/names.h"
 #include "linux/paths.h"
@@ -159,6 +160,38 @@ TEST_F(DomainCopy, HasTheAccountsAndGroupsThatHaveOneNameAndASid)
         EXPECT_EQ("", states[0].failure);
         ExpectWholeIndex();
     });
+}
+
+TEST(DomainEntries, HaveASidInOneSpelling)
+{
+    using namespace std::string_literals;
+    const struct {
+        std::string value;
+        const char* sid;
+        const char* reason;
+    } cases[] = {
+        {"S-1-5-21-1-2-3-1103", "S-1-5-21-1-2-3-1103", "text"},
+        {"\1\2\0\0\0\0\0\5\x15\0\0\0\xFF\xFF\xFF\xFF"s, "S-1-5-21-4294967295", "bytes"},
+        {"\1\2\0\0\0\0\0\5\x15\0\0\0"s, "", "a part is missing"},
+        {"S-1-05-32-544", "", "a zero in front, of what every machine has"},
+        {"S-1-5--21", "", "an empty part"},
+        {"S-1-5-21-", "", "an empty part at the end"},
+        {"S-1-S-5", "", "no number"},
+        {"S-1", "", "no authority"},
+        {"S-1-5-" + std::string(180, '1'), "", "too long"},
+    };
+    for (const auto& one : cases) {
+        EXPECT_EQ(one.sid, SidOf(one.value)) << one.reason;
+    }
+}
+
+TEST(DomainEntries, AreInUnitsThatCanBeShown)
+{
+    using namespace std::string_literals;
+    EXPECT_EQ("berlin/sales/", UnitsOfDn("CN=Dan,OU=Sales,OU=Berlin,DC=corp,DC=test", 1));
+    EXPECT_EQ("berlin/?/", UnitsOfDn("CN=Dan,OU=Sal\\0Aes,OU=Berlin,DC=corp,DC=test", 1)) << "a line feed";
+    EXPECT_EQ("berlin/?/", UnitsOfDn("CN=Dan,OU=\\80,OU=Berlin,DC=corp,DC=test", 1)) << "not UTF-8";
+    EXPECT_EQ("", UnitsOfDn("CN=Dan,OU=Sales\0,OU=Berlin,DC=corp"s, 1)) << "not to be read to its end";
 }
 
 TEST_F(DomainCopy, IsSearchedByNameOrDescriptionAndInUnits)

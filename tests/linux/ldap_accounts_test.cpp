@@ -241,6 +241,7 @@ TEST_F(LdapAccounts, AreListedPageByPageWithASearch)
         EXPECT_EQ((std::vector<std::string>{"zoé@office.example"}), Users("ZOE\u0301").names);
         EXPECT_EQ(all.total, Users("@office.example").total);
         EXPECT_EQ(0, Users("nobody").total);
+        EXPECT_EQ(0, Users("of a domain").total) << "its uid is CORP\\dan";
         EXPECT_EQ(1, Users("twin").names.size());
         EXPECT_EQ(0, Users("", 100000, 10).names.size());
         EXPECT_EQ(206, Groups("").total);
