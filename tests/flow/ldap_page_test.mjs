@@ -1,11 +1,13 @@
 // People of an LDAP directory in Chromium: made to by a group, signing in, an address that is not theirs to change, the
-// code that is mailed to it, and the administrator's lists. By the interface alone: ldap_test.mjs.
+// code that is mailed to it, and the administrator's lists, those of a domain too. By the interface alone: ldap_test.mjs,
+// domain_lists_test.mjs.
 import assert from "node:assert/strict";
 import test, { after } from "node:test";
 
 import { kWindows, looker } from "../support/browser.mjs";
-import { startDirectory } from "../support/directory.mjs";
+import { startController, startDirectory } from "../support/directory.mjs";
 import { setNotificationServer, startMailServer, trust } from "../support/mail.mjs";
+import { run } from "../support/server.mjs";
 import { openStage } from "./stage.mjs";
 import { atOverview, atStep, enter, message, shownKey, signIn, signOut, startSetup, typeCode } from "./steps.mjs";
 import { enrol } from "./wizard.mjs";
@@ -178,4 +180,43 @@ test("while the directory is away its lists say so, and local ones are there", a
   await page.selectOption("#type", "local_user");
   await listed(page, "ada");
   assert.equal(await page.isVisible("#list-message"), false);
+});
+
+test("a domain is listed once it is copied, and its people and groups are picked", async (t) => {
+  const controller = await startController(["--users", "120"]);
+  t.after(() => controller.stop());
+  controller.setUp();
+  const page = await openAdmin(t);
+  const look = inEveryWindow(t, page, "domain-admin");
+  await page.selectOption("#type", "domain_group");
+  await page.waitForSelector("#list-message:visible");
+  assert.match(await page.textContent("#list-message"), /^There is no copy of this domain's directory yet/);
+  await look("no-copy");
+  run("tavrctl", ["domain", "sync"]);
+  await page.click("#list-retry");
+  await range(page, "1 to 5 of 5");
+  assert.equal(await page.isVisible("#list-message"), false);
+  await page.selectOption("#type", "domain_user");
+  await range(page, "1 to 50 of 121");
+  await page.click("#next");
+  await range(page, "51 to 100 of 121");
+  await page.fill("#domain", "Sales/Inner");
+  await range(page, "1 to 1 of 1");
+  assert.deepEqual([await page.textContent("#rows .name"), await page.textContent("#rows .description")],
+    ["CORP\\dan", "Dan, the Man"]);
+  await page.check(".demands");
+  await page.waitForSelector("#rows .demands:enabled:checked");
+  await page.fill("#domain", "");
+  await page.selectOption("#filter", "enforced");
+  await range(page, "1 to 1 of 1");
+  await page.reload();
+  await listed(page, "ada");
+  await page.selectOption("#type", "domain_user");
+  await page.fill("#query", "USER 00001");
+  await range(page, "1 to 10 of 10");
+  assert.equal(await page.locator("#rows .demands:checked").count(), 0);
+  await page.fill("#query", "the man");
+  await range(page, "1 to 1 of 1");
+  assert.equal(await page.isChecked("#rows .demands"), true);
+  await look("picked");
 });
