@@ -10,7 +10,6 @@ import { startServer } from "../support/server.mjs";
 const kClock = `ahead=0
 sleep() { ahead=$((ahead + 30)); echo "$ahead $ahead" >/run/tavr-test-clock; }
 date() { echo $(($(command date "$@") + ahead)); }
-oathtool() { command oathtool --now="@$(date +%s)" "$@"; }
 `;
 let server;
 before(async () => {
