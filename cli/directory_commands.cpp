@@ -28,8 +28,6 @@ StepText TextOf(LdapStep step)
                 "ldap_uri calls the server what its certificate does"};
     case LdapStep::Bind:
         return {"directory_bind", "see ldap_bind_dn, and ldap_bind_password in /etc/tavr/secrets"};
-    case LdapStep::Turn: // of workers
-        break;
     case LdapStep::Search:
         return {"directory_search", "see ldap_base, the filters, and what the reading account may read"};
     }

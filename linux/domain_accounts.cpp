@@ -9,6 +9,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <chrono>
 #include <memory>
 #include <utility>
 
@@ -19,12 +20,10 @@ namespace
 {
 
 constexpr std::chrono::milliseconds kWholeTime{8'000}; // that the client has in one request
-constexpr std::chrono::milliseconds kLongestTurn{500}; // for others, who take some milliseconds as a rule
 
 // What one request knows of the domain.
 struct Asked {
     std::optional<DomainSettings> settings;
-    std::optional<Place> place;
     std::optional<std::chrono::steady_clock::time_point> end;
     std::optional<DirectoryError> failure;
     std::optional<Account> account; // the last one, numbered
@@ -54,12 +53,9 @@ auto WithClient(Ask ask)
         if (!asked.settings) {
             throw DirectoryError("no domain is set up");
         }
-        if (!asked.place) {
-            asked.place.emplace(WaitingFor::Directory, kLongestTurn);
+        TakeDirectoryPlace();
+        if (!asked.end) {
             asked.end = std::chrono::steady_clock::now() + kWholeTime;
-        }
-        if (!asked.place->Taken()) {
-            throw DirectoryError("others wait for it already", true);
         }
         return ask(DomainClientCalls(*asked.settings, *asked.end));
     } catch (const DirectoryError& error) {

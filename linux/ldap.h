@@ -23,16 +23,13 @@ struct ldapmsg;
 namespace tavr
 {
 
-// Which step failed; the text says what happened. Turn: others are asking, so nobody was asked.
-enum class LdapStep { Settings, Connect, Encrypt, Bind, Search, Turn };
+// Which step failed; the text says what happened.
+enum class LdapStep { Settings, Connect, Encrypt, Bind, Search };
 
 class LdapError : public DirectoryError
 {
 public:
-    LdapError(LdapStep failed, const std::string& text)
-        : DirectoryError(text, failed == LdapStep::Turn), step(failed)
-    {
-    }
+    LdapError(LdapStep failed, const std::string& text) : DirectoryError(text), step(failed) {}
     const LdapStep step;
 };
 

@@ -10,6 +10,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <exception>
 #include <memory>
 #include <set>
 #include <utility>
@@ -20,8 +21,7 @@ namespace tavr
 namespace
 {
 
-constexpr std::chrono::milliseconds kLongestTurn{500}; // for others, who take some milliseconds as a rule
-constexpr int kMostOfAName = 10;                       // entries that are asked for where one is expected
+constexpr int kMostOfAName = 10; // entries that are asked for where one is expected
 constexpr size_t kMostGroups = 5000;
 constexpr int kMostNesting = 20;
 constexpr size_t kGroupsAtOnce = 50; // in one filter
@@ -29,9 +29,8 @@ constexpr size_t kGroupsAtOnce = 50; // in one filter
 // What one request knows of the directory.
 struct Asked {
     std::optional<LdapSettings> settings;
-    std::optional<Place> place; // given back when the connection is closed
     std::unique_ptr<LdapConnection> connection;
-    std::optional<LdapError> failure;
+    std::exception_ptr failure;
     std::optional<Person> person; // the last one, numbered
     std::optional<GroupEntry> group;
 };
@@ -53,22 +52,19 @@ template<class Ask>
 void WithDirectory(Asked& asked, Ask ask)
 {
     if (asked.failure) {
-        throw LdapError(*asked.failure);
+        std::rethrow_exception(asked.failure);
     }
     try {
         if (!asked.settings) {
             throw LdapError(LdapStep::Settings, "no directory is set up");
         }
         if (!asked.connection) {
-            asked.place.emplace(WaitingFor::Directory, kLongestTurn);
-            if (!asked.place->Taken()) {
-                throw LdapError(LdapStep::Turn, "others wait for it already");
-            }
+            TakeDirectoryPlace();
             asked.connection = std::make_unique<LdapConnection>(*asked.settings);
         }
         ask(*asked.connection);
-    } catch (const LdapError& error) {
-        asked.failure.emplace(error);
+    } catch (const DirectoryError&) {
+        asked.failure = std::current_exception();
         throw;
     }
 }

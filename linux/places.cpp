@@ -1,6 +1,8 @@
 #include "linux/places.h"
 
 #include "linux/descriptor.h"
+#include "linux/directory_error.h"
+#include "linux/request.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -9,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <memory>
 
 namespace tavr
 {
@@ -19,7 +22,8 @@ namespace
 using std::chrono::milliseconds;
 
 constexpr int kMostOfAKind = 1000;
-constexpr milliseconds kFirstPause{1}; // each time twice as long
+constexpr milliseconds kLongestTurn{500}; // for others at a directory, who take some milliseconds as a rule
+constexpr milliseconds kFirstPause{1};    // each time twice as long
 constexpr milliseconds kLongestPause{16};
 
 int g_count = 0;
@@ -93,6 +97,17 @@ Place::~Place()
 {
     if (byte_) {
         SetLock(F_UNLCK, *byte_);
+    }
+}
+
+void TakeDirectoryPlace()
+{
+    std::shared_ptr<Place>& place = CurrentRequest().directoryPlace;
+    if (!place) {
+        place = std::make_shared<Place>(WaitingFor::Directory, kLongestTurn);
+    }
+    if (!place->Taken()) {
+        throw DirectoryError("others wait for it already", true);
     }
 }
 

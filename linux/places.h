@@ -34,4 +34,9 @@ private:
     std::optional<int> byte_; // locked
 };
 
+// Takes a place to wait for directories for the current request, unless it has one: whichever directories it
+// asks, it has the one until it ends. Throws DirectoryError (busy) when none becomes free within half a
+// second; the same request does not wait again.
+void TakeDirectoryPlace();
+
 } // namespace tavr

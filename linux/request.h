@@ -11,6 +11,8 @@
 namespace tavr
 {
 
+class Place;
+
 // Why something could not be looked up or stored. Never to be read as "wrong" or as "not enrolled".
 enum class Fault {
     None,
@@ -62,6 +64,9 @@ struct Request {
     // (ldap_accounts.cpp); and what the domain has said (domain_accounts.cpp).
     std::shared_ptr<void> directory;
     std::shared_ptr<void> domain;
+
+    // The place that it waits for them at (places.h), let go of when it ends.
+    std::shared_ptr<Place> directoryPlace;
 
     // What owners of accounts are to be told by mail once this request is over (notices.h).
     struct Notice {
