@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 
 namespace tavr
@@ -12,7 +13,7 @@ namespace tavr
 namespace
 {
 
-int64_t Seconds(clockid_t clock)
+int64_t Running(clockid_t clock)
 {
     timespec now{};
     clock_gettime(clock, &now);
@@ -20,38 +21,46 @@ int64_t Seconds(clockid_t clock)
 }
 
 #ifdef TAVR_SETTABLE_CLOCK
-// Builds for tests only. The file holds "WALL BOOT", the seconds to add to each clock, and may name another
-// start of the machine after them.
-struct Offsets {
-    long long wall = 0;
-    long long boot = 0;
+// Builds for tests only. A file holds "WALL BOOT" and may name another start of the machine after them. A
+// number is the seconds to add to that clock; with '=' before it the clock stands there.
+struct Setting {
+    char wall[24] = "0";
+    char boot[24] = "0";
     char bootId[37] = {};
 };
 
-Offsets ReadOffsets()
+Setting ReadSetting()
 {
-    Offsets offsets;
+    Setting setting;
     const int fd = open("/run/tavr-test-clock", O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0) {
-        return offsets;
+        return setting;
     }
     char text[128] = {};
     if (read(fd, text, sizeof text - 1) > 0) {
-        // NOLINTNEXTLINE(cert-err34-c): tests write whole numbers
-        std::sscanf(text, "%lld %lld %36s", &offsets.wall, &offsets.boot, offsets.bootId);
+        std::sscanf(text, "%23s %23s %36s", setting.wall, setting.boot, setting.bootId);
     }
     close(fd);
-    return offsets;
+    return setting;
+}
+
+int64_t Seconds(clockid_t clock, const char* set)
+{
+    return set[0] == '=' ? std::atoll(set + 1) : Running(clock) + std::atoll(set);
 }
 #else
-struct Offsets {
-    int64_t wall = 0;
-    int64_t boot = 0;
-    char bootId[1] = {};
+struct Setting {
+    const char* wall = nullptr;
+    const char* boot = nullptr;
+    const char* bootId = "";
 };
-Offsets ReadOffsets()
+Setting ReadSetting()
 {
     return {};
+}
+int64_t Seconds(clockid_t clock, const char* /*set*/)
+{
+    return Running(clock);
 }
 #endif
 
@@ -72,19 +81,19 @@ std::string ReadBootId()
 
 int64_t WallSeconds()
 {
-    return Seconds(CLOCK_REALTIME) + ReadOffsets().wall;
+    return Seconds(CLOCK_REALTIME, ReadSetting().wall);
 }
 
 int64_t BootSeconds()
 {
-    return Seconds(CLOCK_BOOTTIME) + ReadOffsets().boot;
+    return Seconds(CLOCK_BOOTTIME, ReadSetting().boot);
 }
 
 const std::string& BootId()
 {
     static const std::string id = ReadBootId();
     static std::string other;
-    other = ReadOffsets().bootId;
+    other = ReadSetting().bootId;
     return other.empty() ? id : other;
 }
 

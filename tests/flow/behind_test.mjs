@@ -121,7 +121,7 @@ describe("a program behind nginx or lighttpd", () => {
   test("refuses between the two steps, lets in after the second, and forgets at sign-out", async () => {
     const alice = await signIn(server, "alice");
     await assertRefused(alice, "half a sign-in");
-    server.nextStep();
+    server.advance(30);
     assert.equal((await alice.post("/api/signin/code", { code: server.code(key) })).status, 200);
     await assertLetIn(alice);
     const copied = alice.copy();
@@ -130,7 +130,7 @@ describe("a program behind nginx or lighttpd", () => {
   });
 
   test("refuses everybody when the web program cannot be asked", async () => {
-    server.nextStep();
+    server.advance(30);
     const alice = await signIn(server, "alice");
     assert.equal((await alice.post("/api/signin/code", { code: server.code(key) })).status, 200);
     server.web.kill("SIGTERM");

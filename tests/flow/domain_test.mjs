@@ -120,7 +120,7 @@ test("settings that are no object are put aside, and no worker falls", async () 
   assert.equal(server.workers().join(), workers);
 
   leaveSettings("[1]");
-  server.nextStep();
+  server.advance(30);
   const { client } = await signIn(kDan, kDanPassword);
   const finished = await client.post("/api/signin/code", { code: server.code(key) });
   assert.equal(finished.json.state, "signed_in", finished.text);

@@ -5,7 +5,7 @@ import test from "node:test";
 import { readQr } from "../support/browser.mjs";
 import { openStage, plain } from "./stage.mjs";
 import {
-  atOverview, atStep, enrol, errorAt, givePassword, shownKey, signIn, signOut, startSetup, typeCode,
+  answerTo, atOverview, atStep, enrol, errorAt, givePassword, shownKey, signIn, signOut, startSetup, typeCode,
 } from "./steps.mjs";
 
 const { server, visit, visitor } = await openStage(plain(["reload", "tabs", "back", "expired", "label", "fault", "lost", "unknown",
@@ -149,7 +149,7 @@ test("a label at and beyond its limit, and a picture that was cut", async (t) =>
   assert.ok((await readQr(page.locator("#wizard-qr"))).startsWith(`otpauth://totp/${longest}?secret=${key}&`));
 
   await page.route("**/api/otp/label", async (route) => {
-    const answer = await (await route.fetch()).json();
+    const answer = await (await answerTo(route)).json();
     await route.fulfill(json(200, { ...answer, img: answer.img.slice(0, 800) }));
   });
   await redraw("cut");
@@ -174,7 +174,7 @@ test("a fault after the code was accepted: the page asks how it ended and goes o
   const key = await startSetup(page, server.passwords.fault);
   await page.click("[data-action=scanned]");
   await page.route("**/api/otp/confirm", async (route) => {
-    const answer = await route.fetch();
+    const answer = await answerTo(route);
     await route.fulfill({ response: answer, ...json(503, { success: false, err: "otp_unavailable" }) });
   });
   await typeCode(page, server.code(key));
@@ -213,7 +213,7 @@ test("a demanded enrolment runs on the sign-in page, without asking for the pass
   const page = await visit(t);
   // The server's policy demands nothing yet: only what the answer says is changed.
   await page.route("**/api/signin", async (route) => {
-    const answer = await route.fetch();
+    const answer = await answerTo(route);
     await route.fulfill({ response: answer, json: { ...await answer.json(), state: "enrolment_required" } });
   });
   await signIn(page, "demanded", server.passwords.demanded);
@@ -222,7 +222,7 @@ test("a demanded enrolment runs on the sign-in page, without asking for the pass
   await shownKey(page);
 
   await page.route("**/api/session", async (route) => {
-    const { user, TavrToken } = await (await route.fetch()).json();
+    const { user, TavrToken } = await (await answerTo(route)).json();
     await route.fulfill(json(401, { success: false, err: "not_signed_in", state: "enrolment_required", user, TavrToken }));
   });
   await page.reload();
@@ -241,7 +241,7 @@ test("a demanded enrolment runs on the sign-in page, without asking for the pass
 test("a fault before the QR code stands on the password step of a demanded enrolment", async (t) => {
   const page = await visit(t);
   await page.route("**/api/signin", async (route) => {
-    const answer = await route.fetch();
+    const answer = await answerTo(route);
     await route.fulfill({ response: answer, json: { ...await answer.json(), state: "enrolment_required" } });
   });
   for (const [status, err, words] of [

@@ -7,7 +7,7 @@ import { run } from "../support/server.mjs";
 import { Client } from "./client.mjs";
 import { openStage, plain } from "./stage.mjs";
 import {
-  atCodeField, atOverview, atStep, enter, errorAt, json, message, refuse, shownKey, signIn, signOut, tabTo,
+  answerTo, atCodeField, atOverview, atStep, enter, errorAt, json, message, refuse, shownKey, signIn, signOut, tabTo,
   typeCode,
 } from "./steps.mjs";
 
@@ -297,7 +297,7 @@ test("a renewal whose answer was a fault after all is found out", async (t) => {
   const key = await startRenewal(page, server.passwords.fault, next());
   await page.click("[data-action=scanned]");
   await page.route("**/api/otp/confirm", async (route) => {
-    const answer = await route.fetch();
+    const answer = await answerTo(route);
     await route.fulfill({ response: answer, ...json(503, { success: false, err: "otp_unavailable" }) });
   });
   server.advance(30);
@@ -312,7 +312,7 @@ test("in the wizard the clock of the phone is named when it is wrong", async (t)
   await page.click("[data-action=scanned]");
   for (const [minutes, words] of [[3, "3 minutes ahead"], [1, "1 minute ahead"], [-1, "1 minute behind"], [-90, "90 minutes behind"]]) {
     await page.route("**/api/otp/confirm", async (route) => {
-      const answer = await (await route.fetch()).json();
+      const answer = await (await answerTo(route)).json();
       await route.fulfill(json(200, { ...answer, clock_ahead_minutes: minutes }));
     });
     await typeCode(page, server.wrongCode(key));
@@ -324,10 +324,7 @@ test("in the wizard the clock of the phone is named when it is wrong", async (t)
 
 test("the server names the clock in a setup, and not at the sign-in", async (t) => {
   const { page, key } = await atSecondStep(t, "ahead");
-  const ahead = (secret) => {
-    const then = Math.floor(Date.now() / 1000) + server.clockOffset + 180;
-    return run("oathtool", ["--totp", "--base32", `--now=@${then}`, "-"], `${secret}\n`).trim();
-  };
+  const ahead = (secret) => server.code(secret, 180);
   await enter(page, "#code", ahead(key));
   assert.match(await errorAt(page, "code"), /^That code is not right\. Please type the code that your app shows now/);
   server.advance(30);
@@ -384,7 +381,7 @@ test("where it is demanded it is not offered to switch off, and a refusal says w
   await page.click("#off-cancel");
 
   await page.route("**/api/otp/status", async (route) => {
-    const answer = await (await route.fetch()).json();
+    const answer = await (await answerTo(route)).json();
     await route.fulfill(json(200, { ...answer, enforced: true, closed: true }));
   });
   await page.reload();

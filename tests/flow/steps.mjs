@@ -110,3 +110,9 @@ export async function tabTo(page, selector) {
   }
   assert.fail(`the keyboard does not reach ${selector}`);
 }
+
+// What the server answers to a request that the page made. Again on a new connection when the kept one was closed
+// just then, as a browser does it.
+export function answerTo(route) {
+  return route.fetch({ maxRetries: 3 });
+}

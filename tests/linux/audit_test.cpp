@@ -45,7 +45,8 @@ constexpr int64_t kDay = 24 * 60 * 60;
 
 void SetWall(int64_t seconds)
 {
-    SetClock(seconds - std::time(nullptr), 0);
+    const EffectiveIds root = EffectiveIds::Root();
+    test::StopClocks(seconds, 0);
 }
 
 Account Alice()

@@ -68,13 +68,6 @@ void Later(int64_t id)
     Store({id, false, true, 451, "try later"});
 }
 
-// SecondsUntilDue in whole tens, as a second may end while a test asks; -1 as there.
-int64_t TensUntilDue()
-{
-    const int64_t seconds = SecondsUntilDue();
-    return seconds < 0 ? seconds : (seconds + 5) / 10 * 10;
-}
-
 std::string States()
 {
     std::string states;
@@ -212,7 +205,7 @@ TEST_F(Queue, TakesOutInOrderAndNothingTwice)
         EXPECT_TRUE(TakeDue().empty());
         EXPECT_EQ(-1, SecondsUntilDue()) << "all of them are out";
         Later(2);
-        EXPECT_EQ(60, TensUntilDue());
+        EXPECT_EQ(60, SecondsUntilDue());
         SetClocks(kNow, 10 * kDay + 60, "first");
         EXPECT_EQ((std::vector<int64_t>{2}), TakeDue());
     });
@@ -242,7 +235,7 @@ TEST_F(Queue, OneProcessSendsUntilItEnds)
         const int other = open("/var/lib/tavr/mail.lock", O_RDWR | O_CLOEXEC);
         ASSERT_EQ(0, flock(other, LOCK_EX | LOCK_NB));
         EXPECT_TRUE(TakeDue().empty());
-        EXPECT_EQ(60, TensUntilDue());
+        EXPECT_EQ(60, SecondsUntilDue());
         close(other);
         EXPECT_EQ(0, SecondsUntilDue());
         EXPECT_EQ((std::vector<int64_t>{1}), TakeDue());
@@ -276,7 +269,7 @@ TEST_F(Queue, WaitsTwiceAsLongAfterEachTryUpToAnHourAndADay)
             ASSERT_EQ(1U, due.size()) << i;
             EXPECT_EQ(i, due[0].attempts);
             Later(1);
-            const int64_t wait = TensUntilDue();
+            const int64_t wait = SecondsUntilDue();
             if (wait < 0) {
                 break;
             }
@@ -305,7 +298,7 @@ TEST_F(Queue, NoWallClockMovesAWait)
         Later(1);
         for (const int64_t wall : {kNow + 365 * kDay, kNow - 365 * kDay, int64_t{0}}) {
             SetClocks(wall, 10 * kDay + 10, "first");
-            EXPECT_EQ(50, TensUntilDue());
+            EXPECT_EQ(50, SecondsUntilDue());
         }
     });
 }
@@ -324,7 +317,7 @@ TEST_F(Queue, AWaitIsServedAgainAfterAStartOfTheMachine)
     });
     AsWorker([] {
         SetClocks(kNow, 30, "second");
-        EXPECT_EQ(30, TensUntilDue()) << "the second one, tried once";
+        EXPECT_EQ(30, SecondsUntilDue()) << "the second one, tried once";
         EXPECT_EQ(90, ListMails().at(0).dueIn);
         SetClocks(kNow, 61, "second");
         EXPECT_EQ((std::vector<int64_t>{2}), TakeDue());
@@ -545,7 +538,7 @@ TEST_F(Queue, WhatDoesNotOpenWaitsAndDisturbsNothing)
                 "UPDATE mail SET recipient = (SELECT recipient FROM mail WHERE id = 1) WHERE id = 3;"
                 "UPDATE mail SET content = x'' WHERE id = 4");
         EXPECT_EQ((std::vector<int64_t>{2, 5}), TakeDue());
-        EXPECT_EQ(60, TensUntilDue());
+        EXPECT_EQ(60, SecondsUntilDue());
         EXPECT_EQ("the mail cannot be opened with this machine key", ListMails().at(0).text);
         EXPECT_EQ("", ListMails().at(2).to);
     });

@@ -24,7 +24,7 @@ export async function startBrowser() {
 export async function newVisitor(browser, base, options = {}) {
   const context = await browser.newContext({ baseURL: base, locale: "en-GB", viewport: { width: 1280, height: 900 },
     ...options });
-  context.setDefaultTimeout(10_000);
+  context.setDefaultTimeout(30_000);
   const problems = [];
   context.on("page", (page) => watch(page, base, problems));
   return { context, problems };

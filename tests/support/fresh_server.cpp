@@ -3,6 +3,7 @@
 #include "linux/descriptor.h"
 #include "linux/paths.h"
 #include "tests/support/in_view.h"
+#include "tests/support/test_clock.h"
 
 #include <liboath/oath.h>
 
@@ -34,7 +35,6 @@ namespace
 
 namespace fs = std::filesystem;
 
-constexpr char kClockFile[] = "/run/tavr-test-clock";
 const std::string kKept = "/run/kept";
 
 void Require(bool done, const std::string& what)
@@ -69,10 +69,9 @@ void RemoveSecretFiles(const std::string& folder)
     }
 }
 
-void WriteClock(int64_t wall, int64_t boot)
-{
-    std::ofstream(kClockFile) << wall << ' ' << boot;
-}
+// When the test began.
+int64_t g_wall = 0;
+int64_t g_boot = 0;
 
 void Lower()
 {
@@ -119,7 +118,9 @@ void FreshServer::SetUp()
     Empty(kDataDir, kServiceId, 0755);
     Empty(kPreferenceDir, kServiceId, 0700);
     RemoveSecretFiles(kWaitingDir);
-    WriteClock(0, 0);
+    g_wall = RunningSeconds(CLOCK_REALTIME);
+    g_boot = RunningSeconds(CLOCK_BOOTTIME);
+    SetClocks(g_wall, g_boot);
     Require(chown(kClockFile, kServiceId, kServiceId) == 0, kClockFile);
     std::ofstream(kMachineKeyFile)
         << "tavr-machine-key-1 000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f\n";
@@ -221,32 +222,17 @@ Account MakeAccount(const std::string& name)
 
 void SetWallClock(int64_t seconds)
 {
-    // Not time(): that one may still be in the second before.
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    WriteClock(seconds - now.tv_sec, 0);
-}
-
-void SetClocks(int64_t wall, int64_t boot, const std::string& bootId)
-{
-    timespec realtime{};
-    timespec boottime{};
-    clock_gettime(CLOCK_REALTIME, &realtime);
-    clock_gettime(CLOCK_BOOTTIME, &boottime);
-    std::ofstream(kClockFile) << wall - realtime.tv_sec << ' ' << boot - boottime.tv_sec << ' ' << bootId;
-}
-
-void AlignToSecond()
-{
-    timespec now{};
-    do {
-        clock_gettime(CLOCK_REALTIME, &now);
-    } while (now.tv_nsec > 50'000'000);
+    SetClocks(seconds, g_boot);
 }
 
 void AdvanceBootClock(int64_t seconds)
 {
-    WriteClock(0, seconds);
+    SetClocks(g_wall, g_boot + seconds);
+}
+
+void SetClocks(int64_t wall, int64_t boot, const std::string& bootId)
+{
+    StopClocks(wall, boot, bootId);
 }
 
 std::string CodeOf(const std::string& secretBase32, int64_t step)

@@ -53,12 +53,13 @@ int RunLowered(const std::function<int()>& work);
 // An account with its preference directory. Cheap: its password is not to be used.
 Account MakeAccount(const std::string& name);
 
-void SetWallClock(int64_t seconds); // WallSeconds() from now on, running
-void AlignToSecond();               // returns just after a second began
-void AdvanceBootClock(int64_t seconds);
+// The clocks of all processes in the view stand from SetUp on, so that nothing hangs on how long a machine
+// takes.
+void SetWallClock(int64_t seconds);     // the other one as SetUp left it
+void AdvanceBootClock(int64_t seconds); // from where SetUp left it, and the other one is there again
 
-// WallSeconds() and BootSeconds() from now on, running, in a start of the machine that is called so.
-void SetClocks(int64_t wall, int64_t boot, const std::string& bootId);
+// WallSeconds() and BootSeconds() from now on, in a start of the machine that is called so.
+void SetClocks(int64_t wall, int64_t boot, const std::string& bootId = "");
 
 // The code of a time step, by liboath alone. Six digits.
 std::string CodeOf(const std::string& secretBase32, int64_t step);

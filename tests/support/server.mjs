@@ -1,14 +1,14 @@
 // The whole server for a test: system log, accounts, tavr-webapid, tavr-otp-web, lighttpd. Runs in a private view, where
 // the fixed paths are real and fresh; everything ends with stop(), and with the view at the latest.
 import { spawn, spawnSync } from "node:child_process";
-import { existsSync, mkdirSync, readFileSync, rmSync, writeFileSync } from "node:fs";
+import { closeSync, constants, existsSync, mkdirSync, openSync, readFileSync, rmSync, writeSync } from "node:fs";
 import { createServer } from "node:net";
 import { setTimeout as sleep } from "node:timers/promises";
 
 const kClockFile = "/run/tavr-test-clock";
 const kLogFile = "/var/log/messages";
 const kServiceSocket = "/run/tavrscgi-fastapi.sock";
-const kStartMs = 10_000;
+const kStartMs = 60_000;
 
 // `accounts`: { name: [options of `tavrctl user add`] }, each with a password of its own.
 export async function startServer({ accounts = { alice: [] }, workers = 2 } = {}) {
@@ -39,11 +39,13 @@ export function run(command, args, input = "") {
 
 class Server {
   passwords = {};
-  clockOffset = 0;
+  wall = Math.floor(Date.now() / 1000);   // what the server's clock shows
+  #ahead = 0;                             // of the time since the machine's start
   #processes = [];
   #workers = 0;
 
   async start(accounts, workers) {
+    this.setWall(this.wall);
     this.#spawn("busybox", ["syslogd", "-n", "-O", kLogFile]);
     await this.#until(() => existsSync("/dev/log"), "the system log");
     mkdirSync("/run/tavr", { recursive: true });
@@ -82,27 +84,28 @@ class Server {
     rmSync(kClockFile, { force: true });
   }
 
-  // Moves the server's clocks `seconds` ahead of where they are. Nothing has to wait for the next code.
+  // Sets the server's wall clock. It stands until it is set or moved again: no code ends while a test uses it.
+  setWall(wall) {
+    this.wall = wall;
+    const file = openSync(kClockFile, constants.O_WRONLY | constants.O_CREAT, 0o644);
+    writeSync(file, `=${wall} ${this.#ahead}`.padEnd(100));   // one write of one size: nobody reads a part of it
+    closeSync(file);
+  }
+
+  // Moves both clocks `seconds` ahead. Nothing has to wait for the next code.
   advance(seconds) {
-    this.clockOffset += seconds;
-    writeFileSync(kClockFile, `${this.clockOffset} ${this.clockOffset}\n`);
+    this.#ahead += seconds;
+    this.setWall(this.wall + seconds);
   }
 
-  // Forward to where the next code begins, for what has to happen while one code is shown.
-  nextStep() {
-    this.advance(30 - (Math.floor(Date.now() / 1000) + this.clockOffset) % 30);
-  }
-
-  // The code that an app with this key shows now, on the server's clock.
-  code(key) {
-    const now = Math.floor(Date.now() / 1000) + this.clockOffset;
-    return run("oathtool", ["--totp", "--base32", `--now=@${now}`, "-"], `${key}\n`).trim();
+  // The code that an app with this key shows `ahead` seconds after what the server's clock shows.
+  code(key, ahead = 0) {
+    return run("oathtool", ["--totp", "--base32", `--now=@${this.wall + ahead}`, "-"], `${key}\n`).trim();
   }
 
   // One that is wrong now, before and after.
   wrongCode(key) {
-    const now = Math.floor(Date.now() / 1000) + this.clockOffset;
-    const near = run("oathtool", ["--totp", "--base32", `--now=@${now - 90}`, "--window=6", "-"], `${key}\n`);
+    const near = run("oathtool", ["--totp", "--base32", `--now=@${this.wall - 90}`, "--window=6", "-"], `${key}\n`);
     return ["000000", "111111", "222222", "333333", "444444", "555555", "666666", "777777"].find((c) => !near.includes(c));
   }
 

@@ -1,18 +1,47 @@
-// Sets the clocks of this process, as builds with a settable clock read them: seconds to add.
+// The clocks, as builds with a settable clock read them.
 #pragma once
 
+#include "linux/descriptor.h"
 #include "linux/ids.h"
 
-#include <cstdint>
-#include <fstream>
-#include <stdexcept>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <cstdint>
+#include <ctime>
+#include <stdexcept>
+#include <string>
+
+namespace tavr::test
+{
+
+constexpr char kClockFile[] = "/run/tavr-test-clock";
+
+inline int64_t RunningSeconds(clockid_t clock)
+{
+    timespec now{};
+    clock_gettime(clock, &now);
+    return now.tv_sec;
+}
+
+// Both clocks stand there from now on, for all who see the file.
+inline void StopClocks(int64_t wall, int64_t boot, const std::string& bootId = "")
+{
+    std::string line = '=' + std::to_string(wall) + " =" + std::to_string(boot) + ' ' + bootId;
+    line.resize(100, ' '); // one write of one size: nobody reads a part of it
+    const Descriptor file(open(kClockFile, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+    if (!file || pwrite(file.Get(), line.data(), line.size(), 0) != static_cast<ssize_t>(line.size())) {
+        throw std::runtime_error("cannot set the clocks");
+    }
+}
+
+} // namespace tavr::test
+
+// For a process alone: the clocks stand these seconds after its first call.
 inline void SetClock(int64_t wall, int64_t boot)
 {
+    static const int64_t firstWall = tavr::test::RunningSeconds(CLOCK_REALTIME);
+    static const int64_t firstBoot = tavr::test::RunningSeconds(CLOCK_BOOTTIME);
     const tavr::EffectiveIds root = tavr::EffectiveIds::Root();
-    std::ofstream file("/run/tavr-test-clock");
-    file << wall << ' ' << boot << std::flush;
-    if (!file) {
-        throw std::runtime_error("cannot set the clock");
-    }
+    tavr::test::StopClocks(firstWall + wall, firstBoot + boot);
 }

@@ -80,14 +80,13 @@ protected:
         return states;
     }
 
-    // Waits for what the service does by itself; the test's own time limit ends a wait in vain.
+    // Waits for what the service does by itself; the program's time limit ends a wait in vain.
     template<typename Condition>
     static void Until(Condition reached)
     {
-        for (int i = 0; i < 1000 && !reached(); ++i) {
+        while (!reached()) {
             usleep(5000);
         }
-        ASSERT_TRUE(reached());
     }
     void UntilAllAre(const std::string& state, int count)
     {
@@ -237,13 +236,13 @@ TEST_F(Queue, IsWaitedForTwelveSecondsWhenTheServiceEnds)
         Until([&] { return server_->Count() == 1; });
         kill(service.Pid(), SIGTERM);
         Until([] { return !ConnectRaw(); });
-        AdvanceBootClock(10); // and a second or two that are passing
+        AdvanceBootClock(11);
         usleep(200'000);
         siginfo_t ended{};
         waitid(P_PID, static_cast<id_t>(service.Pid()), &ended, WEXITED | WNOHANG | WNOWAIT);
         EXPECT_EQ(0, ended.si_pid) << "the mail may still come to its end";
 
-        AdvanceBootClock(2 + 11);
+        AdvanceBootClock(12);
         EXPECT_EQ(0, service.Wait());
     }
     EXPECT_EQ(1, States()["waiting"]);
