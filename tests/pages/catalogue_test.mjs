@@ -1,17 +1,22 @@
-// Every key that the pages, the routes, the library and the HTTP reference name has a text, and every text has a user.
+// Every key that the pages, the routes, the library and the HTTP reference name has a text, and every text has a user;
+// every language has all of them, and none that is stale.
 import assert from "node:assert/strict";
 import { readdirSync, readFileSync } from "node:fs";
-import { dirname, join } from "node:path";
+import { basename, dirname, join } from "node:path";
 import test from "node:test";
 import { fileURLToPath } from "node:url";
 
+import { pickLanguage } from "../../web/pages/shared/messages.js";
 import { documentedErrors } from "../support/reference.mjs";
 
 const source = dirname(dirname(dirname(fileURLToPath(import.meta.url))));
 const pages = join(source, "web/pages");
 const messages = join(pages, "shared/messages");
+const mails = join(source, "linux/mail_templates");
 
 const kMarkup = ["admin/index.html", "signin/index.html", "settings/index.html", "shared/wizard.html", "shared/fields.html"];
+// Texts that are the same word in this language as in the first.
+const kSameWord = { ger: ["wizard:step_code", "admin:column_name"] };
 
 const read = (path) => readFileSync(path, "utf8");
 const all = (pattern, text) => [...text.matchAll(pattern)].map((match) => match[1]);
@@ -77,17 +82,70 @@ test("no text is left that nothing uses", () => {
   assert.deepEqual(keysOf(catalogue("enu")).filter((key) => !needed.has(key)), []);
 });
 
-test("all languages of the list have the same keys and placeholders", () => {
-  const placeholders = (text) => new Set(all(/\{(\w+)\}/g, typeof text === "string" ? text : text.other));
-  const first = catalogue(languages[0].code);
-  for (const { code, tag } of languages) {
-    const texts = catalogue(code);
+test("every catalogue is a language of the list", () => {
+  const files = filesIn(messages, ".json").map((path) => basename(path, ".json")).filter((name) => name !== "languages");
+  assert.deepEqual(files.sort(), languages.map(({ code }) => code).sort());
+});
+
+const first = catalogue(languages[0].code);
+const forms = (text) => typeof text === "string" ? [text] : Object.values(text);
+const textAt = (texts, key) => key.split(":").reduce((found, part) => found[part], texts);
+
+for (const { code, tag } of languages) {
+  const texts = catalogue(code);
+  const every = keysOf(texts).flatMap((key) => forms(textAt(texts, key)));
+
+  test(`${code}: the same keys as in the first language, in the same order`, () => {
     assert.deepEqual(Intl.getCanonicalLocales(tag), [tag]);
-    assert.deepEqual(keysOf(texts).sort(), keysOf(first).sort());
-    for (const key of keysOf(texts)) {
-      const [section, name] = key.split(":");
-      assert.deepEqual(placeholders(texts[section][name]), placeholders(first[section][name]), key);
+    assert.deepEqual(keysOf(texts), keysOf(first));
+  });
+
+  test(`${code}: the same placeholders, and the forms that the language has`, () => {
+    const placeholders = (text) => new Set(all(/\{(\w+)\}/g, text));
+    const counts = new Intl.PluralRules(tag).resolvedOptions().pluralCategories;
+    for (const key of keysOf(first)) {
+      const wanted = textAt(first, key);
+      const found = textAt(texts, key);
+      assert.equal(typeof found, typeof wanted, key);
+      if (typeof found === "object") {
+        assert.deepEqual(Object.keys(found).sort(), [...counts].sort(), key);
+      }
+      for (const form of forms(found)) {
+        assert.ok(form.trim(), key);
+        assert.deepEqual(placeholders(form), placeholders(forms(wanted).at(-1)), key);
+      }
     }
+  });
+
+  test(`${code}: what texts and mails quote of a page is there under that name`, () => {
+    const mailed = filesIn(join(mails, code), "").map(read);
+    const quoted = (from) => from.flatMap((text) => all(/[“„]([^“„”{]+)[“”]/g, text)).filter((name) => !name.startsWith("tavrctl "));
+    assert.deepEqual([quoted(every).length, quoted(mailed).length], [2, 2]);
+    assert.deepEqual(quoted([...every, ...mailed]).filter((name) => !every.includes(name)), []);
+  });
+
+  test(`${code}: mails are there, with the placeholders of those of the first language`, () => {
+    const tags = (of) => readdirSync(join(mails, of)).sort();
+    const placeholders = (path) => new Set(all(/%([A-Z_]+)%/g, read(path)));
+    assert.deepEqual(tags(code), tags(languages[0].code));
+    for (const mail of tags(code)) {
+      assert.deepEqual(placeholders(join(mails, code, mail)), placeholders(join(mails, languages[0].code, mail)), mail);
+    }
+  });
+}
+
+test("the first language of the browser's list that is there is taken, else the first of all", () => {
+  for (const [preferred, code] of [[["de-AT", "en"], "ger"], [["fr-FR", "de"], "ger"], [["en-US", "de-DE"], "enu"], [["FR", "it"], "enu"],
+    [["DE"], "ger"], [["den"], "enu"], [[], "enu"]]) {
+    assert.equal(pickLanguage(languages, preferred).code, code, preferred.join());
+  }
+});
+
+test("no text was left as it is in the first language", () => {
+  for (const { code } of languages.slice(1)) {
+    const texts = catalogue(code);
+    const left = keysOf(texts).filter((key) => JSON.stringify(textAt(texts, key)) === JSON.stringify(textAt(first, key)));
+    assert.deepEqual(left, kSameWord[code], code);
   }
 });
 

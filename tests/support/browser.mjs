@@ -61,6 +61,35 @@ export async function accessibilityFindings(page) {
   return violations.flatMap(({ id, nodes }) => nodes.map((node) => `${id}: ${node.target} ${node.failureSummary}`));
 }
 
+// What is wider than the window or than the element that it stands in, and words that are broken where nothing says
+// that they may be, one line a finding. Names and addresses are anybody's: those are cut or broken on purpose.
+export function layoutFindings(page) {
+  return page.evaluate(() => {
+    const shown = (element) => element.checkVisibility() && getComputedStyle(element).clipPath === "none";
+    const elements = [...document.querySelectorAll("body *:not(input, select, option, script)")].filter(shown);
+    const tooWide = [document.documentElement, ...elements].filter((element) => element.clientWidth > 0 &&
+      element.scrollWidth > element.clientWidth + 1 && getComputedStyle(element).textOverflow !== "ellipsis");
+
+    const range = document.createRange();
+    // The first letter after a soft hyphen brings the rectangle of that in the row above along.
+    const rowsOf = (node, start, length) => {
+      range.setStart(node, start);
+      range.setEnd(node, start + length);
+      return new Set([...range.getClientRects()].map(({ top }) => Math.round(top))).size;
+    };
+    const ours = (node) => node.nodeType === Node.TEXT_NODE && !/@/.test(node.data) && !node.parentElement.matches("[dir=auto]");
+    const broken = elements.flatMap((element) => [...element.childNodes].filter(ours).flatMap((node) =>
+      [...node.data.matchAll(/[\p{L}\p{M}]+/gu)]
+        .filter((word) => rowsOf(node, word.index + 1, word[0].length - 1) > 1).map(([word]) => word)));
+
+    return [
+      ...tooWide.map((element) => `${element.scrollWidth - element.clientWidth} pixels too wide: ` +
+        `${element.tagName.toLowerCase()}#${element.id} "${element.textContent.trim().slice(0, 40)}"`),
+      ...broken.map((word) => `broken: ${word}`),
+    ];
+  });
+}
+
 // The windows and colours that every page is looked at in.
 export const kWindows = [360, 1280].flatMap((width) => ["light", "dark"].map((colorScheme) => ({ width, colorScheme })));
 
@@ -74,14 +103,11 @@ export function looker(page, name, findings) {
       path: join(kScreenshots, `${name}-${String(count).padStart(2, "0")}-${what}.png`), fullPage: true, animations: "disabled",
     });
     findings.push(...(await accessibilityFindings(page)).map((finding) => `${what}: ${finding}`));
-    const { wide, headings, nameless } = await page.evaluate(() => ({
-      wide: document.documentElement.scrollWidth - window.innerWidth,
+    findings.push(...(await layoutFindings(page)).map((finding) => `${what}: ${finding}`));
+    const { headings, nameless } = await page.evaluate(() => ({
       headings: document.querySelectorAll("h1").length,
       nameless: [...document.querySelectorAll("h1, h2")].filter((h) => h.checkVisibility() && !h.textContent).length,
     }));
-    if (wide > 0) {
-      findings.push(`${what}: ${wide} pixels wider than the window`);
-    }
     if (headings !== 1 || nameless) {
       findings.push(`${what}: ${headings} main headings, ${nameless} without text`);
     }

@@ -40,8 +40,9 @@ export function announce(message) {
   setTimeout(() => { live.textContent = message; }, 50);   // a region that is emptied first is read again
 }
 
+// Where a heading may be broken is of no use in a title, and some windows show it.
 export function setTitle(title) {
-  document.title = text("common:page_title", { title });
+  document.title = text("common:page_title", { title: title.replaceAll("\u00ad", "") });
 }
 
 // Calls `handle` once for a submission: another one while it runs is dropped. A form that has to wait (refusals.js)
