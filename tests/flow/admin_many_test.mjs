@@ -9,7 +9,7 @@ import { setTimeout as sleep } from "node:timers/promises";
 import { rounds, run } from "../support/server.mjs";
 import { fastCgi } from "./client.mjs";
 import { openStage } from "./stage.mjs";
-import { atOverview, enter, message, signIn } from "./steps.mjs";
+import { message, range as rangeOn, signInWithCode } from "./steps.mjs";
 import { enrol } from "./wizard.mjs";
 
 const kMany = rounds(20_000, 1_000_000);
@@ -39,12 +39,8 @@ async function timed(what, work) {
 
 test(`${number(kMany)} accounts are searched, paged, filtered and switched`, async (t) => {
   const page = await visit(t);
-  const range = (text) => page.waitForFunction((wanted) => document.getElementById("range").textContent === wanted, text);
-  await signIn(page, "ada", server.passwords.ada);
-  await page.waitForSelector("#code-form:visible");
-  server.advance(30);
-  await enter(page, "#code", ada.code());
-  await atOverview(page, { on: true });
+  const range = (text) => rangeOn(page, text);
+  await signInWithCode(page, ada);
 
   const all = number(kMany + kOthers);
   await timed("the page", async () => {

@@ -6,7 +6,8 @@ import { kWindows, looker } from "../support/browser.mjs";
 import { run } from "../support/server.mjs";
 import { openStage } from "./stage.mjs";
 import {
-  atOverview, atStep, enrol as enrolOnPage, enter, errorAt, givePassword, json, message, signIn, signOut, tabTo, typeCode,
+  atOverview, atStep, enrol as enrolOnPage, enter, errorAt, givePassword, json, listed, message, openAdmin, range, signIn,
+  signOut, tabTo, typeCode,
 } from "./steps.mjs";
 import { enrol, Wizard } from "./wizard.mjs";
 
@@ -22,23 +23,8 @@ run("tavrctl", ["group", "add", "staff", "--desc", "Whoever works here"]);
 run("tavrctl", ["group", "join", "staff", "member"]);
 const ada = await enrol(server, "ada");
 
-// Ada on her page, whose list has come.
-async function openAdmin(t, options) {
-  const page = await visit(t, options);
-  await signIn(page, "ada", server.passwords.ada);
-  await page.waitForSelector("#code-form:visible");
-  server.advance(30);
-  await enter(page, "#code", ada.code());
-  await atOverview(page, { on: true });
-  await page.click("#to-admin");
-  await listed(page, "ada");
-  return page;
-}
-
-const listed = (page, name) => page.locator("#rows .name", { hasText: name }).first().waitFor();
 const row = (page, name) => page.locator("#rows tr", { hasText: name });
 const shown = (page) => page.locator("#rows .name").allTextContents();
-const range = (page, text) => page.waitForFunction((wanted) => document.getElementById("range").textContent === wanted, text);
 const option = async () => (await ada.client.get("/api/enforce/option")).json.option;
 const picked = async (type) => (await ada.client.get(`/api/enforce/list?type=${type}&filter=enforced&limit=500`)).json
   .rows.map(({ name }) => name);
@@ -67,7 +53,7 @@ async function cleanUp() {
 
 test("a group is picked, and its members alone have to use two-step sign-in from then on", async (t) => {
   t.after(cleanUp);
-  const page = await openAdmin(t);
+  const page = await openAdmin(await visit(t), ada);
   await showGroups(page);
   await page.fill("#query", "works");
   await range(page, "1 to 1 of 1");
@@ -169,7 +155,7 @@ test("nobody who is not signed in sees the page", async (t) => {
 });
 
 test("names and descriptions are shown as what they are", async (t) => {
-  const page = await openAdmin(t);
+  const page = await openAdmin(await visit(t), ada);
   page.on("dialog", () => assert.fail("a name has run"));
   for (const name of kHostile) {
     await page.fill("#query", name);
@@ -190,7 +176,7 @@ test("names and descriptions are shown as what they are", async (t) => {
 });
 
 test("typing asks the server seldom, and an answer that comes late is not shown", async (t) => {
-  const page = await openAdmin(t);
+  const page = await openAdmin(await visit(t), ada);
   await showGroups(page);
   const asked = [];
   page.on("request", (request) => {
@@ -221,7 +207,7 @@ test("typing asks the server seldom, and an answer that comes late is not shown"
 
 test("rows are selected over pages and searches, and switched on and off together", async (t) => {
   t.after(cleanUp);
-  const page = await openAdmin(t);
+  const page = await openAdmin(await visit(t), ada);
   await showGroups(page);
   await range(page, "1 to 50 of 123");
   await row(page, "team-001").locator(".selects").check();
@@ -262,7 +248,7 @@ test("rows are selected over pages and searches, and switched on and off togethe
 
 test("the keyboard is enough", async (t) => {
   t.after(cleanUp);
-  const page = await openAdmin(t);
+  const page = await openAdmin(await visit(t), ada);
   const press = (key) => page.keyboard.press(key);
   await tabTo(page, "[name=option]");
   for (let i = 0; i < 3; i += 1) {
@@ -301,7 +287,7 @@ test("the keyboard is enough", async (t) => {
 
 test("a lost second step is reset with the administrator's own password", async (t) => {
   const lost = await enrol(server, "lost");
-  const page = await openAdmin(t);
+  const page = await openAdmin(await visit(t), ada);
   assert.equal(await row(page, "ada").locator(".resets").count(), 0);
   await page.fill("#query", "lost");
   await range(page, "1 to 1 of 1");
@@ -322,7 +308,7 @@ test("a lost second step is reset with the administrator's own password", async 
 });
 
 test("what cannot be listed or saved is said, and can be tried again", async (t) => {
-  const page = await openAdmin(t);
+  const page = await openAdmin(await visit(t), ada);
   const refuse = (path, status, err) => page.route(`**/api/enforce/${path}`, (route) =>
     route.fulfill(json(status, { success: false, err })));
   await refuse("list*", 503, "policy_unavailable");
@@ -362,7 +348,7 @@ test("what cannot be listed or saved is said, and can be tried again", async (t)
 for (const { width, colorScheme } of kWindows) {
   test(`the page at ${width} pixels, ${colorScheme}`, async (t) => {
     const findings = [];
-    const page = await openAdmin(t, { colorScheme, viewport: { width, height: 800 } });
+    const page = await openAdmin(await visit(t, { colorScheme, viewport: { width, height: 800 } }), ada);
     const look = looker(page, `admin-${width}-${colorScheme}`, findings);
     await look("accounts");
     await showGroups(page);

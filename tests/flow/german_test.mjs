@@ -1,14 +1,13 @@
 // The pages in German, whose words are longer, in a small window: nothing is wider than its place, and no word is broken
 // where it must not be. What else the pages do is shown in the first language.
 import assert from "node:assert/strict";
-import { join } from "node:path";
 import { test } from "node:test";
 
-import { kScreenshots, layoutFindings } from "../support/browser.mjs";
+import { looker } from "../support/browser.mjs";
 import { run } from "../support/server.mjs";
 import { openStage } from "./stage.mjs";
 import {
-  atOverview, atStep, enter, errorAt, givePassword, json, refuse, signIn, signOut, startSetup, typeCode,
+  atOverview, atStep, enter, errorAt, givePassword, json, listed, openAdmin, refuse, signIn, signOut, startSetup, typeCode,
 } from "./steps.mjs";
 import { enrol } from "./wizard.mjs";
 
@@ -17,16 +16,6 @@ const { server, visit } = await openStage({
   anna: [], berta: ["--admin"], "maximiliane-charlotte.von-hohenfels": ["--desc", "Rechtsabteilung"],
 });
 run("tavrctl", ["group", "add", "buchhaltung", "--desc", "Finanzbuchhaltung und Rechnungswesen"]);
-
-function looker(page, name, findings) {
-  let count = 0;
-  return async (what) => {
-    count += 1;
-    await page.screenshot({ fullPage: true, animations: "disabled",
-      path: join(kScreenshots, `${name}-${String(count).padStart(2, "0")}-${what}.png`) });
-    findings.push(...(await layoutFindings(page)).map((finding) => `${what}: ${finding}`));
-  };
-}
 
 test("a person's pages", async (t) => {
   const page = await visit(t, kSmall);
@@ -103,15 +92,9 @@ test("the administrator's page", async (t) => {
   const page = await visit(t, { ...kSmall, colorScheme: "dark" });
   const findings = [];
   const look = looker(page, "german-admin", findings);
-  const listed = (name) => page.locator("#rows .name", { hasText: name }).first().waitFor();
 
-  await signIn(page, "berta", server.passwords.berta);
-  await page.waitForSelector("#code-form:visible");
-  server.advance(30);
-  await enter(page, "#code", berta.code());
-  await atOverview(page, { on: true });
-  await page.click("#to-admin");
-  await listed("anna");
+  await openAdmin(page, berta);
+  await listed(page, "anna");
   await look("accounts");
   await page.check("[name=option][value=custom]");
   await page.click("#save-option");
@@ -123,7 +106,7 @@ test("the administrator's page", async (t) => {
   await page.check("#select-page");
   await look("picked");
   await page.selectOption("#type", "local_group");
-  await listed("buchhaltung");
+  await listed(page, "buchhaltung");
   await look("groups");
   await page.fill("#query", "gibt es nicht");
   await page.locator("#empty", { hasText: "Nirgends kommt" }).waitFor();
@@ -132,7 +115,7 @@ test("the administrator's page", async (t) => {
   await page.waitForSelector("#list-message:visible");
   await look("no-domain");
   await page.selectOption("#type", "local_user");
-  await listed("maximiliane");
+  await listed(page, "maximiliane");
   await page.locator("#rows tr", { hasText: "maximiliane" }).locator(".resets").click();
   await page.keyboard.press("Enter");
   await errorAt(page, "reset-password");

@@ -9,7 +9,9 @@ import { startController, startDirectory } from "../support/directory.mjs";
 import { setNotificationServer, startMailServer, trust } from "../support/mail.mjs";
 import { run } from "../support/server.mjs";
 import { openStage } from "./stage.mjs";
-import { atOverview, atStep, enter, message, shownKey, signIn, signOut, startSetup, typeCode } from "./steps.mjs";
+import {
+  atOverview, atStep, enter, listed, message, openAdmin, range, shownKey, signIn, signOut, startSetup, typeCode,
+} from "./steps.mjs";
 import { enrol } from "./wizard.mjs";
 
 const kFixed = "This address comes from your organisation's directory and cannot be changed here.";
@@ -28,21 +30,6 @@ const ada = await enrol(server, "ada");
 
 const passwordOf = (n) => `pw-${String(n).padStart(4, "0")}`;
 const nameOf = (n) => `user${String(n).padStart(4, "0")}@office.example`;
-const listed = (page, name) => page.locator("#rows .name", { hasText: name }).first().waitFor();
-const range = (page, text) => page.waitForFunction((wanted) => document.getElementById("range").textContent === wanted, text);
-
-async function openAdmin(t, options) {
-  const page = await visit(t, options);
-  await signIn(page, "ada", server.passwords.ada);
-  await page.waitForSelector("#code-form:visible");
-  server.advance(30);
-  await enter(page, "#code", ada.code());
-  await atOverview(page, { on: true });
-  await page.click("#to-admin");
-  await listed(page, "ada");
-  return page;
-}
-
 // Looks at the page in every window, and fails the test at its end when there is something to find fault with.
 function inEveryWindow(t, page, name) {
   const findings = [];
@@ -59,7 +46,7 @@ function inEveryWindow(t, page, name) {
 }
 
 test("an administrator picks a group of the directory", async (t) => {
-  const page = await openAdmin(t);
+  const page = await openAdmin(await visit(t), ada);
   await page.selectOption("#type", "ldap_group");
   await page.fill("#query", "group 002");
   await range(page, "1 to 1 of 1");
@@ -142,7 +129,7 @@ test("who has no address in the directory is told so, and nothing can be mailed"
 });
 
 test("the directory is listed page by page and searched", async (t) => {
-  const page = await openAdmin(t);
+  const page = await openAdmin(await visit(t), ada);
   const look = inEveryWindow(t, page, "ldap-admin");
   await page.selectOption("#type", "ldap_user");
   await page.fill("#query", "user 0");
@@ -170,7 +157,7 @@ test("the directory is listed page by page and searched", async (t) => {
 });
 
 test("while the directory is away its lists say so, and local ones are there", async (t) => {
-  const page = await openAdmin(t);
+  const page = await openAdmin(await visit(t), ada);
   await directory.stop();
   await page.selectOption("#type", "ldap_user");
   await page.waitForSelector("#list-message:visible");
@@ -186,7 +173,7 @@ test("a domain is listed once it is copied, and its people and groups are picked
   const controller = await startController(["--users", "120"]);
   t.after(() => controller.stop());
   controller.setUp();
-  const page = await openAdmin(t);
+  const page = await openAdmin(await visit(t), ada);
   const look = inEveryWindow(t, page, "domain-admin");
   await page.selectOption("#type", "domain_group");
   await page.waitForSelector("#list-message:visible");

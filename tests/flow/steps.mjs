@@ -1,7 +1,6 @@
 // What a person does on the pages, step by step, for the flows.
 import assert from "node:assert/strict";
 
-
 export const kPanels = {
   password: "[data-panel=password]",
   scan: "[data-panel=scan]",
@@ -47,6 +46,28 @@ export async function signOut(page) {
   await page.click("#sign-out");
   await page.waitForSelector("#password-form:visible");
 }
+
+// Somebody enrolled (a wizard of the interface), from the password to the overview, with the next code.
+export async function signInWithCode(page, wizard) {
+  await signIn(page, wizard.user, wizard.password);
+  await page.waitForSelector("#code-form:visible");
+  wizard.server.advance(30);
+  await enter(page, "#code", wizard.code());
+  await atOverview(page, { on: true });
+}
+
+// An administrator on her page, whose list has come: she stands in it.
+export async function openAdmin(page, wizard) {
+  await signInWithCode(page, wizard);
+  await page.click("#to-admin");
+  await listed(page, wizard.user);
+  return page;
+}
+
+export const listed = (page, name) => page.locator("#rows .name", { hasText: name }).first().waitFor();
+
+export const range = (page, text) =>
+  page.waitForFunction((wanted) => document.getElementById("range").textContent === wanted, text);
 
 // From the overview to the QR code. Gives the key as it is shown.
 export async function startSetup(page, password) {
