@@ -25,14 +25,8 @@ import sys
 import threading
 import time
 
-
-def ber(tag, *parts):
-    body = b"".join(parts)
-    size = len(body)
-    if size < 128:
-        return bytes([tag, size]) + body
-    digits = size.to_bytes((size.bit_length() + 7) // 8, "big")
-    return bytes([tag, 0x80 | len(digits)]) + digits + body
+sys.dont_write_bytecode = True
+from ber import ber  # noqa: E402
 
 
 def message(number, operation):

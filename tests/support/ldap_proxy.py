@@ -29,6 +29,9 @@ import sys
 import threading
 import time
 
+sys.dont_write_bytecode = True
+from ber import ber  # noqa: E402
+
 RESULT_OF = {0x60: 0x61, 0x63: 0x65, 0x77: 0x78}
 told = threading.Lock()
 
@@ -36,15 +39,6 @@ told = threading.Lock()
 def tell(text):
     with told:
         print(text, flush=True)
-
-
-def ber(tag, *parts):
-    body = b"".join(parts)
-    size = len(body)
-    if size < 128:
-        return bytes([tag, size]) + body
-    digits = size.to_bytes((size.bit_length() + 7) // 8, "big")
-    return bytes([tag, 0x80 | len(digits)]) + digits + body
 
 
 def result(number, operation, code, *more):
