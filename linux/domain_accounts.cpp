@@ -87,7 +87,7 @@ bool IsCalledSo(const std::string& said, const std::string& name)
     return canonical == name;
 }
 
-bool IsOf(const DomainEntry& entry, const std::string& name)
+bool IsOf(const ClientEntry& entry, const std::string& name)
 {
     if (!IsCalledSo(entry.name, name)) {
         syslog(LOG_WARNING, "%s is called otherwise in the domain, so it is nobody's name here",
@@ -102,7 +102,7 @@ bool IsOf(const DomainEntry& entry, const std::string& name)
 }
 
 // Numbered, and kept for the request.
-const Account* Know(const std::optional<DomainEntry>& entry, const std::string& name)
+const Account* Know(const std::optional<ClientEntry>& entry, const std::string& name)
 {
     if (!entry || !IsOf(*entry, name)) {
         return nullptr;

@@ -391,9 +391,9 @@ std::vector<std::string> GroupsOf(DomainClient client, const std::string& name)
     return sids;
 }
 
-std::optional<DomainEntry> EntryOf(const std::vector<std::string>& texts)
+std::optional<ClientEntry> EntryOf(const std::vector<std::string>& texts)
 {
-    return texts.size() == 3 ? std::optional(DomainEntry{texts[0], texts[1], texts[2]}) : std::nullopt;
+    return texts.size() == 3 ? std::optional(ClientEntry{texts[0], texts[1], texts[2]}) : std::nullopt;
 }
 
 } // namespace
@@ -425,13 +425,13 @@ std::vector<std::string> DomainClientCalls::Question(const char* what, Ask ask) 
     return texts;
 }
 
-std::optional<DomainEntry> DomainClientCalls::FindAccount(const std::string& name) const
+std::optional<ClientEntry> DomainClientCalls::FindAccount(const std::string& name) const
 {
     const std::string asked = ClientName(settings_, name);
     return EntryOf(Question("an account", [&] { return AccountOf(settings_.client, asked); }));
 }
 
-std::optional<DomainEntry> DomainClientCalls::FindGroup(const std::string& name) const
+std::optional<ClientEntry> DomainClientCalls::FindGroup(const std::string& name) const
 {
     const std::string asked = ClientName(settings_, name);
     return EntryOf(Question("a group", [&] { return GroupOf(settings_.client, asked); }));
@@ -443,7 +443,7 @@ std::vector<std::string> DomainClientCalls::GroupSids(const std::string& name) c
     return Question("groups", [&] { return GroupsOf(settings_.client, asked); });
 }
 
-std::optional<DomainEntry> DomainClientCalls::CheckPassword(const std::string& name,
+std::optional<ClientEntry> DomainClientCalls::CheckPassword(const std::string& name,
                                                             std::string_view password) const
 {
     const std::string asked = ClientName(settings_, name);

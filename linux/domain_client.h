@@ -18,7 +18,7 @@ namespace tavr
 {
 
 // As the client spells it.
-struct DomainEntry {
+struct ClientEntry {
     std::string name;
     std::string sid;         // "S-1-5-21-..."; empty: it has none
     std::string description; // of an account
@@ -34,13 +34,13 @@ public:
     }
 
     // Names are canonical ones of a known domain.
-    [[nodiscard]] std::optional<DomainEntry> FindAccount(const std::string& name) const;
-    [[nodiscard]] std::optional<DomainEntry> FindGroup(const std::string& name) const;
+    [[nodiscard]] std::optional<ClientEntry> FindAccount(const std::string& name) const;
+    [[nodiscard]] std::optional<ClientEntry> FindGroup(const std::string& name) const;
     [[nodiscard]] std::vector<std::string> GroupSids(const std::string& name) const;
 
     // The account if the password is right: as FindAccount, then the same for whoever there is or is not.
     // Needs root as the effective or the saved id.
-    [[nodiscard]] std::optional<DomainEntry> CheckPassword(const std::string& name,
+    [[nodiscard]] std::optional<ClientEntry> CheckPassword(const std::string& name,
                                                            std::string_view password) const;
 
 private:
