@@ -45,13 +45,13 @@ def run(*words):
     subprocess.run(words, check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
 
-def make_certificates(path, other_ca):
+def make_certificates(path, other_ca, host="directory.example"):
     for name in ("ca", "other"):
         run("openssl", "req", "-x509", *NEW_KEY, "-days", "2", "-subj", "/CN=%s of a test" % name,
             "-keyout", path(name + ".key"), "-out", path(name + ".pem"))
     issuer = "other" if other_ca else "ca"
     with open(path("extensions"), "w") as file:
-        file.write("subjectAltName=IP:127.0.0.1,DNS:directory.example\n")
+        file.write("subjectAltName=IP:127.0.0.1,DNS:%s\n" % host)
     run("openssl", "req", *NEW_KEY, "-subj", "/CN=directory of a test", "-keyout", path("server.key"),
         "-out", path("server.csr"))
     run("openssl", "x509", "-req", "-in", path("server.csr"), "-CA", path(issuer + ".pem"),
