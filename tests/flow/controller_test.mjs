@@ -82,6 +82,15 @@ test("the directory is copied page by page, encrypted, and only from whom its ce
   }
 });
 
+test("the console finds it in order", () => {
+  assert.match(run("tavrctl", ["directory", "test", kDan]), new RegExp(`^settings: .*
+ldaps://dc1.corp.test: connected, encrypted, lets cn=reader,cn=users,dc=corp,dc=test in
+CORP: 31 accounts, 18 groups below dc=corp,dc=test
+SSSD: answers, and knows CORP.dan
+CORP.dan: number ${numberOf(kDan)}, SID S-1-5-21-[0-9-]+, groups 4
+$`));
+});
+
 test("the administrator's lists have its people and groups", async () => {
   const users = Array.from({ length: 24 }, (_, i) => `CORP\\user${String(i + 1).padStart(2, "0")}`);
   const people = await list({ type: "domain_user", limit: -1 });

@@ -16,6 +16,7 @@ const kOther = "CORP\\user000002"; // in group0002 alone
 const kOtherPassword = "pw-000002";
 const kMail = "dan@home.example";
 const kPreferences = "/usr/tavr/etc/preference";
+const kSettingsFile = "/etc/tavr/tavrinfo.conf";
 const kService = 64217;
 
 const server = await startServer({ accounts: { admin: ["--admin"], dan: [] } });
@@ -135,6 +136,38 @@ test("the console knows the account", () => {
   assert.throws(() => run("tavrctl", ["user", "remove", kDan]), /status 2.*not of a local one/s);
 });
 
+test("the console tries out the domain, step by step", () => {
+  const tryOut = (...words) => run("tavrctl", ["directory", "test", ...words]);
+  assert.match(tryOut("dan@corp.test"), new RegExp(String.raw`^settings: accounts are called CORP\\name or name@corp\.test
+ldap://127\.0\.0\.1:${domain.port}: connected, encrypted, lets cn=reader,dc=test in
+CORP: 23 accounts, 7 groups below dc=corp,dc=test
+SSSD: answers, and knows CORP\\dan
+CORP\\dan: number 2000000000, SID S-1-5-21-1-2-3-1111, groups 2
+$`));
+  const { domain: told } = JSON.parse(run("tavrctl", ["--json", "directory", "test"]));
+  assert.deepEqual(told, { name: "CORP", realm: "corp.test", servers: [`ldap://127.0.0.1:${domain.port}`], accounts: 23,
+    groups: 7, client: "SSSD" });
+
+  assert.throws(() => tryOut("CORP\\nobody"), /status 3.*SSSD does not know CORP\\nobody; see that it serves the domain as CORP/s);
+  assert.throws(() => tryOut("OTHER\\dan"), /status 2.*no name of an account of the domain/s);
+  assert.throws(() => tryOut("carol"), /status 2.*no name of an account of a directory that is set up/s);
+  const settings = readFileSync(kSettingsFile, "utf8");
+  for (const [line, words] of [
+    ['domain_client="other"', /setting domain_client is neither .*; mend the settings domain_\*/],
+    ['domain_uri="ldap://127.0.0.1:1"', /Connection refused; see that the server runs, and host and port in domain_uri/],
+    ['domain_ca_file="/etc/ssl/certs/ca-certificates.crt"', /no encryption with .*; see that domain_ca_file/],
+    ['domain_bind_dn="cn=other,dc=test"', /does not let cn=other.* in: Invalid credentials; see domain_bind_dn/],
+    ['domain_base="dc=elsewhere"', /No such object.*; see domain_base, and what the reading account may read/],
+    ['domain_base="ou=Nobody,dc=corp,dc=test"', /No such object.*; see domain_base/],
+    ['domain_client="winbind"', /winbind was asked for an account: .*; see that its service runs and serves the domain as CORP, and that domain_client/],
+    ['domain_name="THEIRS"', /SSSD .*; see that .* serves the domain as THEIRS/],
+  ]) {
+    writeFileSync(kSettingsFile, `${settings}${line}\n`);
+    assert.throws(() => tryOut("dan@corp.test"), words, line);
+  }
+  writeFileSync(kSettingsFile, settings);
+});
+
 test("while the domain is away its accounts wait, and local ones do not", async () => {
   const before = (await signIn(kOther, kOtherPassword)).client;
   domain.pause();
@@ -152,6 +185,7 @@ test("while the domain is away its accounts wait, and local ones do not", async 
     assert.equal((await signIn(user, password)).answer.status, 503, user);
   }
   assert.equal((await local("admin")).answer.json.state, "signed_in");
+  assert.throws(() => run("tavrctl", ["directory", "test"]), /SSSD was asked for an account: .*; see that its service runs/);
   // Who was signed in stays so; whether the policy demands something of her cannot be told.
   assert.equal((await before.get("/api/session")).status, 200);
   const status = await before.get("/api/otp/status");
