@@ -30,7 +30,7 @@ tavr::CopiedDomain Domain(const Directory& controller)
     ldap.servers = {server};
     ldap.caFile = controller.CaFile();
     ldap.bindName = kController.reader;
-    ldap.bindPassword = kReaderPassword;
+    ldap.bindPassword.text = kReaderPassword;
     ldap.userBase = ldap.groupBase = kBase;
     ldap.userFilter = kUserFilter;
     ldap.groupFilter = kGroupFilter;

@@ -3,6 +3,7 @@
 #include "linux/apart.h"
 #include "linux/directory_error.h"
 #include "linux/ids.h"
+#include "linux/kept_secret.h"
 #include "linux/names.h"
 #include "linux/paths.h"
 
@@ -11,7 +12,6 @@
 #include <nss.h>
 #include <pwd.h>
 #include <security/pam_appl.h>
-#include <sodium.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -447,10 +447,7 @@ std::optional<ClientEntry> DomainClientCalls::CheckPassword(const std::string& n
                                                             std::string_view password) const
 {
     const std::string asked = ClientName(settings_, name);
-    struct Wiped {
-        std::string text;
-        ~Wiped() { sodium_memzero(text.data(), text.size()); }
-    } const phrase{std::string(password)};
+    const KeptSecret phrase{std::string(password)};
     return EntryOf(Question("a password", [&] {
         std::vector<std::string> found = AccountOf(settings_.client, asked);
         return IsPassword(settings_.client, asked, phrase.text) ? found : std::vector<std::string>();

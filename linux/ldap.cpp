@@ -11,7 +11,6 @@
 #include <netinet/tcp.h>
 #include <openldap.h>
 #include <poll.h>
-#include <sodium.h>
 #include <strings.h>
 #include <sys/socket.h>
 #include <syslog.h>
@@ -187,8 +186,8 @@ bool ReadLdapServers(const std::string& prefix, LdapSettings& settings)
     settings.caFile = Setting(prefix + "ca_file", kSystemCertificates);
     settings.bindName = Setting(prefix + "bind_dn", "");
     if (!settings.bindName.empty()) {
-        settings.bindPassword = SecretSetting(prefix + "bind_password").value_or("");
-        if (settings.bindPassword.empty()) {
+        settings.bindPassword = SecretSetting(prefix + "bind_password").value_or(KeptSecret());
+        if (settings.bindPassword.text.empty()) {
             RefuseSetting(prefix + "bind_dn",
                           "is of no use without " + prefix + "bind_password in the secrets");
         }
@@ -502,10 +501,7 @@ LdapConnection::LdapConnection(const LdapSettings& settings, milliseconds wholeT
     throw *first;
 }
 
-LdapConnection::~LdapConnection()
-{
-    sodium_memzero(settings_.bindPassword.data(), settings_.bindPassword.size());
-}
+LdapConnection::~LdapConnection() = default;
 
 void LdapConnection::Open(const LdapServer& server)
 {
@@ -626,7 +622,7 @@ int LdapConnection::Bind(const std::string& dn, std::string_view password, std::
 void LdapConnection::BindAsService()
 {
     std::string said;
-    if (Bind(settings_.bindName, settings_.bindPassword, said) != LDAP_SUCCESS) {
+    if (Bind(settings_.bindName, settings_.bindPassword.text, said) != LDAP_SUCCESS) {
         throw LdapError(LdapStep::Bind, server_->uri + " does not let " +
                                             (settings_.bindName.empty() ? "anybody" : settings_.bindName) +
                                             " in: " + said);

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "linux/directory_error.h"
+#include "linux/kept_secret.h"
 
 #include <array>
 #include <chrono>
@@ -46,7 +47,7 @@ struct LdapSettings {
     bool startTls = true;            // on a server without tls; false sends passwords in the open
     std::string caFile;
     std::string bindName; // empty: anonymous
-    std::string bindPassword;
+    KeptSecret bindPassword;
     std::string userBase, groupBase;
     std::string userFilter, groupFilter;
     std::string idAttribute;

@@ -101,7 +101,7 @@ std::optional<MailServer> NotificationServer()
     server.security = SecuritySetting();
     server.port = static_cast<int>(NumberSetting("mail_port", UsualPort(server.security), 1, kMostPort));
     server.user = Setting("mail_user", "");
-    server.password = SecretSetting("mail_password").value_or("");
+    server.password = SecretSetting("mail_password").value_or(KeptSecret()).text;
     server.caFile = Setting("mail_ca_file", "");
     server.privateAddresses = true;
     return server;

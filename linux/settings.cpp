@@ -283,18 +283,19 @@ bool IsSettingValue(std::string_view text)
     return IsValue(text) && text.find('"') == std::string_view::npos;
 }
 
-std::optional<std::string> SecretSetting(std::string_view key)
+std::optional<KeptSecret> SecretSetting(std::string_view key)
 {
     const Descriptor file(open(kSecretsFile, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (!file && errno == ENOENT) {
         return std::nullopt;
     }
-    std::string text;
-    if (!file || !IsGuarded(file) || !ReadAll(file, kMaxSize, text)) {
+    KeptSecret secrets;
+    if (!file || !IsGuarded(file) || !ReadAll(file, kMaxSize, secrets.text)) {
         syslog(LOG_AUTH | LOG_ERR, "%s cannot be read, or its owner or mode is wrong", kSecretsFile);
         return std::nullopt;
     }
-    return FindKey(text, key);
+    std::optional<std::string> value = FindKey(secrets.text, key);
+    return value ? std::optional(KeptSecret(std::move(*value))) : std::nullopt;
 }
 
 bool WriteSecretSetting(std::string_view key, std::string_view value)

@@ -4,6 +4,8 @@
 // quotes is special. Of several lines with one key the last counts.
 #pragma once
 
+#include "linux/kept_secret.h"
+
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -38,7 +40,7 @@ bool IsSettingValue(std::string_view text);
 // Passwords of services stand apart, in kSecretsFile (root:tavr-web 0440), in lines of the same form. Read
 // anew each time. Empty: no such key, or the file is not root's own and guarded, which is logged. A value may
 // hold double quotes.
-std::optional<std::string> SecretSetting(std::string_view key);
+std::optional<KeptSecret> SecretSetting(std::string_view key);
 bool WriteSecretSetting(std::string_view key, std::string_view value); // as WriteSetting
 
 // The value of `key` in a text of such lines.

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <new>
 
 using namespace tavr;
 using namespace tavr::test;
@@ -33,7 +34,7 @@ LdapSettings SettingsOf(const Directory& directory, const std::string& uri)
     LdapSettings settings = SettingsOf(uri);
     settings.caFile = directory.CaFile();
     settings.bindName = kOffice.reader;
-    settings.bindPassword = kReaderPassword;
+    settings.bindPassword.text = kReaderPassword;
     return settings;
 }
 
@@ -77,6 +78,25 @@ protected:
 };
 
 } // namespace
+
+TEST(KeptSecret, IsOverwrittenWhereACopyOfItEnds)
+{
+    alignas(KeptSecret) unsigned char place[sizeof(KeptSecret)] = {};
+    const auto holdsIt = [&] {
+        return std::string_view(reinterpret_cast<const char*>(place), sizeof place).find("pass") !=
+               std::string_view::npos;
+    };
+    LdapSettings settings;
+    settings.bindPassword = KeptSecret("a pass");
+    auto* copy = new (place) KeptSecret(settings.bindPassword);
+    EXPECT_TRUE(holdsIt());
+    *copy = KeptSecret("-");
+    EXPECT_FALSE(holdsIt()) << "another one has taken its place";
+    *copy = settings.bindPassword;
+    EXPECT_EQ("a pass", copy->text);
+    copy->~KeptSecret();
+    EXPECT_FALSE(holdsIt());
+}
 
 TEST_F(Ldap, IsEncryptedWithAServerWhoseCertificateIsVerified)
 {
@@ -159,7 +179,7 @@ TEST_F(Ldap, TellsWhichStepFailed)
     const Directory directory;
     AsWorker([&] {
         LdapSettings settings = SettingsOf(directory, directory.Uri());
-        settings.bindPassword = "wrong";
+        settings.bindPassword.text = "wrong";
         EXPECT_EQ("bind", Outcome(settings));
         settings = SettingsOf("ldap://127.0.0.1:1");
         EXPECT_EQ("connect", Outcome(settings));

@@ -372,8 +372,8 @@ TEST_F(Mails, SecretsAreRootsAndTheServicesAlone)
         EXPECT_TRUE(WriteSecretSetting("mail_password", "one"));
         EXPECT_TRUE(WriteSecretSetting("other", "two"));
         EXPECT_TRUE(WriteSecretSetting("mail_password", "three"));
-        EXPECT_EQ("three", SecretSetting("mail_password"));
-        EXPECT_EQ("two", SecretSetting("other"));
+        EXPECT_EQ("three", SecretSetting("mail_password")->text);
+        EXPECT_EQ("two", SecretSetting("other")->text);
         EXPECT_FALSE(WriteSecretSetting("mail_password", "a\nb"));
         EXPECT_FALSE(WriteSecretSetting("Mail", "a"));
     });
