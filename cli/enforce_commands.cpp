@@ -2,6 +2,7 @@
 // of linux/policy_file.h.
 #include "cli/commands.h"
 #include "cli/console.h"
+#include "linux/error.h"
 #include "linux/names.h"
 #include "linux/paths.h"
 #include "linux/picks.h"
@@ -334,6 +335,22 @@ void RemovePicks(const EnforceChoice& choice)
     Save(choice, false);
 }
 
+[[noreturn]] void FailUnlistable(const PickType& type)
+{
+    if (KLIBCErrGet() == static_cast<int>(Error::DomainNotCopied)) {
+        throw Failure(Exit::Failed, "domain_not_copied",
+                      "there is no copy of the domain to be listed; make it with tavrctl domain sync");
+    }
+    if (KLIBCErrGet() == static_cast<int>(Error::DirectoryNotConfigured)) {
+        throw Failure(Exit::Failed, "directory_not_configured",
+                      type.kind == kKindDomain
+                          ? "no domain is set up; see the settings domain_* in /etc/tavrinfo.conf"
+                          : "no LDAP directory is set up; see the settings ldap_* in /etc/tavrinfo.conf");
+    }
+    throw Failure(Exit::Failed, "list_failed",
+                  "the accounts or groups cannot be listed; the system log says why");
+}
+
 void ListPolicy(const EnforceList& asked)
 {
     const PickType& type = TypeOf(asked.type);
@@ -346,8 +363,7 @@ void ListPolicy(const EnforceList& asked)
         }
         if (OTPEnforceCustomSettingList(asked.offset, asked.limit, type.name, asked.query, asked.domain,
                                         asked.filter, total, rows) != 0) {
-            throw Failure(Exit::Failed, "list_failed",
-                          "the accounts or groups cannot be listed; the system log says why");
+            FailUnlistable(type);
         }
     }
     for (const Json::Value& row : rows) {

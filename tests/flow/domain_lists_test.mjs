@@ -35,6 +35,7 @@ function assertRefused(answer, status, err, what) {
 test("without a domain there is nothing to list, and without a copy it is said", async () => {
   for (const type of kTypes) {
     assertRefused(await ask({ type }), 409, "directory_not_configured", type);
+    assert.throws(() => run("tavrctl", ["enforce", "list", type]), /no domain is set up; see the settings domain_\*/);
   }
   controller.setUp();
   for (const filter of ["all", "enforced", "unenforced"]) {
@@ -44,6 +45,7 @@ test("without a domain there is nothing to list, and without a copy it is said",
     // Who has signed in here would be known: nobody has.
     assert.deepEqual(await list({ type: "domain_user", filter }), { success: true, total: 0, rows: [] }, filter);
   }
+  assert.throws(() => run("tavrctl", ["enforce", "list", "domain_group"]), /no copy .* make it with tavrctl domain sync/);
   assert.equal((await list({ type: "local_user" })).total, 2);
 });
 
