@@ -1,5 +1,6 @@
 // How much do the administrator's lists cost beyond the database's own reading of the same rows, and does
 // anything grow with the number of accounts that should not?
+#include "bench/local_accounts.h"
 #include "bench/measure.h"
 #include "bench/service.h"
 #include "linux/database.h"
@@ -22,25 +23,6 @@ constexpr char kHoldSql[] = "SELECT count(*) FROM account WHERE instr(folded, 'u
 constexpr char kFoundSql[] =
     "SELECT name, uid, description FROM account WHERE uid IN "
     "(SELECT uid FROM account_gram WHERE gram >= 'r0000042' AND gram < 'r0000043') ORDER BY name";
-
-void Execute(const std::string& sql)
-{
-    sqlite3* db = tavr::AccountsDatabase().Handle();
-    bench::Demand(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK, sqlite3_errmsg(db));
-}
-
-// Adds accounts until there are `count`: user0000000 and so on, in an order that is not the names'.
-void Grow(int from, int count)
-{
-    Execute("PRAGMA cache_size = -1500000; PRAGMA synchronous = OFF");
-    Execute("WITH RECURSIVE n (i) AS (SELECT " + std::to_string(from) +
-            " UNION ALL SELECT i + 1 FROM n WHERE i < " + std::to_string(count - 1) +
-            "), a (name, text) AS (SELECT printf('user%07d', (i * 7919) % 10000000), printf('Person number "
-            "%d', i) "
-            "FROM n) INSERT INTO account (name, gid, description, password, folded) "
-            "SELECT name, 65537, text, '*', search_text(name, text) FROM a");
-    Execute("PRAGMA wal_checkpoint(TRUNCATE); PRAGMA cache_size = -2000; PRAGMA synchronous = FULL");
-}
 
 // Asks the database as any program would: prepares, steps, looks at every column. The number of rows.
 int Rows(const char* sql)
@@ -118,7 +100,7 @@ int main(int argc, char** argv)
     };
     int before = 0;
     for (const int count : bench::kCounts) {
-        Grow(before, count);
+        bench::Grow(before, count);
         before = count;
         const auto list = [&] { bench::Demand(List("", "all") == count, "total"); };
         met &= bench::Row(("page of 50, all, and total, " + std::to_string(count)).c_str(),

@@ -121,6 +121,13 @@ INSERT INTO sqlite_sequence (name, seq) VALUES
     ('directory_account', 1999999999), ('directory_group', 1999999999);
 )";
 
+// The sixth: when accounts of directories have changed their names, which the copy of a domain's directory
+// goes by (domain_copy.cpp).
+constexpr char kRenamed[] = R"(
+ALTER TABLE directory_account ADD COLUMN renamed INTEGER NOT NULL DEFAULT 0;  -- counts; 0: never
+CREATE INDEX directory_account_renamed ON directory_account (renamed) WHERE renamed > 0;
+)";
+
 std::string SearchedTable(const char* table, const char* number, const char* grams)
 {
     std::string sql = kSearchedTable;
@@ -324,7 +331,7 @@ void AddSearchText(sqlite3* db)
 
 } // namespace
 
-Database& AccountsDatabase()
+Database OpenAccounts()
 {
     static const std::string lists = kListTables + SearchedTable("account", "uid", "account_gram") +
                                      SearchedTable("account_group", "gid", "group_gram");
@@ -332,9 +339,15 @@ Database& AccountsDatabase()
         std::vector<const char*> all(std::begin(kMigrations), std::end(kMigrations));
         all.push_back(lists.c_str());
         all.push_back(kDirectoryTables);
+        all.push_back(kRenamed);
         return all;
     }();
-    static Database database(kAccountsDatabase, migrations, AddSearchText);
+    return {kAccountsDatabase, migrations, AddSearchText};
+}
+
+Database& AccountsDatabase()
+{
+    static Database database = OpenAccounts();
     return database;
 }
 

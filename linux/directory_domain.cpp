@@ -121,10 +121,9 @@ int TAVRWinsDomainCoreFullDbEnum(TAVRWinsDomainEnumOpt* option, TAVRWinsDomainRo
         const auto total = list(part, option->text, option->page, [&](const tavr::ListEntry& entry) {
             char nameField[] = "Name";
             char descriptionField[] = "Description";
-            std::string name = entry.name;
-            std::string description = entry.description;
             char* fields[] = {nameField, descriptionField};
-            char* values[] = {name.data(), description.data()};
+            // For reading only, as all that is called back with.
+            char* values[] = {const_cast<char*>(entry.name), const_cast<char*>(entry.description)};
             row(2, values, fields, userData);
         });
         return total ? static_cast<int>(*total) : Fail(Error::NotFound);

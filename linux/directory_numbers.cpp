@@ -1,13 +1,15 @@
 #include "linux/directory_numbers.h"
 
 #include "linux/accounts.h"
-#include "linux/database.h"
 
 namespace tavr
 {
 
 namespace
 {
+
+#define RENAMED "(SELECT coalesce(max(renamed), 0) FROM directory_account WHERE renamed > 0)"
+#define NEXT_RENAMED RENAMED " + 1"
 
 struct Row {
     uint32_t uid = 0;
@@ -51,7 +53,10 @@ void Rename(Database& db, const Row& row, const std::string& name)
     if (!row.name.empty() && !MovePreferences(row.name, name)) {
         throw DatabaseError(0, "a preference directory cannot be moved");
     }
-    db.Prepare("UPDATE directory_account SET name = ? WHERE uid = ?").Bind(1, name).Bind(2, row.uid).Run();
+    db.Prepare("UPDATE directory_account SET name = ?1, renamed = " NEXT_RENAMED " WHERE uid = ?2")
+        .Bind(1, name)
+        .Bind(2, row.uid)
+        .Run();
 }
 
 // Empty: the name is another one's. In a transaction.
@@ -80,13 +85,13 @@ std::optional<uint32_t> NumberOfGroup(Database& db, int kind, const std::string&
 
 } // namespace
 
-std::vector<std::optional<uint32_t>> NumbersOfAccounts(int kind, std::span<const DirectoryEntry> entries)
+std::vector<std::optional<uint32_t>> NumbersOfAccounts(int kind, std::span<const DirectoryEntry> entries,
+                                                       Database& store)
 {
-    Database& db = AccountsDatabase();
     std::vector<std::optional<uint32_t>> numbers;
     bool complete = true;
     for (const DirectoryEntry& entry : entries) {
-        const std::optional<Row> row = RowOf(db, kind, entry.id);
+        const std::optional<Row> row = RowOf(store, kind, entry.id);
         const bool known = row && row->name == entry.name;
         numbers.push_back(known ? std::optional(row->uid) : std::nullopt);
         complete = complete && known;
@@ -94,9 +99,9 @@ std::vector<std::optional<uint32_t>> NumbersOfAccounts(int kind, std::span<const
     if (complete) {
         return numbers; // as nearly always: nothing is written
     }
-    Transaction transaction(db);
+    Transaction transaction(store);
     for (size_t i = 0; i < entries.size(); ++i) {
-        numbers[i] = Number(db, kind, entries[i]);
+        numbers[i] = Number(store, kind, entries[i]);
     }
     transaction.Commit();
     return numbers;
@@ -109,7 +114,8 @@ uint32_t NumberOfAccount(int kind, const DirectoryEntry& entry)
         return row->uid;
     }
     Transaction transaction(db);
-    db.Prepare("UPDATE directory_account SET name = NULL WHERE name = ?1 AND NOT (kind = ?2 AND id = ?3)")
+    db.Prepare("UPDATE directory_account SET name = NULL, renamed = " NEXT_RENAMED
+               " WHERE name = ?1 AND NOT (kind = ?2 AND id = ?3)")
         .Bind(1, entry.name)
         .Bind(2, kind)
         .Bind(3, entry.id)
@@ -119,23 +125,22 @@ uint32_t NumberOfAccount(int kind, const DirectoryEntry& entry)
     return *number; // nobody else has the name any more
 }
 
-std::vector<uint32_t> NumbersOfGroups(int kind, std::span<const std::string> ids)
+std::vector<uint32_t> NumbersOfGroups(int kind, std::span<const std::string> ids, Database& store)
 {
-    Database& db = AccountsDatabase();
     std::vector<uint32_t> numbers;
     std::optional<Transaction> transaction; // once one has to be given
     for (const std::string& id : ids) {
-        std::optional<uint32_t> number = NumberOfGroup(db, kind, id);
+        std::optional<uint32_t> number = NumberOfGroup(store, kind, id);
         if (!number && !transaction) {
-            transaction.emplace(db);
-            number = NumberOfGroup(db, kind, id);
+            transaction.emplace(store);
+            number = NumberOfGroup(store, kind, id);
         }
         if (!number) {
-            db.Prepare("INSERT INTO directory_group (kind, id) VALUES (?, ?)")
+            store.Prepare("INSERT INTO directory_group (kind, id) VALUES (?, ?)")
                 .Bind(1, kind)
                 .Bind(2, id)
                 .Run();
-            number = static_cast<uint32_t>(db.LastInsertId());
+            number = static_cast<uint32_t>(store.LastInsertId());
         }
         numbers.push_back(*number);
     }
@@ -143,6 +148,25 @@ std::vector<uint32_t> NumbersOfGroups(int kind, std::span<const std::string> ids
         transaction->Commit();
     }
     return numbers;
+}
+
+int64_t RenamedUntilNow(Database& store)
+{
+    Statement find = store.Prepare("SELECT " RENAMED);
+    return find.Step() ? find.Int(0) : 0;
+}
+
+void ForEachRenamedSince(int64_t count, int kind,
+                         const std::function<void(uint32_t uid, const std::string& id)>& each,
+                         Database& store)
+{
+    Statement find =
+        store.Prepare("SELECT uid, id FROM directory_account INDEXED BY directory_account_renamed"
+                      " WHERE renamed > 0 AND renamed > ? AND kind = ?");
+    find.Bind(1, count).Bind(2, kind);
+    while (find.Step()) {
+        each(static_cast<uint32_t>(find.Int(0)), find.Text(1));
+    }
 }
 
 } // namespace tavr

@@ -3,6 +3,7 @@
 #include "linux/accounts.h"
 #include "linux/clock.h"
 #include "linux/database.h"
+#include "linux/directory_numbers.h"
 #include "linux/domain_entries.h"
 #include "linux/domain_settings.h"
 #include "linux/file_lock.h"
@@ -26,20 +27,27 @@ namespace
 {
 
 constexpr std::chrono::minutes kWholeTime{30}; // for one directory
-constexpr size_t kBatch = 500;
+constexpr size_t kBatch = 2000;                // entries that get numbers in one transaction
 constexpr char kBuiltIn[] = "S-1-5-32-";
 
-// Both tables of entries are alike. `seal` tells whether an entry is what it was.
+// Both tables of entries are alike. `seal` tells whether an entry is what it was; `number` is null where the
+// name is another one's.
 #define ENTRY_TABLE(TABLE)                                                                                   \
     "CREATE TABLE " TABLE " ("                                                                               \
     "    at INTEGER PRIMARY KEY, domain INTEGER NOT NULL REFERENCES domain (at), id TEXT NOT NULL,"          \
     "    name TEXT NOT NULL, description TEXT NOT NULL, unit TEXT NOT NULL,"                                 \
-    "    folded TEXT NOT NULL, seal BLOB NOT NULL, UNIQUE (domain, id)) STRICT;"                             \
-    "CREATE INDEX " TABLE "_listed ON " TABLE " (name, description);" /* all that a page shows */            \
-    "CREATE INDEX " TABLE "_of_domain ON " TABLE " (domain, name, description);"                             \
-    "CREATE INDEX " TABLE "_of_unit ON " TABLE " (unit, name, description);"                                 \
+    "    folded TEXT NOT NULL, seal BLOB NOT NULL, number INTEGER, UNIQUE (domain, id)) STRICT;"             \
     "CREATE TABLE " TABLE "_gram (gram TEXT NOT NULL, at INTEGER NOT NULL, PRIMARY KEY (gram, at))"          \
-    "    STRICT, WITHOUT ROWID;"
+    "    STRICT, WITHOUT ROWID;"                                                                             \
+    "CREATE INDEX " TABLE "_unnumbered ON " TABLE " (domain) WHERE number IS NULL;" PAGE_INDEXES(TABLE)
+
+// Each has all that a page shows.
+#define PAGE_INDEXES(TABLE)                                                                                  \
+    "CREATE INDEX " TABLE "_listed ON " TABLE " (name, description, number);"                                \
+    "CREATE INDEX " TABLE "_of_domain ON " TABLE " (domain, name, description, number);"                     \
+    "CREATE INDEX " TABLE "_of_unit ON " TABLE " (unit, name, description, number);"
+#define DROP_PAGE_INDEXES(TABLE)                                                                             \
+    "DROP INDEX " TABLE "_listed; DROP INDEX " TABLE "_of_domain; DROP INDEX " TABLE "_of_unit;"
 
 constexpr const char* kMigrations[] = {
     R"(
@@ -56,6 +64,15 @@ CREATE TABLE domain (
 CREATE TABLE text_position (at INTEGER PRIMARY KEY) STRICT;
 WITH RECURSIVE every (at) AS (SELECT 1 UNION ALL SELECT at + 1 FROM every WHERE at < 4096)
     INSERT INTO text_position SELECT at FROM every;
+)",
+    // A copy without numbers is made anew.
+    R"(
+DROP TABLE IF EXISTS account;
+DROP TABLE IF EXISTS account_gram;
+DROP TABLE IF EXISTS account_group;
+DROP TABLE IF EXISTS account_group_gram;
+UPDATE domain SET made = NULL, accounts = 0, groups = 0, left_out = 0, tried = 0;
+ALTER TABLE domain ADD COLUMN renamed INTEGER NOT NULL DEFAULT 0; -- RenamedUntilNow, when it was made
 )" ENTRY_TABLE("account") ENTRY_TABLE("account_group")};
 
 // --- What is written ---------------------------------------------------------------------------------------
@@ -86,6 +103,9 @@ struct EntryStatements {
     const char* markTwins; // entries with one name between them
     const char* addGrams;
     const char* count;
+    const char* forgetNumber;
+    const char* unnumbered;
+    const char* setNumber;
 };
 
 // The grams go in and out in their own order: at random places, one takes ten times as long.
@@ -116,7 +136,11 @@ struct EntryStatements {
         "INSERT OR IGNORE INTO " TABLE "_gram SELECT substr(t.folded, p.at, 8) AS gram, t.at"                \
             " FROM temp." TABLE "_staged AS s JOIN " TABLE " AS t ON t.domain = ?1 AND t.id = s.id"          \
             " JOIN text_position AS p ON p.at <= length(t.folded) ORDER BY gram, t.at",                      \
-        "SELECT count(*) FROM " TABLE " WHERE domain = ?1"                                                   \
+        "SELECT count(*) FROM " TABLE " WHERE domain = ?1",                                                  \
+        "UPDATE " TABLE " SET number = NULL WHERE domain = ?1 AND id = ?2",                                  \
+        "SELECT at, id, name FROM " TABLE " INDEXED BY " TABLE "_unnumbered"                                 \
+            " WHERE domain = ?1 AND number IS NULL AND at > ?2 ORDER BY at LIMIT ?3",                        \
+        "UPDATE " TABLE " SET number = ?2 WHERE at = ?1"                                                     \
     }
 // clang-format on
 
@@ -171,6 +195,54 @@ int64_t PutInPlace(Database& db, const EntryStatements& entries, int64_t domain)
     RemoveRows(db, entries);
     Run(db, entries.addGrams, domain);
     return twins;
+}
+
+// Numbers what has none by give(entries), which tells them in their order.
+template<class Give>
+void NumberRows(Database& db, const EntryStatements& entries, int64_t domain, Give give)
+{
+    std::vector<int64_t> rows{0};
+    do {
+        const int64_t behind = rows.back();
+        rows.clear();
+        std::vector<DirectoryEntry> batch;
+        {
+            Statement find = db.Prepare(entries.unnumbered);
+            find.Bind(1, domain).Bind(2, behind).Bind(3, kBatch);
+            while (find.Step()) {
+                rows.push_back(find.Int(0));
+                batch.push_back({find.Text(1), find.Text(2)});
+            }
+        }
+        const std::vector<std::optional<uint32_t>> numbers = give(batch);
+        for (size_t i = 0; i < rows.size(); ++i) {
+            if (numbers[i]) {
+                db.Prepare(entries.setNumber).Bind(1, rows[i]).Bind(2, *numbers[i]).Run();
+            }
+        }
+    } while (rows.size() == kBatch);
+}
+
+// In a transaction. Who has been called otherwise since the former copy is numbered anew too.
+void NumberEntries(Database& db, Database& store, int64_t domain)
+{
+    ForEachRenamedSince(
+        Number(db, "SELECT renamed FROM domain WHERE at = ?", domain), kKindDomain,
+        [&](uint32_t /*uid*/, const std::string& id) {
+            db.Prepare(kAccountEntries.forgetNumber).Bind(1, domain).Bind(2, id).Run();
+        },
+        store);
+    NumberRows(db, kAccountEntries, domain, [&](std::span<const DirectoryEntry> batch) {
+        return NumbersOfAccounts(kKindDomain, batch, store);
+    });
+    NumberRows(db, kGroupEntries, domain, [&](std::span<const DirectoryEntry> batch) {
+        std::vector<std::string> ids;
+        for (const DirectoryEntry& entry : batch) {
+            ids.push_back(entry.id);
+        }
+        const std::vector<uint32_t> numbers = NumbersOfGroups(kKindDomain, ids, store);
+        return std::vector<std::optional<uint32_t>>(numbers.begin(), numbers.end());
+    });
 }
 
 // --- What an entry says ------------------------------------------------------------------------------------
@@ -404,23 +476,39 @@ void ShowProgress(const Descriptor& lock, int64_t count)
     }
 }
 
+// As it was when the reading began.
+struct Beginning {
+    int64_t time = 0;    // WallSeconds
+    int64_t renamed = 0; // RenamedUntilNow
+};
+
 // All that readers see of a refresh.
-CopyCounts Publish(Database& db, int64_t row, int64_t made, const Reading& accounts, const Reading& groups)
+CopyCounts Publish(Database& db, Database& store, int64_t row, const Beginning& beginning,
+                   const Reading& accounts, const Reading& groups)
 {
     Transaction transaction(db);
+    const bool isFirst = !db.Prepare("SELECT 1 FROM account UNION ALL SELECT 1 FROM account_group").Step();
+    if (isFirst) {
+        Execute(db, DROP_PAGE_INDEXES("account") DROP_PAGE_INDEXES("account_group"));
+    }
     CopyCounts counts;
     counts.leftOut = accounts.LeftOut() + groups.LeftOut();
     counts.leftOut += PutInPlace(db, kAccountEntries, row);
     counts.leftOut += PutInPlace(db, kGroupEntries, row);
+    NumberEntries(db, store, row);
+    if (isFirst) { // an index takes less when it is made of all its rows
+        Execute(db, PAGE_INDEXES("account") PAGE_INDEXES("account_group"));
+    }
     counts.accounts = Number(db, kAccountEntries.count, row);
     counts.groups = Number(db, kGroupEntries.count, row);
     db.Prepare("UPDATE domain SET made = ?2, tried = ?2, failure = '', accounts = ?3, groups = ?4,"
-               " left_out = ?5 WHERE at = ?1")
+               " left_out = ?5, renamed = ?6 WHERE at = ?1")
         .Bind(1, row)
-        .Bind(2, made)
+        .Bind(2, beginning.time)
         .Bind(3, counts.accounts)
         .Bind(4, counts.groups)
         .Bind(5, counts.leftOut)
+        .Bind(6, beginning.renamed)
         .Run();
     transaction.Commit();
     return counts;
@@ -443,7 +531,8 @@ void ReadList(LdapConnection& connection, Reading& reading, LdapSearch search, i
 CopyCounts Read(Database& db, int64_t row, const CopiedDomain& domain,
                 const std::function<void(int64_t)>& pageDone)
 {
-    const int64_t made = WallSeconds();
+    Database store = OpenAccounts(); // this may be a thread
+    const Beginning beginning{WallSeconds(), RenamedUntilNow(store)};
     const LdapSettings& settings = domain.ldap;
     const std::vector<std::string> ofAccount = {settings.idAttribute, settings.userName,
                                                 settings.userDescription};
@@ -459,7 +548,7 @@ CopyCounts Read(Database& db, int64_t row, const CopiedDomain& domain,
     if (accounts.Count() == accounts.LeftOut()) { // rather something that may not be read than nobody
         throw LdapError(LdapStep::Search, "there are no accounts below " + settings.userBase);
     }
-    return Publish(db, row, made, accounts, groups);
+    return Publish(db, store, row, beginning, accounts, groups);
 }
 
 void NoteFailure(Database& db, int64_t row, const char* failure)
@@ -596,11 +685,12 @@ struct Scopes {
 // A plus keeps SQLite from going through a whole domain where a few rows are known by their grams.
 #define SCOPES(TABLE, COUNT)                                                                                 \
     {                                                                                                        \
-        SEARCHED_TABLE(TABLE, "at", "at", TABLE "_gram", "SELECT sum(" COUNT ") FROM domain", "TRUE",        \
+        SEARCHED_TABLE(TABLE, "at", "number", TABLE "_gram", "SELECT sum(" COUNT ") FROM domain", "TRUE",    \
                        "TRUE", SOUGHT),                                                                      \
-            SEARCHED_TABLE(TABLE, "at", "at", TABLE "_gram", "SELECT " COUNT " FROM domain WHERE name = ?6", \
-                           OF_DOMAIN, "+" OF_DOMAIN, SOUGHT),                                                \
-            SEARCHED_TABLE(TABLE, "at", "at", TABLE "_gram",                                                 \
+            SEARCHED_TABLE(TABLE, "at", "number", TABLE "_gram",                                             \
+                           "SELECT " COUNT " FROM domain WHERE name = ?6", OF_DOMAIN, "+" OF_DOMAIN,         \
+                           SOUGHT),                                                                          \
+            SEARCHED_TABLE(TABLE, "at", "number", TABLE "_gram",                                             \
                            "SELECT count(*) FROM " TABLE " WHERE " IN_UNIT, IN_UNIT,                         \
                            "+unit >= ?6 AND +unit < ?7", SOUGHT)                                             \
     }
@@ -630,8 +720,8 @@ void BindPart(Statement& find, const CopyPart& part)
     }
 }
 
-std::optional<int64_t> ListCopied(const Scopes& scopes, const char* idOfRow, const CopyPart& part,
-                                  std::string_view text, const ListPage& page, const EachBatch& each)
+std::optional<int64_t> ListCopied(const Scopes& scopes, const CopyPart& part, std::string_view text,
+                                  const ListPage& page, const EachEntry& each)
 {
     Database& db = DomainDatabase();
     if (!HasCopy(db, part.domain)) {
@@ -640,38 +730,58 @@ std::optional<int64_t> ListCopied(const Scopes& scopes, const char* idOfRow, con
     const SearchedTable& table = !part.unit.empty()     ? scopes.unit
                                  : !part.domain.empty() ? scopes.domain
                                                         : scopes.everything;
-    std::vector<CopiedEntry> batch;
-    const auto take = [&](const ListEntry& entry) {
-        Statement find = db.Prepare(idOfRow);
-        find.Bind(1, entry.number);
-        if (find.Step()) {
-            batch.push_back({find.Text(0), entry.name, entry.description});
-        }
-        if (batch.size() == kBatch) {
-            each(batch);
-            batch.clear();
-        }
-    };
-    const int64_t total =
-        ListSearched(db, table, text, page, take, [&](Statement& find) { BindPart(find, part); });
-    if (!batch.empty()) {
-        each(batch);
+    return ListSearched(db, table, text, page, each, [&](Statement& find) { BindPart(find, part); });
+}
+
+// Accounts that have been called otherwise since the copy was made, in order.
+std::vector<uint32_t> RenamedSinceCopy(Database& db)
+{
+    Statement find = db.Prepare("SELECT min(renamed) FROM domain WHERE made IS NOT NULL");
+    std::vector<uint32_t> renamed;
+    if (find.Step()) {
+        ForEachRenamedSince(find.Int(0), kKindDomain,
+                            [&](uint32_t uid, const std::string& /*id*/) { renamed.push_back(uid); });
     }
-    return total;
+    std::sort(renamed.begin(), renamed.end());
+    return renamed;
+}
+
+// As the store has it by now. 0: the name is another one's.
+uint32_t NumberByNow(Database& db, const ListEntry& entry)
+{
+    if (entry.number != 0) {
+        const std::optional<Account> account = FindAccount(entry.number);
+        return account && account->name == entry.name ? entry.number : 0;
+    }
+    Statement find = db.Prepare("SELECT id FROM account WHERE name = ?");
+    find.Bind(1, entry.name);
+    if (!find.Step()) {
+        return 0;
+    }
+    const DirectoryEntry known[] = {{find.Text(0), entry.name}};
+    return NumbersOfAccounts(kKindDomain, known)[0].value_or(0);
 }
 
 } // namespace
 
 std::optional<int64_t> ListCopiedAccounts(const CopyPart& part, std::string_view text, const ListPage& page,
-                                          const EachBatch& each)
+                                          const EachEntry& each)
 {
-    return ListCopied(kAccountScopes, "SELECT id FROM account WHERE at = ?", part, text, page, each);
+    Database& db = DomainDatabase();
+    const std::vector<uint32_t> renamed = RenamedSinceCopy(db);
+    return ListCopied(kAccountScopes, part, text, page, [&](const ListEntry& found) {
+        if (found.number != 0 && !std::binary_search(renamed.begin(), renamed.end(), found.number)) {
+            each(found);
+        } else {
+            each({found.name, NumberByNow(db, found), found.description});
+        }
+    });
 }
 
 std::optional<int64_t> ListCopiedGroups(const CopyPart& part, std::string_view text, const ListPage& page,
-                                        const EachBatch& each)
+                                        const EachEntry& each)
 {
-    return ListCopied(kGroupScopes, "SELECT id FROM account_group WHERE at = ?", part, text, page, each);
+    return ListCopied(kGroupScopes, part, text, page, each);
 }
 
 // --- Settings ----------------------------------------------------------------------------------------------

@@ -92,19 +92,12 @@ struct CopyPart {
     bool byDescription = true;
 };
 
-struct CopiedEntry {
-    std::string id;   // SID
-    std::string name; // canonical
-    std::string description;
-};
-
-// As ListAccounts and ListGroups, but called for some entries at a time; empty when there is no copy of the
-// domain.
-using EachBatch = std::function<void(std::span<const CopiedEntry>)>;
+// As ListAccounts and ListGroups; empty when there is no copy of the domain. Numbers are given when the copy
+// is refreshed. 0: the account's name is another one's by now, and somebody has to ask whose.
 std::optional<int64_t> ListCopiedAccounts(const CopyPart& part, std::string_view text, const ListPage& page,
-                                          const EachBatch& each);
+                                          const EachEntry& each);
 std::optional<int64_t> ListCopiedGroups(const CopyPart& part, std::string_view text, const ListPage& page,
-                                        const EachBatch& each);
+                                        const EachEntry& each);
 
 // The unit that a text means: names of units from the outermost on, with slashes between them
 // ("Berlin/Sales"), or a DN. Each name ends in a slash, in search form. Empty: it means none.

@@ -1,7 +1,6 @@
 #include "linux/domain_lists.h"
 
 #include "linux/accounts.h"
-#include "linux/directory_numbers.h"
 #include "linux/domain_settings.h"
 #include "linux/names.h"
 
@@ -48,48 +47,26 @@ std::optional<CopyPart> Spelled(CopyPart part)
     return part;
 }
 
+std::optional<int64_t> ListCopied(DomainList list, const ListEntry*& place, const CopyPart& part,
+                                  std::string_view text, const ListPage& page, const EachEntry& each)
+{
+    const std::optional<CopyPart> spelled = Spelled(part);
+    return spelled ? list(*spelled, text, page, [&](const ListEntry& entry) { Show(entry, place, each); })
+                   : 0;
+}
+
 } // namespace
 
 std::optional<int64_t> ListDomainAccounts(const CopyPart& part, std::string_view text, const ListPage& page,
                                           const EachEntry& each)
 {
-    const std::optional<CopyPart> spelled = Spelled(part);
-    if (!spelled) {
-        return 0;
-    }
-    return ListCopiedAccounts(*spelled, text, page, [&](std::span<const CopiedEntry> batch) {
-        std::vector<DirectoryEntry> entries;
-        entries.reserve(batch.size());
-        for (const CopiedEntry& entry : batch) {
-            entries.push_back({entry.id, entry.name});
-        }
-        const auto numbers = NumbersOfAccounts(kKindDomain, entries);
-        for (size_t i = 0; i < batch.size(); ++i) {
-            // Without a number, the name is another one's by now: somebody has to ask whose.
-            Show({batch[i].name.c_str(), numbers[i].value_or(0), batch[i].description.c_str()},
-                 g_listedAccount, each);
-        }
-    });
+    return ListCopied(ListCopiedAccounts, g_listedAccount, part, text, page, each);
 }
 
 std::optional<int64_t> ListDomainGroups(const CopyPart& part, std::string_view text, const ListPage& page,
                                         const EachEntry& each)
 {
-    const std::optional<CopyPart> spelled = Spelled(part);
-    if (!spelled) {
-        return 0;
-    }
-    return ListCopiedGroups(*spelled, text, page, [&](std::span<const CopiedEntry> batch) {
-        std::vector<std::string> ids;
-        ids.reserve(batch.size());
-        for (const CopiedEntry& entry : batch) {
-            ids.push_back(entry.id);
-        }
-        const std::vector<uint32_t> numbers = NumbersOfGroups(kKindDomain, ids);
-        for (size_t i = 0; i < batch.size(); ++i) {
-            Show({batch[i].name.c_str(), numbers[i], batch[i].description.c_str()}, g_listedGroup, each);
-        }
-    });
+    return ListCopied(ListCopiedGroups, g_listedGroup, part, text, page, each);
 }
 
 uint32_t NumberOfListedAccount(std::string_view name)

@@ -2,6 +2,8 @@
 // and searched.
 #include "linux/domain_copy.h"
 
+#include "linux/accounts.h"
+#include "linux/directory_numbers.h"
 #include "linux/domain_entries.h"
 #include "linux/ids.h"
 #include "linux/names.h"
@@ -40,28 +42,33 @@ void PrintTo(const Found& found, std::ostream* out)
     }
 }
 
-using List = std::optional<int64_t> (*)(const CopyPart&, std::string_view, const ListPage&, const EachBatch&);
+using List = std::optional<int64_t> (*)(const CopyPart&, std::string_view, const ListPage&, const EachEntry&);
 
 Found Search(const std::string& text, const CopyPart& part = {}, ListPage page = {},
              List list = ListCopiedAccounts)
 {
     Found found;
-    const auto total = list(part, text, page, [&](std::span<const CopiedEntry> batch) {
-        for (const CopiedEntry& entry : batch) {
-            found.names.push_back(entry.name);
-        }
-    });
+    const auto total =
+        list(part, text, page, [&](const ListEntry& entry) { found.names.emplace_back(entry.name); });
     found.total = total.value_or(-1);
     return found;
 }
 
 std::string IdOf(const std::string& name)
 {
-    std::string id;
-    ListCopiedAccounts({}, name, {}, [&](std::span<const CopiedEntry> batch) {
-        id = batch.size() == 1 ? batch[0].id : "several";
+    Statement find = DomainDatabase().Prepare("SELECT id FROM account WHERE name = 'CORP\\' || ?");
+    find.Bind(1, name);
+    return find.Step() ? find.Text(0) : "none";
+}
+
+uint32_t NumberOf(const std::string& name)
+{
+    uint32_t number = 1;
+    ListCopiedAccounts({}, name, {}, [&](const ListEntry& entry) {
+        EXPECT_EQ(name, entry.name);
+        number = entry.number;
     });
-    return id;
+    return number;
 }
 
 CopyCounts Refresh(size_t which = 0)
@@ -259,6 +266,62 @@ TEST_F(DomainCopy, FollowsWhatIsRenamedMovedChangedRemovedAndMadeAnew)
         EXPECT_EQ((Found{1, {"CORP\\user000004"}}), Search("user 000005"));
         EXPECT_EQ((Found{0, {}}), Search("user 001500"));
         EXPECT_EQ(1500, Search("").total);
+        ExpectWholeIndex();
+    });
+}
+
+// Who signs in may be called otherwise than the copy says, and somebody else may have got the name.
+TEST_F(DomainCopy, HasNumbersOnlyForNamesThatTheStoreKnowsToBeTheirs)
+{
+    const Directory directory({"--users", "4"}, kController);
+    SetUpFor(directory);
+    AsWorker([&] {
+        Refresh();
+        const std::string first = IdOf("user000001");
+        const uint32_t numbers[] = {NumberOf("CORP\\user000001"), NumberOf("CORP\\user000002"),
+                                    NumberOf("CORP\\user000003")};
+        EXPECT_EQ(4U, (std::set<uint32_t>{0, numbers[0], numbers[1], numbers[2]}.size()));
+        EXPECT_EQ(numbers[0], NumberOfAccount(kKindDomain, {first, "CORP\\user000001"}));
+
+        NumberOfAccount(kKindDomain, {first, "CORP\\renamed"});
+        NumberOfAccount(kKindDomain, {"S-1-5-21-1-2-3-9999", "CORP\\user000002"});
+        NumberOfAccount(kKindDomain, {IdOf("user000003"), "CORP\\for a while"});
+        NumberOfAccount(kKindDomain, {IdOf("user000003"), "CORP\\user000003"});
+
+        EXPECT_EQ(0U, NumberOf("CORP\\user000001")) << "it is called otherwise";
+        EXPECT_EQ(0U, NumberOf("CORP\\user000002")) << "the name is another one's";
+        EXPECT_EQ(numbers[2], NumberOf("CORP\\user000003"));
+        EXPECT_EQ(numbers[0], FindAccount("CORP\\renamed")->uid) << "a list renames nobody";
+
+        directory.Set(DnOf(1), "sAMAccountName", {"renamed"});
+        for (int i = 0; i < 2; ++i) {
+            Refresh();
+            EXPECT_EQ(numbers[0], NumberOf("CORP\\renamed"));
+            EXPECT_EQ(0U, NumberOf("CORP\\user000002"));
+            EXPECT_EQ(numbers[2], NumberOf("CORP\\user000003"));
+        }
+        NumberOfAccount(kKindDomain, {IdOf("user000002"), "CORP\\user000002"});
+        EXPECT_EQ(numbers[1], NumberOf("CORP\\user000002"));
+        Refresh();
+        EXPECT_EQ(numbers[1], NumberOf("CORP\\user000002"));
+    });
+}
+
+TEST_F(DomainCopy, IsMadeAnewWhereOneOfAnEarlierVersionStands)
+{
+    const Directory directory({"--users", "3"}, kController);
+    SetUpFor(directory);
+    AsWorker([] { Refresh(); });
+    RunSql("/var/lib/tavr/domain.db",
+           "DROP INDEX account_unnumbered; DROP INDEX account_listed; DROP INDEX account_of_domain;"
+           "DROP INDEX account_of_unit; ALTER TABLE account DROP COLUMN number;"
+           "ALTER TABLE domain DROP COLUMN renamed; PRAGMA user_version = 1");
+    AsWorker([] {
+        EXPECT_EQ((Found{}), Search("")) << "no copy is not an empty one";
+        EXPECT_EQ(0, CopyStates().at(0).tried) << "so it is due";
+        Refresh();
+        EXPECT_EQ(4, Search("").total);
+        EXPECT_NE(0U, NumberOf("CORP\\dan"));
         ExpectWholeIndex();
     });
 }

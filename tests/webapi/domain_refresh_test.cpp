@@ -220,12 +220,13 @@ TEST_F(DomainRefresh, GivesNumbersToWhatIsListed)
         std::vector<uint32_t> numbers;
         EXPECT_EQ(5, TAVRWinsDomainCoreFullDbEnum(option, TakeNumber, &numbers));
         TAVRWinsDomainEnumOptFree(option);
-        EXPECT_EQ((std::vector<uint32_t>{2000000000, 2000000001, 2000000002, 2000000003, 2000000004}),
-                  numbers);
+        EXPECT_EQ((std::vector<uint32_t>{2000000004, 2000000000, 2000000001, 2000000002, 2000000003}),
+                  numbers)
+            << "given in the directory's order, listed in that of the names";
         std::vector<std::string> texts;
         EXPECT_EQ(4, KLIBUserInfoEnumBySubstr(2, "", 1, 2, "user", 1, TakeUser, &texts));
-        EXPECT_EQ((std::vector<std::string>{"2000000002 CORP\\user000002 User 000002",
-                                            "2000000003 CORP\\user000003 User 000003"}),
+        EXPECT_EQ((std::vector<std::string>{"2000000001 CORP\\user000002 User 000002",
+                                            "2000000002 CORP\\user000003 User 000003"}),
                   texts);
         EXPECT_EQ(2, KLIBUserInfoEnumBySubstr(2, "berlin", 0, 0, "", 1, TakeUser, &texts));
         texts.clear();
@@ -237,7 +238,7 @@ TEST_F(DomainRefresh, GivesNumbersToWhatIsListed)
     AsWorker([] {
         std::vector<std::string> texts;
         EXPECT_EQ(5, KLIBUserInfoEnumBySubstr(2, "", 1, 1, "", 1, TakeUser, &texts)) << "seen before";
-        EXPECT_EQ((std::vector<std::string>{"2000000001 CORP\\user000001 "}), texts);
+        EXPECT_EQ((std::vector<std::string>{"2000000000 CORP\\user000001 "}), texts);
         EXPECT_EQ(1, KLIBUserInfoEnumBySubstr(2, "", 0, 0, "Dan", 1, TakeUser, &texts));
         EXPECT_EQ(-1, KLIBUserInfoEnumBySubstr(2, "berlin", 0, 0, "", 1, TakeUser, &texts));
         EXPECT_EQ(-1, KLIBGroupInfoEnumBySubstr(2, "", 0, 0, "", 1, TakeGroup, &texts));
