@@ -55,12 +55,12 @@ int main(int /*argc*/, char** argv)
     const std::string path = SecretPath(account.name);
     const auto nothing = [] {};
 
-    Compare("code extraction, worker's ids", 1.3, kRounds, nothing, TakeCode, [&path] {
+    bool met = Compare("code extraction, worker's ids", 1.3, kRounds, nothing, TakeCode, [&path] {
         const otp::RootCriticalSection asRoot(kSourceFile, __LINE__, __LINE__);
         ReadAndDecipher(path.c_str());
     });
     const EffectiveIds root = EffectiveIds::Root();
-    Compare("code extraction, ids raised before", 1.3, kRounds, nothing, TakeCode,
-            [&path] { ReadAndDecipher(path.c_str()); });
-    return 0;
+    met &= Compare("code extraction, ids raised before", 1.3, kRounds, nothing, TakeCode,
+                   [&path] { ReadAndDecipher(path.c_str()); });
+    return met ? 0 : 1;
 }

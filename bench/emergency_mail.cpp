@@ -76,7 +76,7 @@ int main(int /*argc*/, char** argv)
     WarmLog(SigninDatabase());
     WarmLog(MailDatabase());
 
-    Compare(
+    const bool met = Compare(
         "emergency code into the queue", 1.3, kRounds,
         [] {
             SigninDatabase().Prepare("DELETE FROM code_mail").Run();
@@ -91,5 +91,5 @@ int main(int /*argc*/, char** argv)
             Exchange(kWake, false);
         });
     End(service, SIGTERM);
-    return 0;
+    return met ? 0 : 1;
 }

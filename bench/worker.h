@@ -99,9 +99,10 @@ inline double Median(std::vector<double> times)
 }
 
 // Case and floor in turn, so that both see the same machine; `between` runs before each pair and is not
-// counted.
-inline void Compare(const char* what, double goal, int rounds, const std::function<void()>& between,
-                    const std::function<void()>& work, const std::function<void()>& floor)
+// counted. True when the ratio is at most `goal`.
+[[nodiscard]] inline bool Compare(const char* what, double goal, int rounds,
+                                  const std::function<void()>& between, const std::function<void()>& work,
+                                  const std::function<void()>& floor)
 {
     std::vector<double> works;
     std::vector<double> floors;
@@ -119,6 +120,7 @@ inline void Compare(const char* what, double goal, int rounds, const std::functi
     std::printf("%-44s %9.1f us   floor %9.1f us   %5.2f times (goal %.2f)%s\n", what, Median(works),
                 Median(floors), ratio, goal, ratio > goal ? "  MISSED" : "");
     std::fflush(stdout);
+    return ratio <= goal;
 }
 
 } // namespace tavr::bench
