@@ -2,13 +2,10 @@
 
 #include "linux/accounts.h"
 #include "linux/domain_accounts.h"
-#include "linux/error.h"
 #include "linux/ldap_accounts.h"
 #include "linux/names.h"
 #include "linux/request.h"
 #include "linux/user_settings.h"
-#include "platform/core.h"
-#include "platform/users.h"
 #include "webapi/mail_calls.h"
 #include "webapi/queue_runner.h"
 #include "webapi/transfers.h"
@@ -28,27 +25,12 @@ namespace
 
 // --- TAVR.Core.NormalUser ---
 
-struct FreeUser {
-    void operator()(TAVRUser* user) const noexcept { TAVRUserFree(user); }
-};
-
-Code CodeOfLookUp()
-{
-    switch (static_cast<Error>(KLIBCErrGet())) {
-    case Error::NoSuchUser:
-    case Error::BadName:
-    case Error::DirectoryNotConfigured:
-        return Code::NoAccount;
-    default:
-        return Code::Unavailable;
-    }
-}
-
-void AnswerUser(const char* name, uint32_t uid, const char* mail, const Reply& reply)
+void AnswerUser(const Account& account, const std::string& mail, const Reply& reply)
 {
     // Written by hand: as a Json::Value it would take as long as the rest of the call.
-    reply.Data(R"({"email":)" + Json::valueToQuotedString(mail != nullptr ? mail : "") + R"(,"name":)" +
-               Json::valueToQuotedString(name) + R"(,"uid":)" + std::to_string(uid) + '}');
+    reply.Data(R"({"email":)" + Json::valueToQuotedString(mail.c_str()) + R"(,"name":)" +
+               Json::valueToQuotedString(account.name.c_str()) + R"(,"uid":)" + std::to_string(account.uid) +
+               '}');
 }
 
 // A directory may take its time: it is asked on a thread of the transfers'.
@@ -74,7 +56,7 @@ void GetDirectoryUser(const LdapSettings& settings, const std::string& name, con
         }
         try {
             const Account account = Numbered(std::move(*lookUp->found));
-            AnswerUser(account.name.c_str(), account.uid, account.mail.c_str(), reply);
+            AnswerUser(account, account.mail, reply);
         } catch (const DatabaseError& error) {
             syslog(LOG_ERR, "accounts: %s", error.what());
             reply.Refuse(Code::Unavailable);
@@ -83,14 +65,14 @@ void GetDirectoryUser(const LdapSettings& settings, const std::string& name, con
 }
 
 // What is asked of a domain's account is kept here, so the domain is not asked.
-void AnswerDomainUser(const std::string& name, const Reply& reply)
+void AnswerKeptUser(const std::string& name, const Reply& reply)
 {
     const std::optional<Account> account = FindAccount(name);
     if (!account) {
         reply.Refuse(Code::NoAccount);
         return;
     }
-    AnswerUser(name.c_str(), account->uid, UserSettingsMail(*account).c_str(), reply);
+    AnswerUser(*account, IsDomainName(name) ? UserSettingsMail(*account) : account->mail, reply);
 }
 
 void GetNormalUser(const Request& request, const Reply& reply, Tools& tools)
@@ -101,26 +83,17 @@ void GetNormalUser(const Request& request, const Reply& reply, Tools& tools)
     }
     try {
         const auto name = CanonicalName(request.runner);
-        if (name && IsDomainName(*name)) {
-            AnswerDomainUser(*name, reply);
-            return;
-        }
         if (name && IsLdapName(*name)) {
             GetDirectoryUser(*ReadLdapSettings(), *name, reply, tools);
-            return;
+        } else if (name && (!IsDirectoryName(*name) || IsDomainName(*name))) {
+            AnswerKeptUser(*name, reply);
+        } else {
+            reply.Refuse(Code::NoAccount); // no name, or of a directory that is not set up
         }
     } catch (const std::runtime_error& error) {
-        syslog(LOG_ERR, "directory: %s", error.what());
+        syslog(LOG_ERR, "accounts: %s", error.what());
         reply.Refuse(Code::Unavailable);
-        return;
     }
-    TAVRUser* found = nullptr;
-    if (TAVRUserGet(request.runner.c_str(), &found) < 0) {
-        reply.Refuse(CodeOfLookUp());
-        return;
-    }
-    const std::unique_ptr<TAVRUser, FreeUser> user(found);
-    AnswerUser(user->name, user->uid, user->mail, reply);
 }
 
 // --- TAVR.Notification.Mail ---
