@@ -62,7 +62,7 @@ void RetireSignin(const Account& account)
     if (Settle(account).enrolment == Enrolment::No) {
         return;
     }
-    const AccountLock lock(account.uid);
+    const AccountLock lock(account);
     if (!lock.Held()) {
         throw DatabaseError(0, "the account's lock cannot be had");
     }

@@ -1,6 +1,11 @@
 #include "linux/directory_numbers.h"
 
+#include "linux/account_lock.h"
 #include "linux/accounts.h"
+#include "linux/ids.h"
+
+#include <chrono>
+#include <thread>
 
 namespace tavr
 {
@@ -28,6 +33,32 @@ bool IsTaken(Database& db, const std::string& name)
     return db.Prepare("SELECT 1 FROM directory_account WHERE name = ?").Bind(1, name).Step();
 }
 
+constexpr std::chrono::milliseconds kLongestInUse{10'000};
+constexpr std::chrono::milliseconds kPause{10};
+
+struct InUse {
+}; // somebody holds the account's lock
+
+// The locks of accounts whose files are moved or deleted, until the names are stored: nobody writes there
+// meanwhile, and who comes next sees that the name has changed (AccountLock). Not waited for, as who holds
+// one may be waiting for the store.
+class Locks
+{
+public:
+    void Take(uint32_t uid)
+    {
+        const EffectiveIds service = EffectiveIds::Service();
+        Descriptor lock = service.Changed() ? LockAccount(uid, LockWait::Not) : Descriptor();
+        if (!lock) {
+            throw InUse();
+        }
+        held_.push_back(std::move(lock));
+    }
+
+private:
+    std::vector<Descriptor> held_;
+};
+
 // What a former owner has left at the name's place goes first: it must not come to the new one.
 void ClearPlaceOf(const std::string& name)
 {
@@ -47,8 +78,9 @@ uint32_t Add(Database& db, int kind, const DirectoryEntry& entry)
     return static_cast<uint32_t>(db.LastInsertId());
 }
 
-void Rename(Database& db, const Row& row, const std::string& name)
+void Rename(Database& db, Locks& locks, const Row& row, const std::string& name)
 {
+    locks.Take(row.uid);
     ClearPlaceOf(name);
     if (!row.name.empty() && !MovePreferences(row.name, name)) {
         throw DatabaseError(0, "a preference directory cannot be moved");
@@ -59,8 +91,8 @@ void Rename(Database& db, const Row& row, const std::string& name)
         .Run();
 }
 
-// Empty: the name is another one's. In a transaction.
-std::optional<uint32_t> Number(Database& db, int kind, const DirectoryEntry& entry)
+// Empty: the name is another one's. In a transaction, which the locks outlast.
+std::optional<uint32_t> Number(Database& db, Locks& locks, int kind, const DirectoryEntry& entry)
 {
     const std::optional<Row> row = RowOf(db, kind, entry.id);
     if (row && row->name == entry.name) {
@@ -72,7 +104,7 @@ std::optional<uint32_t> Number(Database& db, int kind, const DirectoryEntry& ent
     if (!row) {
         return Add(db, kind, entry);
     }
-    Rename(db, *row, entry.name);
+    Rename(db, locks, *row, entry.name);
     return row->uid;
 }
 
@@ -81,6 +113,29 @@ std::optional<uint32_t> NumberOfGroup(Database& db, int kind, const std::string&
     Statement find = db.Prepare("SELECT gid FROM directory_group WHERE kind = ? AND id = ?");
     find.Bind(1, kind).Bind(2, id);
     return find.Step() ? std::optional(static_cast<uint32_t>(find.Int(0))) : std::nullopt;
+}
+
+std::optional<uint32_t> FormerOwner(Database& db, int kind, const DirectoryEntry& entry)
+{
+    Statement find =
+        db.Prepare("SELECT uid FROM directory_account WHERE name = ?1 AND NOT (kind = ?2 AND id = ?3)");
+    find.Bind(1, entry.name).Bind(2, kind).Bind(3, entry.id);
+    return find.Step() ? std::optional(static_cast<uint32_t>(find.Int(0))) : std::nullopt;
+}
+
+uint32_t TakeName(Database& db, int kind, const DirectoryEntry& entry)
+{
+    Locks locks;
+    Transaction transaction(db);
+    if (const std::optional<uint32_t> owner = FormerOwner(db, kind, entry)) {
+        locks.Take(*owner);
+        db.Prepare("UPDATE directory_account SET name = NULL, renamed = " NEXT_RENAMED " WHERE uid = ?")
+            .Bind(1, *owner)
+            .Run();
+    }
+    const std::optional<uint32_t> number = Number(db, locks, kind, entry);
+    transaction.Commit();
+    return *number; // nobody else has the name any more
 }
 
 } // namespace
@@ -99,9 +154,14 @@ std::vector<std::optional<uint32_t>> NumbersOfAccounts(int kind, std::span<const
     if (complete) {
         return numbers; // as nearly always: nothing is written
     }
+    Locks locks;
     Transaction transaction(store);
     for (size_t i = 0; i < entries.size(); ++i) {
-        numbers[i] = Number(store, kind, entries[i]);
+        try {
+            numbers[i] = Number(store, locks, kind, entries[i]);
+        } catch (const InUse&) {
+            numbers[i] = std::nullopt; // it can be renamed another time
+        }
     }
     transaction.Commit();
     return numbers;
@@ -113,16 +173,17 @@ uint32_t NumberOfAccount(int kind, const DirectoryEntry& entry)
     if (const std::optional<Row> row = RowOf(db, kind, entry.id); row && row->name == entry.name) {
         return row->uid;
     }
-    Transaction transaction(db);
-    db.Prepare("UPDATE directory_account SET name = NULL, renamed = " NEXT_RENAMED
-               " WHERE name = ?1 AND NOT (kind = ?2 AND id = ?3)")
-        .Bind(1, entry.name)
-        .Bind(2, kind)
-        .Bind(3, entry.id)
-        .Run();
-    const std::optional<uint32_t> number = Number(db, kind, entry);
-    transaction.Commit();
-    return *number; // nobody else has the name any more
+    const auto end = std::chrono::steady_clock::now() + kLongestInUse;
+    while (true) {
+        try {
+            return TakeName(db, kind, entry);
+        } catch (const InUse&) {
+            if (std::chrono::steady_clock::now() > end) {
+                throw DatabaseError(0, entry.name + " cannot be renamed: somebody is writing its files");
+            }
+            std::this_thread::sleep_for(kPause);
+        }
+    }
 }
 
 std::vector<uint32_t> NumbersOfGroups(int kind, std::span<const std::string> ids, Database& store)

@@ -14,6 +14,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -299,6 +300,20 @@ Descriptor TakeLock(uint32_t account)
     return service.Changed() ? LockAccount(account, LockWait::Forever) : Descriptor();
 }
 
+bool IsStillCalledSo(const Account& account)
+{
+    if (account.kind == kKindLocal) {
+        return true;
+    }
+    try {
+        const std::optional<Account> byNow = FindAccount(account.uid);
+        return byNow && byNow->name == account.name;
+    } catch (const DatabaseError& error) {
+        syslog(LOG_ERR, "it cannot be told what %s is called by now: %s", account.name.c_str(), error.what());
+        return false;
+    }
+}
+
 } // namespace
 
 AccountLock::AccountLock(uint32_t account) : account_(account)
@@ -309,6 +324,11 @@ AccountLock::AccountLock(uint32_t account) : account_(account)
     }
     held_ = static_cast<bool>(lock.file);
     ++lock.depth;
+}
+
+AccountLock::AccountLock(const Account& account) : AccountLock(account.uid)
+{
+    held_ = held_ && IsStillCalledSo(account);
 }
 
 AccountLock::~AccountLock()
@@ -328,7 +348,7 @@ bool AccountLock::Held() const
 EnrolmentState Settle(const Account& account)
 {
     const EffectiveIds service = EffectiveIds::Service();
-    const AccountLock lock(account.uid);
+    const AccountLock lock(account);
     EnrolmentState state{Enrolment::Fault, Fault::StateUnavailable};
     if (service.Changed() && lock.Held()) {
         state.fault = FaultIn([&] { state = SettleLocked(account); });
@@ -416,7 +436,7 @@ int64_t MarkSwitchingOff(const Account& account, std::optional<AuditEvent> event
 {
     const EffectiveIds service = EffectiveIds::Service();
     RequireServiceIds(service);
-    const AccountLock lock(account.uid);
+    const AccountLock lock(account);
     if (!lock.Held()) {
         throw DatabaseError(0, "the account's lock cannot be had");
     }

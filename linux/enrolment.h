@@ -21,6 +21,9 @@ class AccountLock
 {
 public:
     explicit AccountLock(uint32_t account);
+    // Not held where a directory's account is called otherwise by now: below the name that was looked up
+    // stand another one's files, or none.
+    explicit AccountLock(const Account& account);
     ~AccountLock();
     AccountLock(const AccountLock&) = delete;
     AccountLock& operator=(const AccountLock&) = delete;

@@ -44,7 +44,7 @@ bool LockByte(const Descriptor& file, off_t byte, LockKind kind, LockWait wait)
     int64_t waited = 0;
     while (fcntl(file.Get(), command, &lock) != 0) {
         const bool busy = errno == EAGAIN || errno == EACCES;
-        if (busy && waited < kAWhile) {
+        if (busy && wait == LockWait::AWhile && waited < kAWhile) {
             const timespec time{0, pause};
             nanosleep(&time, nullptr);
             waited += pause;

@@ -9,13 +9,13 @@ namespace tavr
 {
 
 enum class LockKind { Shared, Exclusive };
-enum class LockWait { Forever, AWhile }; // AWhile: some seconds, where somebody waits for the answer
+enum class LockWait { Forever, AWhile, Not }; // AWhile: some seconds, where somebody waits for the answer
 
 // Made where there is none, with the effective ids. Empty, with errno set, when it cannot be had.
 Descriptor OpenLockFile(const char* path);
 
 // Holds the lock until it is given back or the descriptor is closed; one that is held changes its kind, which
-// to Shared happens at once. False: errno says why, EAGAIN after AWhile.
+// to Shared happens at once. False: errno says why, EAGAIN where it is taken.
 bool LockByte(const Descriptor& file, off_t byte, LockKind kind, LockWait wait);
 void UnlockByte(const Descriptor& file, off_t byte);
 

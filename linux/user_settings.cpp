@@ -158,7 +158,7 @@ bool SettleUserSettings(const Account& account)
         return true;
     }
     const EffectiveIds service = EffectiveIds::Service();
-    const AccountLock lock(account.uid);
+    const AccountLock lock(account);
     if (!service.Changed() || !lock.Held()) {
         return Complain(account, "no lock");
     }
@@ -199,7 +199,7 @@ UserSettingsWriting::UserSettingsWriting(const Account& account) : account_(acco
         usable_ = true;
         return;
     }
-    lock_.emplace(account.uid);
+    lock_.emplace(account);
     usable_ = lock_->Held() && SettleUserSettings(account);
     if (!usable_) {
         return;

@@ -360,7 +360,7 @@ CodeAnswer AnswerLibrary(const LibraryQuestion& question)
         return {CodeResult::Wrong};
     }
     const EffectiveIds service = EffectiveIds::Service();
-    const AccountLock lock(account->uid);
+    const AccountLock lock(*account);
     if (!service.Changed() || !lock.Held()) {
         return FaultAnswer(Fault::StateUnavailable);
     }
@@ -372,7 +372,7 @@ CodeAnswer AnswerLibrary(const LibraryQuestion& question)
 CodeAnswer VerifyCode(const Account& account, std::string_view code, const GrantInside& grant)
 {
     const EffectiveIds service = EffectiveIds::Service();
-    const AccountLock lock(account.uid);
+    const AccountLock lock(account);
     if (!service.Changed() || !lock.Held()) {
         return FaultAnswer(Fault::StateUnavailable);
     }
@@ -409,7 +409,7 @@ std::optional<int> ClockOffsetMinutes(const Account& account)
     const CountedWrong wrong = KeptWrong();
     KeptWrong() = {};
     const EffectiveIds service = EffectiveIds::Service();
-    const AccountLock lock(account.uid);
+    const AccountLock lock(account);
     if (wrong.request != CurrentRequest().number || wrong.secret.account != account.uid ||
         !service.Changed() || !lock.Held()) {
         return std::nullopt;

@@ -73,7 +73,7 @@ void BeginLocked(Step& step, const Call& call)
     if (step.refusal) {
         return;
     }
-    step.lock.emplace(call.session->account.uid);
+    step.lock.emplace(call.session->account);
     if (step.lock->Held()) {
         step.refusal = RefuseByEnrolment(step, *call.session);
     } else {

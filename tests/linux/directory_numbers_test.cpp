@@ -1,9 +1,14 @@
 #include "linux/directory_numbers.h"
 
 #include "linux/database.h"
+#include "linux/enrolment.h"
 #include "linux/names.h"
 #include "linux/paths.h"
+#include "linux/user_settings.h"
 #include "tests/support/fresh_server.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -92,6 +97,84 @@ TEST_F(DirectoryNumbers, AndFilesDoNotPassToWhoGetsANameAnew)
         EXPECT_EQ("none", Mark(kLea));
         EXPECT_EQ(former, NumberOfAccount(kKindLdap, {kLeaId, "old@office.example"}));
         EXPECT_EQ("old@office.example", FindAccount(former)->name);
+    });
+}
+
+// A worker that writes the account's files holds its lock.
+class Writer
+{
+public:
+    Writer(uint32_t uid, const std::function<void()>& work)
+    {
+        int ready[2] = {};
+        if (pipe(ready) != 0) {
+            throw std::runtime_error("no pipe");
+        }
+        child_ = fork();
+        if (child_ == 0) {
+            const AccountLock lock(uid);
+            const bool told = lock.Held() && write(ready[1], "x", 1) == 1;
+            usleep(300'000); // for the other one to try
+            work();
+            _exit(told ? 0 : 1);
+        }
+        close(ready[1]);
+        char byte = 0;
+        EXPECT_EQ(1, read(ready[0], &byte, 1));
+        close(ready[0]);
+    }
+    ~Writer()
+    {
+        int status = -1;
+        waitpid(child_, &status, 0);
+        EXPECT_EQ(0, status);
+    }
+    Writer(const Writer&) = delete;
+    Writer& operator=(const Writer&) = delete;
+
+private:
+    pid_t child_ = -1;
+};
+
+TEST_F(DirectoryNumbers, WaitForWhoIsWritingTheFilesThatMoveOrGo)
+{
+    AsWorker([] {
+        const uint32_t lea = NumberOfAccount(kKindLdap, {kLeaId, kLea});
+        ASSERT_TRUE(MakePreferenceDirectory(*FindAccount(kLea)));
+        const auto mark = [] { test::WriteFile(PreferencePath(kLea) + "/mark", "written"); };
+        {
+            const Writer writer(lea, mark);
+            const DirectoryEntry renamed[] = {{kLeaId, "list@office.example"}, {kMiaId, kMia}};
+            EXPECT_EQ((std::vector<std::optional<uint32_t>>{std::nullopt, lea + 1}),
+                      NumbersOfAccounts(kKindLdap, renamed))
+                << "a list waits for nobody";
+            EXPECT_EQ(lea, NumberOfAccount(kKindLdap, {kLeaId, "lea.b@office.example"}));
+            EXPECT_EQ("written", Mark("lea.b@office.example"));
+            EXPECT_EQ("none", Mark(kLea));
+        }
+        const Writer writer(lea,
+                            [] { test::WriteFile(PreferencePath("lea.b@office.example") + "/more", "x"); });
+        NumberOfAccount(kKindLdap, {"another", "lea.b@office.example"});
+        EXPECT_FALSE(std::filesystem::exists(PreferencePath("lea.b@office.example")));
+    });
+}
+
+TEST_F(DirectoryNumbers, KeepWhoLookedBeforeARenamingFromWritingBelowTheFormerName)
+{
+    AsWorker([] {
+        const uint32_t uid = NumberOfAccount(kKindDomain, {"S-1-5-21-1", "CORP\\dan"});
+        const Account before = *FindAccount(uid);
+        ASSERT_TRUE(MakePreferenceDirectory(before));
+        EXPECT_TRUE(AccountLock(before).Held());
+        NumberOfAccount(kKindDomain, {"S-1-5-21-1", "CORP\\daniel"});
+        NumberOfAccount(kKindDomain, {"S-1-5-21-2", "CORP\\dan"});
+        ASSERT_TRUE(MakePreferenceDirectory(*FindAccount("CORP\\dan")));
+        EXPECT_FALSE(AccountLock(before).Held());
+        EXPECT_FALSE(SettleUserSettings(before));
+        EXPECT_FALSE(UserSettingsWriting(before).Usable());
+        EXPECT_EQ(Enrolment::Fault, Settle(before).enrolment);
+        EXPECT_TRUE(SettleUserSettings(*FindAccount(uid)));
+        EXPECT_TRUE(SettleUserSettings(*FindAccount("CORP\\dan")));
     });
 }
 

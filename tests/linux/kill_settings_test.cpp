@@ -1,6 +1,7 @@
 // A domain user's recovery address, saved by the library in place and killed at any system call, and with
 // files that are no settings: afterwards the file is that of before or that of after, and usable.
 #include "linux/database.h"
+#include "linux/directory_numbers.h"
 #include "linux/names.h"
 #include "linux/request.h"
 #include "linux/user_settings.h"
@@ -56,7 +57,8 @@ bool Save(const char* mail)
 
 bool SaveMarked()
 {
-    SigninDatabase(); // its making is somebody else's test
+    SigninDatabase(); // whose making is somebody else's test
+    AccountsDatabase();
     MarkStart();
     return Save("new@home.example");
 }
@@ -83,6 +85,7 @@ protected:
     {
         AsWorker([&] {
             SigninDatabase();
+            ASSERT_EQ(Dan().uid, NumberOfAccount(kKindDomain, {"S-1-5-21-1-2-3-1111", kDan}));
             ASSERT_TRUE(MakePreferenceDirectory(Dan()));
             WriteFile(PathOf(name), text);
             const timespec longAgo[2] = {{1'000'000'000, 0}, {1'000'000'000, 0}};
