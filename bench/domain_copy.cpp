@@ -88,7 +88,7 @@ bool ListRow(const char* what, int rounds, const char* query, const char* filter
                       bench::InTurn(
                           rounds, [=] { List("local_user", query, filter, kAccounts); },
                           [=] { List("domain_user", query, filter, kAccounts); }),
-                      1.2);
+                      1.0);
 }
 
 } // namespace

@@ -310,8 +310,9 @@ void DefineEnforceCommands(CLI::App& program, Words& words)
 
 void DefineDirectoryCommands(CLI::App& program, Words& words)
 {
-    CLI::App* directory =
-        program.add_subcommand("directory", "the LDAP directory, the domain")->require_subcommand(1)->fallthrough();
+    CLI::App* directory = program.add_subcommand("directory", "the LDAP directory, the domain")
+                              ->require_subcommand(1)
+                              ->fallthrough();
     CLI::App* test = directory->add_subcommand("test", "try out what is set up, step by step")->fallthrough();
     test->add_option("NAME", words.name, "name of a user to look for");
     test->callback([&words] {

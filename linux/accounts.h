@@ -126,7 +126,7 @@ bool LeaveGroup(const Account& account, const Group& group); // false: was none
 bool MakePreferenceDirectory(const Account& account);
 
 // Deletes what stands at a name's place; and moves what stands at one to another, which is free. Nothing to
-// delete or move is done too. For who gives names, in the transaction that does.
+// delete or move is done too. For who gives names, in the transaction that does, with the account's lock.
 bool DeletePreferences(const std::string& name);
 bool MovePreferences(const std::string& from, const std::string& to);
 
