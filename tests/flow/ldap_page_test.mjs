@@ -4,7 +4,7 @@
 import assert from "node:assert/strict";
 import test, { after } from "node:test";
 
-import { kWindows, looker } from "../support/browser.mjs";
+import { inEveryWindow } from "../support/browser.mjs";
 import { startController, startDirectory } from "../support/directory.mjs";
 import { setNotificationServer, startMailServer, trust } from "../support/mail.mjs";
 import { run } from "../support/server.mjs";
@@ -30,21 +30,6 @@ const ada = await enrol(server, "ada");
 
 const passwordOf = (n) => `pw-${String(n).padStart(4, "0")}`;
 const nameOf = (n) => `user${String(n).padStart(4, "0")}@office.example`;
-// Looks at the page in every window, and fails the test at its end when there is something to find fault with.
-function inEveryWindow(t, page, name) {
-  const findings = [];
-  t.after(() => assert.deepEqual(findings, []));
-  const looks = kWindows.map(({ width, colorScheme }) =>
-    ({ width, colorScheme, look: looker(page, `${name}-${width}-${colorScheme}`, findings) }));
-  return async (what) => {
-    for (const { width, colorScheme, look } of looks) {
-      await page.setViewportSize({ width, height: 800 });
-      await page.emulateMedia({ colorScheme });
-      await look(what);
-    }
-  };
-}
-
 test("an administrator picks a group of the directory", async (t) => {
   const page = await openAdmin(await visit(t), ada);
   await page.selectOption("#type", "ldap_group");

@@ -1,5 +1,6 @@
 // Chromium for a test, and a watch on what a page must not do: errors in the console, scripts that throw, requests to
 // another host, violations of the content security policy.
+import assert from "node:assert/strict";
 import { spawnSync } from "node:child_process";
 import { mkdirSync, readFileSync, rmSync, writeFileSync } from "node:fs";
 import { createRequire } from "node:module";
@@ -110,6 +111,21 @@ export function looker(page, name, findings) {
     }));
     if (headings !== 1 || nameless) {
       findings.push(`${what}: ${headings} main headings, ${nameless} without text`);
+    }
+  };
+}
+
+// Looks at the page in every window, and fails the test at its end when there is something to find fault with.
+export function inEveryWindow(t, page, name) {
+  const findings = [];
+  t.after(() => assert.deepEqual(findings, []));
+  const looks = kWindows.map(({ width, colorScheme }) =>
+    ({ width, colorScheme, look: looker(page, `${name}-${width}-${colorScheme}`, findings) }));
+  return async (what) => {
+    for (const { width, colorScheme, look } of looks) {
+      await page.setViewportSize({ width, height: 800 });
+      await page.emulateMedia({ colorScheme });
+      await look(what);
     }
   };
 }
