@@ -417,7 +417,7 @@ void LookAtKey(Page& page)
                   std::string(kMachineKeyFile) + " is the key that the secrets are sealed with");
     } catch (const VaultError& error) {
         page.Tell(State::Broken, "key", std::string(kMachineKeyFile) + ": " + error.what(),
-                  "bring the key back from its backup; a new one opens nothing");
+                  "mend its owner and mode, or bring the key back from its backup; a new one opens nothing");
     } catch (const DatabaseError& error) {
         page.Tell(State::Broken, "key", std::string("not known: ") + error.what(), "mend the database first");
     }

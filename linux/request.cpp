@@ -25,7 +25,7 @@ const char* FaultText(Fault fault)
     case Fault::KeyMissing:
         return "machine key missing";
     case Fault::KeyWrong:
-        return "machine key is not the one that sealed the vault";
+        return "machine key is not the one that sealed the vault, or its owner or mode is wrong";
     case Fault::VaultDamaged:
         return "vault damaged";
     case Fault::StateUnavailable:
