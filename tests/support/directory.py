@@ -1,12 +1,12 @@
 #!/usr/bin/python3
-"""An LDAP directory for tests: directory.py FOLDER [--users N] [--groups N] [--other-ca] [--plain-only]
+"""An LDAP directory for tests: directory.py FOLDER [--users N] [--groups N] [--other-ca] [--plain-only] [--port N]
 
 Makes certificates, a generated population and the odd entries of directory.ldif in FOLDER, starts slapd on free ports
 of 127.0.0.1, prints "PORT <ldap> <ldaps>" when it answers, and is that slapd from then on.
 
 Users are user0001 ... with the password pw-0001 ..., group g of G is group001 ... and has every user n with n mod G == g - 1
 by memberUid. FOLDER/ca.pem is what to trust; with --other-ca the server's certificate is of somebody else. --plain-only:
-it does not encrypt.
+it does not encrypt. --port: there instead of on a free one.
 """
 import argparse
 import os
@@ -51,7 +51,7 @@ def make_certificates(path, other_ca, host="directory.example"):
             "-keyout", path(name + ".key"), "-out", path(name + ".pem"))
     issuer = "other" if other_ca else "ca"
     with open(path("extensions"), "w") as file:
-        file.write("subjectAltName=IP:127.0.0.1,DNS:%s\n" % host)
+        file.write("subjectAltName=IP:127.0.0.1,DNS:%s,DNS:ldap1.office.example,DNS:ldap2.office.example\n" % host)
     run("openssl", "req", *NEW_KEY, "-subj", "/CN=directory of a test", "-keyout", path("server.key"),
         "-out", path("server.csr"))
     run("openssl", "x509", "-req", "-in", path("server.csr"), "-CA", path(issuer + ".pem"),
@@ -114,6 +114,7 @@ def main():
     parser.add_argument("--groups", type=int, default=5)
     parser.add_argument("--other-ca", action="store_true")
     parser.add_argument("--plain-only", action="store_true")
+    parser.add_argument("--port", type=int)
     options = parser.parse_args()
 
     def path(name):
@@ -136,6 +137,7 @@ def main():
     if loaded.returncode != 0:
         sys.exit("slapadd: " + loaded.stderr.decode())
     ports = free_ports(1 if options.plain_only else 2)
+    ports[0] = options.port or ports[0]
     addresses = ["ldap://127.0.0.1:%d" % ports[0]] + ["ldaps://127.0.0.1:%d" % port for port in ports[1:]]
     tell_when_ready(ports)
     os.execv("/usr/sbin/slapd", ["slapd", "-f", path("slapd.conf"), "-h", " ".join(addresses), "-d", "0"])

@@ -1,12 +1,14 @@
 #!/usr/bin/python3
 """A mail server that keeps what it takes, on 127.0.0.1.
 
-    smtp_sink.py DIR [--port N] [--keys DIR] [--tls] [--user NAME --password TEXT] [--certificate KIND] [--fault NAME]...
+    smtp_sink.py DIR [--port N] [--name HOST] [--keys DIR] [--tls] [--user NAME --password TEXT] [--certificate KIND]
+        [--fault NAME]...
 
 Makes a CA of its own and a certificate of localhost and 127.0.0.1 in DIR or --keys (ca.pem is for the client), prints
 "PORT N" when it is ready, and keeps each mail as DIR/NNNN.eml with its envelope in DIR/NNNN.json (the .eml is there
 last). DIR/commands has one line for each command that came, without what follows it.
 
+--name         the certificate is good for this name too
 --tls          speaks TLS from the first byte; otherwise STARTTLS is offered
 --user         takes mails of who has logged in with this name and --password alone; without it, everybody's
 --certificate  wrong-host, other-ca or expired, instead of a good one
@@ -38,7 +40,7 @@ def openssl(*words):
                    stderr=subprocess.PIPE)
 
 
-def make_certificates(directory, kind):
+def make_certificates(directory, kind, name):
     """Gives the paths of the server's certificate and key."""
     def path(name):
         return os.path.join(directory, name)
@@ -53,7 +55,7 @@ def make_certificates(directory, kind):
     if kind == "other-ca":
         issuer = "other"
         make_ca(issuer)
-    names = "DNS:elsewhere.example" if kind == "wrong-host" else "DNS:localhost,IP:127.0.0.1"
+    names = "DNS:elsewhere.example" if kind == "wrong-host" else "DNS:localhost,IP:127.0.0.1,DNS:" + name
     with open(path("server.ext"), "w", encoding="ascii") as extensions:
         extensions.write("subjectAltName=" + names + "\n")
     openssl("req", *NEW_KEY, "-subj", "/CN=server of a test", "-keyout", path("server.key"), "-out", path("server.csr"))
@@ -172,6 +174,7 @@ async def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("directory")
     parser.add_argument("--port", type=int, default=0)
+    parser.add_argument("--name", default="localhost")
     parser.add_argument("--keys")
     parser.add_argument("--tls", action="store_true")
     parser.add_argument("--user")
@@ -180,7 +183,7 @@ async def main():
     parser.add_argument("--fault", action="append", default=[])
     options = parser.parse_args()
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    context.load_cert_chain(*make_certificates(options.keys or options.directory, options.certificate))
+    context.load_cert_chain(*make_certificates(options.keys or options.directory, options.certificate, options.name))
     os.umask(0o077)   # mails may hold codes that are good; the certificates are for everybody
     keeper = Keeper(options.directory, options.fault)
     commands = os.path.join(options.directory, "commands")
