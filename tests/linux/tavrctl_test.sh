@@ -210,7 +210,7 @@ is 0 $'1030\tpat\t-\t' tavrctl enforce list local_user --filter all --offset 2 -
 is 0 '{"rows":\[{"desc":"","id":"1030","is_enforced":false,"name":"pat"}\],"success":true,"total":1}' \
     tavrctl enforce list local_user --filter all --query PA --json
 is 0 '' tavrctl enforce list local_user --query nobody
-is 1 '*"err":"list_failed"*' tavrctl enforce list ldap_user --json
+is 1 '*"err":"directory_not_configured"*' tavrctl enforce list ldap_user --json
 is 0 $'pat: two-step sign-in is demanded, as a group of the account is picked\noption\tcustom\naccount\t1030, local, no administrator\ngroups\t65537\nin local_user\tno\nin local_group\t65537' \
     tavrctl enforce explain ' PAT '
 is 0 '{"because":"user_entry","demanded":true,"group_entries":\[65537\],"groups":\[65537,65536\],"is_admin":true,"kind":1,"option":"custom","success":true,"uid":1026,"user":"alice","user_entry":true}' \
