@@ -2,17 +2,15 @@
 
 #include "linux/apart.h"
 #include "linux/directory_error.h"
-#include "linux/ids.h"
 #include "linux/kept_secret.h"
 #include "linux/names.h"
+#include "linux/pam.h"
 #include "linux/paths.h"
 
 #include <dlfcn.h>
 #include <grp.h>
 #include <nss.h>
 #include <pwd.h>
-#include <security/pam_appl.h>
-#include <syslog.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -28,7 +26,6 @@ namespace tavr
 namespace
 {
 
-constexpr char kPamService[] = "tavr-otp";
 constexpr size_t kFirstBuffer = 4096;
 constexpr size_t kMostBuffer = 16 << 20; // a group with all its members
 constexpr long kMostGroups = 5000;
@@ -212,89 +209,6 @@ private:
     }
 };
 
-// --- Passwords, in the process apart -----------------------------------------------------------------------
-
-struct Conversation {
-    const std::string& password;
-};
-
-// The only thing that is asked without an echo is the password.
-int Converse(int count, const pam_message** messages, pam_response** responses, void* data)
-{
-    const auto* conversation = static_cast<const Conversation*>(data);
-    auto* answers = static_cast<pam_response*>(std::calloc(static_cast<size_t>(count), sizeof(pam_response)));
-    if (answers == nullptr) {
-        return PAM_BUF_ERR;
-    }
-    for (int i = 0; i < count; ++i) {
-        if (messages[i]->msg_style == PAM_PROMPT_ECHO_OFF) {
-            answers[i].resp = strdup(conversation->password.c_str());
-        }
-    }
-    *responses = answers;
-    return PAM_SUCCESS;
-}
-
-// A delay after a wrong password is for the attempts to set.
-void NoDelay(int /*result*/, unsigned /*microseconds*/, void* /*data*/) {}
-
-// Whether a result means no: anything else that is no success means that nobody knows.
-bool IsRefusal(int result)
-{
-    switch (result) {
-    case PAM_AUTH_ERR:
-    case PAM_USER_UNKNOWN:
-    case PAM_PERM_DENIED:
-    case PAM_MAXTRIES:
-    case PAM_ACCT_EXPIRED:
-    case PAM_CRED_EXPIRED:
-    case PAM_AUTHTOK_EXPIRED:
-    case PAM_NEW_AUTHTOK_REQD:
-        return true;
-    default:
-        return false;
-    }
-}
-
-// Whether the module let in whom it was asked about: some take other names for an account, and say so here.
-bool IsStill(pam_handle_t* pam, const std::string& name)
-{
-    const void* item = nullptr;
-    return pam_get_item(pam, PAM_USER, &item) == PAM_SUCCESS && item != nullptr &&
-           SearchText(static_cast<const char*>(item)) == SearchText(name);
-}
-
-bool IsPassword(DomainClient client, const std::string& name, const std::string& password)
-{
-    const EffectiveIds root = EffectiveIds::Root(); // else the modules cannot ask
-    if (!root.Changed()) {
-        throw NoAnswer("it can be asked by root alone");
-    }
-    EndWithParent();
-    const std::string folder = std::string(kPamDir) + (client == DomainClient::Sssd ? "/sssd" : "/winbind");
-    Conversation conversation{password};
-    const pam_conv way{Converse, &conversation};
-    pam_handle_t* pam = nullptr;
-    if (pam_start_confdir(kPamService, name.c_str(), &way, folder.c_str(), &pam) != PAM_SUCCESS) {
-        throw NoAnswer("PAM cannot be started");
-    }
-    pam_set_item(pam, PAM_FAIL_DELAY, reinterpret_cast<const void*>(NoDelay));
-    int result = pam_authenticate(pam, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
-    if (result == PAM_SUCCESS) {
-        result = pam_acct_mgmt(pam, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
-    }
-    const bool still = result != PAM_SUCCESS || IsStill(pam, name);
-    const std::string said = pam_strerror(pam, result);
-    pam_end(pam, result);
-    if (result != PAM_SUCCESS && result != PAM_AUTH_ERR && IsRefusal(result)) {
-        syslog(LOG_NOTICE, "the domain does not let %s in: %s", name.c_str(), said.c_str());
-    }
-    if ((result != PAM_SUCCESS && !IsRefusal(result)) || !still) {
-        throw NoAnswer("it cannot compare a password: " + said);
-    }
-    return result == PAM_SUCCESS;
-}
-
 // --- From one process to the other -------------------------------------------------------------------------
 
 constexpr char kAnswered[] = "answered";
@@ -391,6 +305,12 @@ std::vector<std::string> GroupsOf(DomainClient client, const std::string& name)
     return sids;
 }
 
+bool IsPassword(DomainClient client, const std::string& name, const std::string& password)
+{
+    const std::string folder = std::string(kPamDir) + (client == DomainClient::Sssd ? "/sssd" : "/winbind");
+    return IsPamPassword(folder, name, password);
+}
+
 std::optional<ClientEntry> EntryOf(const std::vector<std::string>& texts)
 {
     return texts.size() == 3 ? std::optional(ClientEntry{texts[0], texts[1], texts[2]}) : std::nullopt;
@@ -409,6 +329,8 @@ std::vector<std::string> DomainClientCalls::Question(const char* what, Ask ask) 
             texts.insert(texts.begin(), kAnswered);
             return Joined(texts);
         } catch (const NoAnswer& reason) {
+            return Joined({reason.what()});
+        } catch (const PamError& reason) {
             return Joined({reason.what()});
         }
     });
