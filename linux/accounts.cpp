@@ -4,6 +4,7 @@
 #include "linux/ids.h"
 #include "linux/names.h"
 #include "linux/paths.h"
+#include "linux/searched_table.h"
 
 #include <crypt.h>
 #include <fcntl.h>
@@ -62,45 +63,6 @@ ALTER TABLE account ADD COLUMN generation INTEGER NOT NULL DEFAULT 0;
 )",
 };
 
-// The fourth migration: what lists are searched by (account_list.cpp), for both tables alike. `folded` is
-// name and description as search_text() has them; a gram is what stands in it from one character on, eight
-// characters or up to its end. Triggers, so that no way of changing a row leaves its grams behind.
-constexpr char kListTables[] = R"(
-CREATE TABLE text_position (at INTEGER PRIMARY KEY) STRICT;
-WITH RECURSIVE every (at) AS (SELECT 1 UNION ALL SELECT at + 1 FROM every WHERE at < 4096)
-    INSERT INTO text_position SELECT at FROM every;
-CREATE TABLE list_size (list TEXT PRIMARY KEY, number INTEGER NOT NULL) STRICT, WITHOUT ROWID;
-)";
-constexpr char kSearchedTable[] = R"(
-ALTER TABLE $table ADD COLUMN folded TEXT NOT NULL DEFAULT '';
-UPDATE $table SET folded = search_text(name, description);
-CREATE INDEX $table_listed ON $table (name, description);   -- all that a page shows
-INSERT INTO list_size SELECT '$table', count(*) FROM $table;
-CREATE TABLE $grams (
-    gram TEXT NOT NULL,
-    $number INTEGER NOT NULL,
-    PRIMARY KEY (gram, $number)
-) STRICT, WITHOUT ROWID;
-INSERT OR IGNORE INTO $grams SELECT substr(folded, at, 8) AS gram, $number
-    FROM $table JOIN text_position ON at <= length(folded) ORDER BY gram, $number;
-CREATE TRIGGER $table_added AFTER INSERT ON $table BEGIN
-    INSERT OR IGNORE INTO $grams
-        SELECT substr(new.folded, at, 8), new.$number FROM text_position WHERE at <= length(new.folded);
-    UPDATE list_size SET number = number + 1 WHERE list = '$table';
-END;
-CREATE TRIGGER $table_changed AFTER UPDATE OF folded ON $table WHEN new.folded <> old.folded BEGIN
-    DELETE FROM $grams WHERE $number = old.$number AND gram IN
-        (SELECT substr(old.folded, at, 8) FROM text_position WHERE at <= length(old.folded));
-    INSERT OR IGNORE INTO $grams
-        SELECT substr(new.folded, at, 8), new.$number FROM text_position WHERE at <= length(new.folded);
-END;
-CREATE TRIGGER $table_removed AFTER DELETE ON $table BEGIN
-    DELETE FROM $grams WHERE $number = old.$number AND gram IN
-        (SELECT substr(old.folded, at, 8) FROM text_position WHERE at <= length(old.folded));
-    UPDATE list_size SET number = number - 1 WHERE list = '$table';
-END;
-)";
-
 // The fifth: numbers of what stands in directories (directory_numbers.cpp). Far above those that local
 // accounts will ever reach, so that one number means one account; rows stay, so that none is given twice.
 constexpr char kDirectoryTables[] = R"(
@@ -127,17 +89,6 @@ constexpr char kRenamed[] = R"(
 ALTER TABLE directory_account ADD COLUMN renamed INTEGER NOT NULL DEFAULT 0;  -- counts; 0: never
 CREATE INDEX directory_account_renamed ON directory_account (renamed) WHERE renamed > 0;
 )";
-
-std::string SearchedTable(const char* table, const char* number, const char* grams)
-{
-    std::string sql = kSearchedTable;
-    for (const auto& [place, name] : {std::pair("$table", table), {"$number", number}, {"$grams", grams}}) {
-        for (size_t at = 0; (at = sql.find(place, at)) != std::string::npos;) {
-            sql.replace(at, std::strlen(place), name);
-        }
-    }
-    return sql;
-}
 
 constexpr uint32_t kAdministratorsGid = 65536;
 constexpr uint32_t kUsersGid = 65537;
@@ -307,34 +258,11 @@ const char* TextProblem(std::string_view text, size_t most)
     return IsPlainText(text) ? nullptr : "holds a character that cannot be shown";
 }
 
-// search_text(name, description) in SQL: what is looked through for a text. No text that is sought holds the
-// line feed. For statements only, so that other programs can read and write the tables too.
-void SearchTextInSql(sqlite3_context* context, int /*count*/, sqlite3_value** values)
-{
-    std::string text;
-    for (int i = 0; i < 2; ++i) {
-        const auto* bytes = reinterpret_cast<const char*>(sqlite3_value_text(values[i]));
-        const auto size = static_cast<size_t>(sqlite3_value_bytes(values[i]));
-        text += SearchText({bytes != nullptr ? bytes : "", size}).value_or("") + (i == 0 ? "\n" : "");
-    }
-    sqlite3_result_text64(context, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
-}
-
-void AddSearchText(sqlite3* db)
-{
-    if (sqlite3_create_function_v2(db, "search_text", 2,
-                                   SQLITE_UTF8 | SQLITE_DETERMINISTIC | SQLITE_DIRECTONLY, nullptr,
-                                   SearchTextInSql, nullptr, nullptr, nullptr) != SQLITE_OK) {
-        throw DatabaseError(sqlite3_extended_errcode(db), sqlite3_errmsg(db));
-    }
-}
-
 } // namespace
 
 Database OpenAccounts()
 {
-    static const std::string lists = kListTables + SearchedTable("account", "uid", "account_gram") +
-                                     SearchedTable("account_group", "gid", "group_gram");
+    static const std::string lists = AccountListTables();
     static const std::vector<const char*> migrations = [] {
         std::vector<const char*> all(std::begin(kMigrations), std::end(kMigrations));
         all.push_back(lists.c_str());

@@ -4,7 +4,9 @@
 #include "linux/names.h"
 
 #include <algorithm>
+#include <cstring>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace tavr
@@ -118,7 +120,87 @@ int64_t ListScanned(Database& db, const SearchedTable& table, std::string_view s
     return OneNumber(find);
 }
 
+// --- The tables --------------------------------------------------------------------------------------------
+
+// What lists are searched by (account_list.cpp), for both tables alike. `folded` is name and description as
+// search_text() has them; a gram is what stands in it from one character on, eight characters or up to its
+// end. Triggers, so that no way of changing a row leaves its grams behind.
+constexpr char kListTables[] = R"(
+CREATE TABLE text_position (at INTEGER PRIMARY KEY) STRICT;
+WITH RECURSIVE every (at) AS (SELECT 1 UNION ALL SELECT at + 1 FROM every WHERE at < 4096)
+    INSERT INTO text_position SELECT at FROM every;
+CREATE TABLE list_size (list TEXT PRIMARY KEY, number INTEGER NOT NULL) STRICT, WITHOUT ROWID;
+)";
+constexpr char kSearchedTable[] = R"(
+ALTER TABLE $table ADD COLUMN folded TEXT NOT NULL DEFAULT '';
+UPDATE $table SET folded = search_text(name, description);
+CREATE INDEX $table_listed ON $table (name, description);   -- all that a page shows
+INSERT INTO list_size SELECT '$table', count(*) FROM $table;
+CREATE TABLE $grams (
+    gram TEXT NOT NULL,
+    $number INTEGER NOT NULL,
+    PRIMARY KEY (gram, $number)
+) STRICT, WITHOUT ROWID;
+INSERT OR IGNORE INTO $grams SELECT substr(folded, at, 8) AS gram, $number
+    FROM $table JOIN text_position ON at <= length(folded) ORDER BY gram, $number;
+CREATE TRIGGER $table_added AFTER INSERT ON $table BEGIN
+    INSERT OR IGNORE INTO $grams
+        SELECT substr(new.folded, at, 8), new.$number FROM text_position WHERE at <= length(new.folded);
+    UPDATE list_size SET number = number + 1 WHERE list = '$table';
+END;
+CREATE TRIGGER $table_changed AFTER UPDATE OF folded ON $table WHEN new.folded <> old.folded BEGIN
+    DELETE FROM $grams WHERE $number = old.$number AND gram IN
+        (SELECT substr(old.folded, at, 8) FROM text_position WHERE at <= length(old.folded));
+    INSERT OR IGNORE INTO $grams
+        SELECT substr(new.folded, at, 8), new.$number FROM text_position WHERE at <= length(new.folded);
+END;
+CREATE TRIGGER $table_removed AFTER DELETE ON $table BEGIN
+    DELETE FROM $grams WHERE $number = old.$number AND gram IN
+        (SELECT substr(old.folded, at, 8) FROM text_position WHERE at <= length(old.folded));
+    UPDATE list_size SET number = number - 1 WHERE list = '$table';
+END;
+)";
+
+std::string SearchedTableOf(const char* table, const char* number, const char* grams)
+{
+    std::string sql = kSearchedTable;
+    for (const auto& [place, name] : {std::pair("$table", table), {"$number", number}, {"$grams", grams}}) {
+        for (size_t at = 0; (at = sql.find(place, at)) != std::string::npos;) {
+            sql.replace(at, std::strlen(place), name);
+        }
+    }
+    return sql;
+}
+
+// search_text(name, description) in SQL: what is looked through for a text. No text that is sought holds the
+// line feed. For statements only, so that other programs can read and write the tables too.
+void SearchTextInSql(sqlite3_context* context, int /*count*/, sqlite3_value** values)
+{
+    std::string text;
+    for (int i = 0; i < 2; ++i) {
+        const auto* bytes = reinterpret_cast<const char*>(sqlite3_value_text(values[i]));
+        const auto size = static_cast<size_t>(sqlite3_value_bytes(values[i]));
+        text += SearchText({bytes != nullptr ? bytes : "", size}).value_or("") + (i == 0 ? "\n" : "");
+    }
+    sqlite3_result_text64(context, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
+}
+
 } // namespace
+
+std::string AccountListTables()
+{
+    return kListTables + SearchedTableOf("account", "uid", "account_gram") +
+           SearchedTableOf("account_group", "gid", "group_gram");
+}
+
+void AddSearchText(sqlite3* db)
+{
+    if (sqlite3_create_function_v2(db, "search_text", 2,
+                                   SQLITE_UTF8 | SQLITE_DETERMINISTIC | SQLITE_DIRECTONLY, nullptr,
+                                   SearchTextInSql, nullptr, nullptr, nullptr) != SQLITE_OK) {
+        throw DatabaseError(sqlite3_extended_errcode(db), sqlite3_errmsg(db));
+    }
+}
 
 int64_t ListSearched(Database& db, const SearchedTable& table, std::string_view text, const ListPage& page,
                      const EachEntry& each, const std::function<void(Statement&)>& bindMore)

@@ -50,6 +50,12 @@ struct SearchedTable {
 // clang-format on
 #define SEARCHED_HOLDS_TEXT "instr(folded, ?3) > 0"
 
+// The migration that makes tables of local accounts (account, by uid) and groups (account_group, by gid) such
+// ones, and counts their rows in list_size. It and whatever writes `folded` later call search_text(name,
+// description), which the connection has from AddSearchText.
+std::string AccountListTables();
+void AddSearchText(sqlite3* db);
+
 // As ListAccounts.
 int64_t ListSearched(Database& db, const SearchedTable& table, std::string_view text, const ListPage& page,
                      const EachEntry& each, const std::function<void(Statement&)>& bindMore);
