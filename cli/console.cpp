@@ -2,6 +2,7 @@
 
 #include "linux/names.h"
 #include "linux/paths.h"
+#include "linux/system_accounts.h"
 #include "platform/json.h"
 #include "platform/webapi.h"
 
@@ -225,6 +226,16 @@ void FailUnsent(const Json::Value& refusal)
 }
 
 // --- Names ---
+
+void RequireEmbeddedAccounts()
+{
+    if (AreSystemAccounts()) {
+        throw Failure(Exit::NotAllowed, "system_accounts",
+                      "accounts come from the system here (accounts=\"system\" in " +
+                          std::string(kSettingsFile) +
+                          "): use useradd, usermod, passwd, userdel and their like");
+    }
+}
 
 std::string LocalName(const std::string& typed)
 {

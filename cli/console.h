@@ -99,6 +99,9 @@ Json::Value AskService(const char* api, const char* method, Json::Value params,
 
 // --- Names ---
 
+// Ends a command that would change who there is, when that is the system's to say.
+void RequireEmbeddedAccounts();
+
 std::string LocalName(const std::string& typed);   // canonical; throws Failure
 Account ExistingAccount(const std::string& typed); // local
 Account KnownAccount(const std::string& typed);    // or of a directory, once it has been seen here

@@ -7,9 +7,11 @@
 #include "linux/database.h"
 #include "linux/descriptor.h"
 #include "linux/ids.h"
+#include "linux/pam.h"
 #include "linux/paths.h"
 #include "linux/policy_file.h"
 #include "linux/settings.h"
+#include "linux/system_accounts.h"
 #include "linux/unix_socket.h"
 #include "linux/vault.h"
 #include "platform/json.h"
@@ -98,6 +100,7 @@ constexpr Place kPlaces[] = {
     {kPreferenceDir, S_IFDIR, Owner::Service, 0700},
     {kStateDir, S_IFDIR, Owner::Service, 0700},
     {kAccountsDatabase, S_IFREG, Owner::Service, 0600},
+    {kSystemAccountsDatabase, S_IFREG, Owner::Service, 0600, false},
     {kSigninDatabase, S_IFREG, Owner::Service, 0600},
     {kMailDatabase, S_IFREG, Owner::Service, 0600},
     {kRunDir, S_IFDIR, Owner::Root, 0755},
@@ -256,6 +259,7 @@ struct KnownSetting {
 };
 
 constexpr KnownSetting kKnownSettings[] = {
+    {"accounts", 0, 0, " embedded system "},
     {"audit_days", 1, 36500},
     {"domain_base"},
     {"domain_bind_dn"},
@@ -406,6 +410,40 @@ void LookAtDatabase(Page& page, const char* path, Database& (*open)())
     } catch (const DatabaseError& error) {
         page.Tell(State::Broken, "databases", std::string(path) + ": " + error.what(),
                   "mend owner and mode, install the version that made it, or bring it back from a backup");
+    }
+}
+
+// Accounts of the system: whether they can be read, somebody administers, and PAM has its service.
+void LookAtSystemAccounts(Page& page)
+{
+    try {
+        if (!AreSystemAccounts()) {
+            return;
+        }
+        int64_t accounts = 0;
+        int64_t administrators = 0;
+        ForEachAccount([&](const Account& account) {
+            ++accounts;
+            administrators += account.isAdmin ? 1 : 0;
+        });
+        const std::string found = std::to_string(accounts) + " of the system, " +
+                                  std::to_string(administrators) + " of them in " + kSystemAdministrators;
+        page.Tell(administrators > 0 ? State::Ok : State::Warning, "accounts", found,
+                  administrators > 0 ? "" : "nobody administers: usermod --append --groups sudo NAME");
+    } catch (const DatabaseError& error) {
+        page.Tell(State::Broken, "accounts", std::string("nobody can sign in: ") + error.what(),
+                  std::string("mend that file, or the setting accounts in ") + kSettingsFile);
+        return;
+    }
+    const std::string service = std::string(kSystemPamDir) + '/' + kPamService;
+    struct stat entry {
+    };
+    if (stat(service.c_str(), &entry) != 0 || !S_ISREG(entry.st_mode)) {
+        page.Tell(State::Broken, "accounts", service + " is missing: no password can be compared",
+                  "install the package tavr-otp again, with dpkg --force-confmiss");
+    } else if (entry.st_uid != 0 || (entry.st_mode & 022) != 0) {
+        page.Tell(State::Broken, "accounts", service + " can be changed by others than root",
+                  "chown root " + service + " and chmod 644");
     }
 }
 
@@ -619,6 +657,7 @@ void Examine()
     LookAtDatabase(page, kAccountsDatabase, AccountsDatabase);
     LookAtDatabase(page, kSigninDatabase, SigninDatabase);
     LookAtDatabase(page, kMailDatabase, MailDatabase);
+    LookAtSystemAccounts(page);
     LookAtKey(page);
     LookAtPolicy(page);
     LookAtService(page, WebProgramAnswers(), "tavr-otp-web", kWebSocket);

@@ -55,6 +55,7 @@ std::string Joined(const std::vector<std::string>& names)
 
 void AddGroupCommand(const std::string& typedName, const std::string& description)
 {
+    RequireEmbeddedAccounts();
     const std::string name = LocalName(typedName);
     if (const char* problem = DescriptionProblem(description)) {
         throw Failure(Exit::Usage, "bad_description", std::string("the description is refused: ") + problem);
@@ -69,6 +70,7 @@ void AddGroupCommand(const std::string& typedName, const std::string& descriptio
 
 void RemoveGroupCommand(const std::string& typedName)
 {
+    RequireEmbeddedAccounts();
     const Group group = ExistingGroup(typedName);
     if (IsBuiltIn(group)) {
         throw Failure(Exit::NotAllowed, "built_in",
@@ -86,7 +88,8 @@ void ListGroups()
     if (!IsJson()) {
         ForEachGroup([](const Group& group) {
             // Everybody is in `users`; its list would say what `user list` says.
-            const std::string members = group.name == kUsers ? "all" : Joined(MembersOf(group));
+            const bool holdsAll = IsBuiltIn(group) && group.name == kUsers;
+            const std::string members = holdsAll ? "all" : Joined(MembersOf(group));
             Say(std::to_string(group.gid) + '\t' + group.name + '\t' + members + '\t' + group.description);
         });
         return;
@@ -105,6 +108,7 @@ void ListGroups()
 
 void JoinGroupCommand(const std::string& typedGroup, const std::string& typedUser)
 {
+    RequireEmbeddedAccounts();
     const Group group = ExistingGroup(typedGroup);
     const Account account = ExistingAccount(typedUser);
     const bool joined = JoinGroup(account, group);
@@ -117,6 +121,7 @@ void JoinGroupCommand(const std::string& typedGroup, const std::string& typedUse
 
 void LeaveGroupCommand(const std::string& typedGroup, const std::string& typedUser)
 {
+    RequireEmbeddedAccounts();
     const Group group = ExistingGroup(typedGroup);
     const Account account = ExistingAccount(typedUser);
     if (account.gid == group.gid) {

@@ -8,6 +8,7 @@
 #include "linux/machine_key.h"
 #include "linux/paths.h"
 #include "linux/policy_file.h"
+#include "linux/system_accounts.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -168,6 +169,10 @@ void MakeServicesPart(Ids service)
     MakePolicyFile(service);
     AccountsDatabase();
     Report("opened", kAccountsDatabase);
+    if (AreSystemAccounts()) {
+        SystemAccountsDatabase();
+        Report("opened", kSystemAccountsDatabase);
+    }
     SigninDatabase();
     Report("opened", kSigninDatabase);
     MailDatabase();

@@ -73,6 +73,7 @@ void RetireSignin(const Account& account)
 
 void AddUser(const std::string& typedName, const UserTexts& texts, bool isAdmin)
 {
+    RequireEmbeddedAccounts();
     NewAccount account;
     account.name = LocalName(typedName);
     account.mail = texts.mail.value_or("");
@@ -96,6 +97,9 @@ void SetUser(const std::string& typedName, const UserTexts& texts)
     if (!texts.mail && !texts.description) {
         throw Failure(Exit::Usage, "usage", "nothing to set: give --mail or --desc");
     }
+    if (texts.description) {
+        RequireEmbeddedAccounts(); // an address is kept here, wherever the account comes from
+    }
     CheckTexts(texts);
     const Account account = ExistingAccount(typedName);
     if (!ChangeAccount(account.uid, {texts.description, texts.mail})) {
@@ -110,6 +114,7 @@ void SetUser(const std::string& typedName, const UserTexts& texts)
 
 void SetUserPassword(const std::string& typedName)
 {
+    RequireEmbeddedAccounts();
     const Account account = ExistingAccount(typedName);
     const Password password;
     if (!SetPassword(account.uid, password.Text())) {
@@ -140,6 +145,7 @@ void ListUsers()
 // its second step, and removing it again goes on from there.
 void RemoveUser(const std::string& typedName)
 {
+    RequireEmbeddedAccounts();
     const Account account = ExistingAccount(typedName);
     Confirm("Remove user " + account.name + " with secret and preference directory?");
     SetDisabled(account.uid, true);
@@ -159,6 +165,7 @@ void RemoveUser(const std::string& typedName)
 
 void DisableUser(const std::string& typedName)
 {
+    RequireEmbeddedAccounts();
     const Account account = ExistingAccount(typedName);
     if (!SetDisabled(account.uid, true)) {
         throw Failure(Exit::NotFound, "no_such_user", account.name + " has just been removed");
@@ -171,6 +178,7 @@ void DisableUser(const std::string& typedName)
 
 void EnableUser(const std::string& typedName)
 {
+    RequireEmbeddedAccounts();
     const Account account = ExistingAccount(typedName);
     if (!SetDisabled(account.uid, false)) {
         throw Failure(Exit::NotFound, "no_such_user", account.name + " has just been removed");

@@ -21,12 +21,12 @@ void BindNothing(Statement& /*statement*/) {}
 
 int64_t ListAccounts(std::string_view text, const ListPage& page, const EachEntry& each)
 {
-    return ListSearched(AccountsDatabase(), kAccounts, text, page, each, BindNothing);
+    return ListSearched(LocalAccountsDatabase(), kAccounts, text, page, each, BindNothing);
 }
 
 int64_t ListGroups(std::string_view text, const ListPage& page, const EachEntry& each)
 {
-    return ListSearched(AccountsDatabase(), kGroups, text, page, each, BindNothing);
+    return ListSearched(LocalAccountsDatabase(), kGroups, text, page, each, BindNothing);
 }
 
 } // namespace tavr

@@ -5,6 +5,7 @@
 #include "linux/names.h"
 #include "linux/paths.h"
 #include "linux/searched_table.h"
+#include "linux/system_accounts.h"
 
 #include <crypt.h>
 #include <fcntl.h>
@@ -260,6 +261,11 @@ const char* TextProblem(std::string_view text, size_t most)
 
 } // namespace
 
+Database& LocalAccountsDatabase()
+{
+    return AreSystemAccounts() ? SystemAccountsDatabase() : AccountsDatabase();
+}
+
 Database OpenAccounts()
 {
     static const std::string lists = AccountListTables();
@@ -307,7 +313,8 @@ std::optional<Account> FindAccount(std::string_view canonicalName)
         return FindDirectoryAccount("SELECT uid, name, kind FROM directory_account WHERE name = ?",
                                     canonicalName);
     }
-    Statement find = AccountsDatabase().Prepare("SELECT " ACCOUNT_COLUMNS " FROM account WHERE name = ?");
+    Statement find =
+        LocalAccountsDatabase().Prepare("SELECT " ACCOUNT_COLUMNS " FROM account WHERE name = ?");
     find.Bind(1, canonicalName);
     return find.Step() ? std::optional(ReadAccount(find)) : std::nullopt;
 }
@@ -318,7 +325,7 @@ std::optional<Account> FindAccount(uint32_t uid)
         return FindDirectoryAccount(
             "SELECT uid, name, kind FROM directory_account WHERE uid = ? AND name IS NOT NULL", int64_t{uid});
     }
-    Statement find = AccountsDatabase().Prepare("SELECT " ACCOUNT_COLUMNS " FROM account WHERE uid = ?");
+    Statement find = LocalAccountsDatabase().Prepare("SELECT " ACCOUNT_COLUMNS " FROM account WHERE uid = ?");
     find.Bind(1, uid);
     return find.Step() ? std::optional(ReadAccount(find)) : std::nullopt;
 }
@@ -327,6 +334,9 @@ std::optional<Account> CheckPassword(std::string_view canonicalName, std::string
 {
     if (PasswordProblem(password) != nullptr) {
         return std::nullopt;
+    }
+    if (AreSystemAccounts()) {
+        return CheckSystemPassword(canonicalName, password);
     }
     std::optional<Account> account;
     std::string stored;
@@ -346,7 +356,7 @@ std::optional<Account> CheckPassword(std::string_view canonicalName, std::string
 
 void ForEachAccount(const std::function<void(const Account&)>& each)
 {
-    Statement list = AccountsDatabase().Prepare("SELECT " ACCOUNT_COLUMNS " FROM account ORDER BY name");
+    Statement list = LocalAccountsDatabase().Prepare("SELECT " ACCOUNT_COLUMNS " FROM account ORDER BY name");
     while (list.Step()) {
         each(ReadAccount(list));
     }
@@ -355,7 +365,7 @@ void ForEachAccount(const std::function<void(const Account&)>& each)
 std::optional<Group> FindGroup(std::string_view canonicalName)
 {
     Statement find =
-        AccountsDatabase().Prepare("SELECT gid, name, description FROM account_group WHERE name = ?");
+        LocalAccountsDatabase().Prepare("SELECT gid, name, description FROM account_group WHERE name = ?");
     find.Bind(1, canonicalName);
     return find.Step() ? std::optional(ReadGroup(find)) : std::nullopt;
 }
@@ -363,7 +373,7 @@ std::optional<Group> FindGroup(std::string_view canonicalName)
 void ForEachGroup(const std::function<void(const Group&)>& each)
 {
     Statement list =
-        AccountsDatabase().Prepare("SELECT gid, name, description FROM account_group ORDER BY name");
+        LocalAccountsDatabase().Prepare("SELECT gid, name, description FROM account_group ORDER BY name");
     while (list.Step()) {
         each(ReadGroup(list));
     }
@@ -373,7 +383,7 @@ std::vector<uint32_t> GroupsOf(const Account& account)
 {
     std::vector<uint32_t> gids{account.gid};
     Statement list =
-        AccountsDatabase().Prepare("SELECT gid FROM membership WHERE uid = ? AND gid <> ? ORDER BY gid");
+        LocalAccountsDatabase().Prepare("SELECT gid FROM membership WHERE uid = ? AND gid <> ? ORDER BY gid");
     list.Bind(1, account.uid).Bind(2, account.gid);
     while (list.Step()) {
         gids.push_back(static_cast<uint32_t>(list.Int(0)));
@@ -384,7 +394,7 @@ std::vector<uint32_t> GroupsOf(const Account& account)
 std::vector<std::string> MembersOf(const Group& group)
 {
     std::vector<std::string> names;
-    Statement list = AccountsDatabase().Prepare(
+    Statement list = LocalAccountsDatabase().Prepare(
         "SELECT name FROM account WHERE gid = ?1 UNION "
         "SELECT a.name FROM membership AS m JOIN account AS a USING (uid) WHERE m.gid = ?1 ORDER BY name");
     list.Bind(1, group.gid);
@@ -456,7 +466,7 @@ std::optional<Account> AddAccount(const NewAccount& account, std::string_view pa
 bool ChangeAccount(uint32_t uid, const AccountChange& change)
 {
     // One statement, in which a null keeps what is stored: what others change meanwhile is not written back.
-    Database& db = AccountsDatabase();
+    Database& db = LocalAccountsDatabase();
     Statement update =
         db.Prepare("UPDATE account SET description = coalesce(?1, description), mail = coalesce(?2, mail), "
                    "folded = search_text(name, coalesce(?1, description)) WHERE uid = ?3");

@@ -111,10 +111,11 @@ private:
 
 // The process's connections, opened at the first call (see Database about ids) and kept. A call that fails
 // throws, and the next one tries again.
-Database& AccountsDatabase(); // its tables: accounts.cpp
-Database OpenAccounts();      // a connection of its own to the same file, for a thread
-Database& SigninDatabase();   // its tables: signin_schema.cpp
-Database& MailDatabase();     // its tables: mail_queue.cpp
-Database& DomainDatabase();   // its tables: domain_copy.cpp
+Database& AccountsDatabase();      // its tables: accounts.cpp
+Database OpenAccounts();           // a connection of its own to the same file, for a thread
+Database& LocalAccountsDatabase(); // the first, or the store of the system's accounts (system_accounts.h)
+Database& SigninDatabase();        // its tables: signin_schema.cpp
+Database& MailDatabase();          // its tables: mail_queue.cpp
+Database& DomainDatabase();        // its tables: domain_copy.cpp
 
 } // namespace tavr

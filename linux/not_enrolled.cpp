@@ -124,7 +124,7 @@ int64_t CountWithout(const Numbers& demanded)
 
 int64_t CountNotEnrolled(std::string_view option, const Json::Value& picks)
 {
-    Database& accounts = AccountsDatabase();
+    Database& accounts = LocalAccountsDatabase();
     if (option == "user") {
         // From the other side: everybody need not be looked at while few are enrolled.
         const Numbers enrolled = Found(accounts, kAccounts, All(SigninDatabase(), kEnrolled));

@@ -17,16 +17,17 @@ inline constexpr char kDataDir[] = "/usr/tavr/etc";                  // tavr-web
 inline constexpr char kPreferenceDir[] = "/usr/tavr/etc/preference"; // tavr-web 0700
 inline constexpr char kPolicyFile[] = "/usr/tavr/etc/tavr_otp_enforce_custom_setting";
 
-inline constexpr char kStateDir[] = "/var/lib/tavr";                     // tavr-web 0700
-inline constexpr char kAccountsDatabase[] = "/var/lib/tavr/accounts.db"; // users, groups
-inline constexpr char kSigninDatabase[] = "/var/lib/tavr/signin.db";     // vault, sessions
-inline constexpr char kMailDatabase[] = "/var/lib/tavr/mail.db";         // mails that wait to be sent
-inline constexpr char kDomainDatabase[] = "/var/lib/tavr/domain.db";     // copy of domains' directories
-inline constexpr char kDomainLockFile[] = "/var/lib/tavr/domain.lock";   // held by who refreshes it
-inline constexpr char kPolicyCopyFile[] = "/var/lib/tavr/policy.copy";   // the last good kPolicyFile
-inline constexpr char kPolicyLockFile[] = "/var/lib/tavr/policy.lock";   // policy_file.h
-inline constexpr char kAccountLockFile[] = "/var/lib/tavr/account.lock"; // one byte an account
-inline constexpr char kMailLockFile[] = "/var/lib/tavr/mail.lock";       // held by who sends
+inline constexpr char kStateDir[] = "/var/lib/tavr";                         // tavr-web 0700
+inline constexpr char kAccountsDatabase[] = "/var/lib/tavr/accounts.db";     // users, groups
+inline constexpr char kSystemAccountsDatabase[] = "/var/lib/tavr/system.db"; // the system's, instead
+inline constexpr char kSigninDatabase[] = "/var/lib/tavr/signin.db";         // vault, sessions
+inline constexpr char kMailDatabase[] = "/var/lib/tavr/mail.db";             // mails that wait to be sent
+inline constexpr char kDomainDatabase[] = "/var/lib/tavr/domain.db";         // copy of domains' directories
+inline constexpr char kDomainLockFile[] = "/var/lib/tavr/domain.lock";       // held by who refreshes it
+inline constexpr char kPolicyCopyFile[] = "/var/lib/tavr/policy.copy";       // the last good kPolicyFile
+inline constexpr char kPolicyLockFile[] = "/var/lib/tavr/policy.lock";       // policy_file.h
+inline constexpr char kAccountLockFile[] = "/var/lib/tavr/account.lock";     // one byte an account
+inline constexpr char kMailLockFile[] = "/var/lib/tavr/mail.lock";           // held by who sends
 
 inline constexpr char kWaitingDir[] = "/tmp";        // the web service's own; the library names it
 inline constexpr char kWaitingFilePrefix[] = "OTP_"; // then the account's number
@@ -41,6 +42,12 @@ inline constexpr char kMailTemplateDir[] = "/usr/share/tavr-otp/mail"; // <langu
 inline constexpr char kOwnMailTemplateDir[] = "/etc/tavr/mail";        // likewise, the administrator's
 
 inline constexpr char kPamDir[] = "/usr/share/tavr-otp/pam"; // folders of PAM services, as installed
+inline constexpr char kSystemPamDir[] = "/etc/pam.d";        // the machine's
+
+inline constexpr char kPasswdFile[] = "/etc/passwd"; // accounts and groups of the machine
+inline constexpr char kGroupFile[] = "/etc/group";
+inline constexpr char kShadowFile[] = "/etc/shadow";
+inline constexpr char kLoginDefsFile[] = "/etc/login.defs";
 
 inline constexpr char kWebApiSocket[] = "/run/tavrscgi-fastapi.sock";   // platform/webapi.h
 inline constexpr char kWebApiLockFile[] = "/var/lib/tavr/webapid.lock"; // held by the one service

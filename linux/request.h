@@ -68,6 +68,9 @@ struct Request {
     // The place that it waits for them at (places.h), let go of when it ends.
     std::shared_ptr<Place> directoryPlace;
 
+    // Whether the store of the system's accounts is in step with the system (system_accounts.cpp).
+    bool systemAccountsLookedAt = false;
+
     // What owners of accounts are to be told by mail once this request is over (notices.h).
     struct Notice {
         const char* tag = nullptr; // of the template; a literal

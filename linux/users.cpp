@@ -9,6 +9,7 @@
 #include "linux/guarded.h"
 #include "linux/ldap_accounts.h"
 #include "linux/names.h"
+#include "linux/system_accounts.h"
 #include "linux/user_record.h"
 #include "platform/directory.h"
 
@@ -230,6 +231,9 @@ int TAVRConfdUserUpdate(const char* name, const TAVRUser* record, int /*flags*/)
         // Another account by now: the one that the record was read of has been removed.
         if (account.uid != record->uid) {
             return Fail(Error::NoSuchUser);
+        }
+        if (tavr::AreSystemAccounts() && TextToStore(record->description)) {
+            return Fail(Error::NotAllowed); // the system's to say
         }
         const tavr::AccountChange change{TextToStore(record->description), TextToStore(record->mail)};
         if ((change.mail && tavr::MailProblem(*change.mail) != nullptr) ||

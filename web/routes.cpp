@@ -121,6 +121,7 @@ bool TokenMatches(const HttpRequest& request, const Session& session)
 void OpenDatabases()
 {
     AccountsDatabase();
+    LocalAccountsDatabase();
     SigninDatabase();
 }
 

@@ -258,6 +258,7 @@ void ClearNowAndThen()
     last = BootSeconds();
     try {
         StartRequest();
+        LocalAccountsDatabase(); // who is gone from the system is seen gone, though nobody comes
         ClearWaiting(Clear::TooOld);
         ClearAudit();
         QueueNotices();
@@ -271,6 +272,7 @@ void OpenDatabasesAtStart(Start start)
 {
     try {
         AccountsDatabase();
+        LocalAccountsDatabase();
         SigninDatabase();
         if (start == Start::First) {
             ClearWaiting(Clear::All);
