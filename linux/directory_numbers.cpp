@@ -1,8 +1,7 @@
 #include "linux/directory_numbers.h"
 
-#include "linux/account_lock.h"
 #include "linux/accounts.h"
-#include "linux/ids.h"
+#include "linux/enrolment.h"
 
 #include <chrono>
 #include <thread>
@@ -36,29 +35,6 @@ bool IsTaken(Database& db, const std::string& name)
 constexpr std::chrono::milliseconds kLongestInUse{10'000};
 constexpr std::chrono::milliseconds kPause{10};
 
-struct InUse {
-}; // somebody holds the account's lock
-
-// The locks of accounts whose files are moved or deleted, until the names are stored: nobody writes there
-// meanwhile, and who comes next sees that the name has changed (AccountLock). Not waited for, as who holds
-// one may be waiting for the store.
-class Locks
-{
-public:
-    void Take(uint32_t uid)
-    {
-        const EffectiveIds service = EffectiveIds::Service();
-        Descriptor lock = service.Changed() ? LockAccount(uid, LockWait::Not) : Descriptor();
-        if (!lock) {
-            throw InUse();
-        }
-        held_.push_back(std::move(lock));
-    }
-
-private:
-    std::vector<Descriptor> held_;
-};
-
 // What a former owner has left at the name's place goes first: it must not come to the new one.
 void ClearPlaceOf(const std::string& name)
 {
@@ -78,7 +54,7 @@ uint32_t Add(Database& db, int kind, const DirectoryEntry& entry)
     return static_cast<uint32_t>(db.LastInsertId());
 }
 
-void Rename(Database& db, Locks& locks, const Row& row, const std::string& name)
+void Rename(Database& db, AccountLocks& locks, const Row& row, const std::string& name)
 {
     locks.Take(row.uid);
     ClearPlaceOf(name);
@@ -92,7 +68,7 @@ void Rename(Database& db, Locks& locks, const Row& row, const std::string& name)
 }
 
 // Empty: the name is another one's. In a transaction, which the locks outlast.
-std::optional<uint32_t> Number(Database& db, Locks& locks, int kind, const DirectoryEntry& entry)
+std::optional<uint32_t> Number(Database& db, AccountLocks& locks, int kind, const DirectoryEntry& entry)
 {
     const std::optional<Row> row = RowOf(db, kind, entry.id);
     if (row && row->name == entry.name) {
@@ -125,7 +101,7 @@ std::optional<uint32_t> FormerOwner(Database& db, int kind, const DirectoryEntry
 
 uint32_t TakeName(Database& db, int kind, const DirectoryEntry& entry)
 {
-    Locks locks;
+    AccountLocks locks;
     Transaction transaction(db);
     if (const std::optional<uint32_t> owner = FormerOwner(db, kind, entry)) {
         locks.Take(*owner);
@@ -154,12 +130,12 @@ std::vector<std::optional<uint32_t>> NumbersOfAccounts(int kind, std::span<const
     if (complete) {
         return numbers; // as nearly always: nothing is written
     }
-    Locks locks;
+    AccountLocks locks;
     Transaction transaction(store);
     for (size_t i = 0; i < entries.size(); ++i) {
         try {
             numbers[i] = Number(store, locks, kind, entries[i]);
-        } catch (const InUse&) {
+        } catch (const AccountInUse&) {
             numbers[i] = std::nullopt; // it can be renamed another time
         }
     }
@@ -177,7 +153,7 @@ uint32_t NumberOfAccount(int kind, const DirectoryEntry& entry)
     while (true) {
         try {
             return TakeName(db, kind, entry);
-        } catch (const InUse&) {
+        } catch (const AccountInUse&) {
             if (std::chrono::steady_clock::now() > end) {
                 throw DatabaseError(0, entry.name + " cannot be renamed: somebody is writing its files");
             }

@@ -343,6 +343,16 @@ bool AccountLock::Held() const
     return held_;
 }
 
+void AccountLocks::Take(uint32_t account)
+{
+    const EffectiveIds service = EffectiveIds::Service();
+    Descriptor lock = service.Changed() ? LockAccount(account, LockWait::Not) : Descriptor();
+    if (!lock) {
+        throw AccountInUse();
+    }
+    held_.push_back(std::move(lock));
+}
+
 // --- Settling ---
 
 EnrolmentState Settle(const Account& account)

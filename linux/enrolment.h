@@ -3,12 +3,14 @@
 
 #include "linux/accounts.h"
 #include "linux/audit.h"
+#include "linux/descriptor.h"
 #include "linux/request.h"
 #include "linux/vault.h"
 
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tavr
 {
@@ -32,6 +34,21 @@ public:
 private:
     uint32_t account_;
     bool held_;
+};
+
+struct AccountInUse {
+}; // somebody holds the account's lock
+
+// The locks of accounts whose files are moved or deleted, until it is stored whose the names are: nobody
+// writes there meanwhile, and who comes next sees that the name has changed. Not waited for, as who holds one
+// may be waiting for the store.
+class AccountLocks
+{
+public:
+    void Take(uint32_t account); // throws AccountInUse
+
+private:
+    std::vector<Descriptor> held_;
 };
 
 enum class Enrolment { No, Yes, Fault };

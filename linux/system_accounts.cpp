@@ -3,6 +3,7 @@
 #include "linux/apart.h"
 #include "linux/audit.h"
 #include "linux/clock.h"
+#include "linux/enrolment.h"
 #include "linux/file_stamp.h"
 #include "linux/ids.h"
 #include "linux/kept_secret.h"
@@ -420,7 +421,7 @@ ByName<KnownGroup> KnownGroups(Database& db)
 }
 
 // The accounts that are gone, with all that was theirs.
-std::vector<Account> RemoveGoneUsers(Database& db, const std::vector<SystemUser>& users,
+std::vector<Account> RemoveGoneUsers(Database& db, AccountLocks& locks, const std::vector<SystemUser>& users,
                                      ByName<KnownUser>& known)
 {
     ByName<uid_t> there;
@@ -438,6 +439,7 @@ std::vector<Account> RemoveGoneUsers(Database& db, const std::vector<SystemUser>
         account.name = at->first;
         account.uid = at->second.number;
         account.gid = at->second.gid;
+        locks.Take(account.uid);
         EndSessionsOf(account.uid);
         FinishSwitchingOff(account.uid);
         db.Prepare("DELETE FROM account WHERE uid = ?").Bind(1, account.uid).Run();
@@ -623,11 +625,11 @@ void SetMemberships(Database& db, const Memberships& wanted)
     }
 }
 
-std::vector<Account> Bring(Database& db, const SystemAccounts& system)
+std::vector<Account> Bring(Database& db, AccountLocks& locks, const SystemAccounts& system)
 {
     ByName<KnownUser> users = KnownUsers(db);
     ByName<KnownGroup> groups = KnownGroups(db);
-    std::vector<Account> gone = RemoveGoneUsers(db, system.users, users);
+    std::vector<Account> gone = RemoveGoneUsers(db, locks, system.users, users);
     RemoveGoneGroups(db, system.groups, groups);
     SetAdministratorsGid(db, system.groups);
     AddGroups(db, system, groups);
@@ -643,9 +645,15 @@ void BringInStep(Database& db)
     if (inStep && *inStep == LookAtFiles()) {
         return;
     }
+    AccountLocks locks;
     Transaction transaction(db);
     const Look look = LookAtFiles();
-    const std::vector<Account> gone = Bring(db, ReadSystem(look.day));
+    std::vector<Account> gone;
+    try {
+        gone = Bring(db, locks, ReadSystem(look.day));
+    } catch (const AccountInUse&) {
+        Refuse("an account that is gone is still in use by a request");
+    }
     transaction.Commit();
     inStep = IsSettled(look) ? std::optional(look) : std::nullopt;
     for (const Account& account : gone) {

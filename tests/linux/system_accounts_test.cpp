@@ -3,6 +3,8 @@
 #include "linux/system_accounts.h"
 
 #include "linux/account_list.h"
+#include "linux/account_lock.h"
+#include "linux/enrolment.h"
 #include "linux/ids.h"
 #include "linux/names.h"
 #include "linux/not_enrolled.h"
@@ -322,6 +324,30 @@ TEST_F(SystemAccounts, AreSomebodyElseOnceTheyWereGone)
         });
         AsWorker([] { EXPECT_NE(0U, NumberOf("anna")); });
     }
+}
+
+TEST_F(SystemAccounts, AreNotClearedAwayWhileSomebodyWritesTheirFiles)
+{
+    AsWorker([] {
+        const Account bob = *Find("bob");
+        ASSERT_TRUE(MakePreferenceDirectory(bob));
+        EXPECT_TRUE(AccountLock(bob).Held()); // makes the file
+        Tell("/run/number", bob.uid);
+    });
+    Descriptor writer = LockAccount(static_cast<uint32_t>(Told("/run/number")), LockWait::Not);
+    ASSERT_TRUE(writer);
+    Shell("userdel bob");
+    AsWorker([] {
+        EXPECT_THROW(Find("bob"), DatabaseError);
+        EXPECT_THROW(Find("anna"), DatabaseError) << "the store is not in step";
+    });
+    EXPECT_TRUE(fs::exists(std::string(kPreferenceDir) + "/bob"));
+    writer = Descriptor();
+    AsWorker([] {
+        EXPECT_FALSE(Find("bob"));
+        EXPECT_TRUE(Find("anna"));
+    });
+    EXPECT_FALSE(fs::exists(std::string(kPreferenceDir) + "/bob"));
 }
 
 TEST_F(SystemAccounts, LoseTheirSessionsWithTheirPasswordAndTheirRights)
