@@ -46,7 +46,8 @@ Setting ReadSetting()
 
 int64_t Seconds(clockid_t clock, const char* set)
 {
-    return set[0] == '=' ? std::atoll(set + 1) : Running(clock) + std::atoll(set);
+    return set[0] == '=' ? std::strtoll(set + 1, nullptr, 10)
+                         : Running(clock) + std::strtoll(set, nullptr, 10);
 }
 #else
 struct Setting {
