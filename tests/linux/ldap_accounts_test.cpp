@@ -9,6 +9,8 @@
 #include "tests/support/directory.h"
 #include "tests/support/fresh_server.h"
 
+#include <sys/resource.h>
+
 #include <cstdlib>
 #include <set>
 
@@ -365,6 +367,43 @@ TEST_F(LdapAccounts, AreNotKnownWhileTheDirectoryIsAway)
         StartRequest();
         EXPECT_FALSE(Find("alice")) << "a local name";
         EXPECT_EQ(Fault::None, CurrentRequest().fault);
+    });
+}
+
+// Most bytes that this process ever held.
+int64_t MostHeld()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return int64_t{usage.ru_maxrss} * 1024;
+}
+
+TEST_F(LdapAccounts, WithFiftyMegabytesInOneValueTakeNoMemoryAndDisturbNobody)
+{
+    const Directory large({"--users", "3", "--large"});
+    WriteSettings(large.SettingsLines());
+    AsWorker([] {
+        EXPECT_TRUE(Find("user0001@office.example"));
+        const int64_t before = MostHeld();
+
+        StartRequest();
+        EXPECT_TRUE(Find("picture@office.example")) << "pictures are not asked for";
+        EXPECT_TRUE(IsPassword("picture@office.example", "large-password"));
+
+        StartRequest();
+        EXPECT_FALSE(Find("address@office.example"));
+        EXPECT_EQ(0x2200, KLIBCErrGet());
+        EXPECT_EQ(Fault::DirectoryUnavailable, CurrentRequest().fault);
+        EXPECT_THROW(IsPassword("address@office.example", "large-password"), LdapError);
+
+        StartRequest();
+        EXPECT_TRUE(Find("user0002@office.example"));
+        EXPECT_TRUE(IsPassword("user0002@office.example", "pw-0002"));
+        EXPECT_EQ(-1, Users("").total) << "addresses are asked for in lists";
+        EXPECT_EQ(Fault::DirectoryUnavailable, CurrentRequest().fault);
+        EXPECT_EQ(1, Users("user 0002").total);
+        EXPECT_EQ(Fault::None, CurrentRequest().fault);
+        EXPECT_LT(MostHeld() - before, 8 << 20);
     });
 }
 

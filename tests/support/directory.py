@@ -79,6 +79,13 @@ def write_population(file, users, groups):
         file.write("\n")
 
 
+def write_large(file):
+    """Two people with a value of 50 MB: a picture, which nobody asks for, and an address."""
+    for uid, attribute in (("picture", "jpegPhoto"), ("address", "mail")):
+        file.write("dn: uid=%s,ou=people,%s\nobjectClass: inetOrgPerson\nuid: %s\ncn: Large %s\nsn: L\n"
+                   "userPassword: large-password\n%s: %s\n\n" % (uid, BASE, uid, uid, attribute, "x" * 50_000_000))
+
+
 def free_ports(count):
     sockets = [socket.socket() for _ in range(count)]
     for one in sockets:
@@ -112,6 +119,7 @@ def main():
     parser.add_argument("folder")
     parser.add_argument("--users", type=int, default=20)
     parser.add_argument("--groups", type=int, default=5)
+    parser.add_argument("--large", action="store_true")
     parser.add_argument("--other-ca", action="store_true")
     parser.add_argument("--plain-only", action="store_true")
     parser.add_argument("--port", type=int)
@@ -130,6 +138,8 @@ def main():
         file.write(CONFIG.format(folder=options.folder, base=BASE, tls=tls))
     with open(path("data.ldif"), "w") as file:
         write_population(file, options.users, options.groups)
+        if options.large:
+            write_large(file)
         with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "directory.ldif")) as odd:
             file.write(odd.read())
     loaded = subprocess.run(["/usr/sbin/slapadd", "-q", "-f", path("slapd.conf"), "-l", path("data.ldif")],
