@@ -10,6 +10,7 @@
 #include "platform/users.h"
 #include "tests/support/domain.h"
 #include "tests/support/fresh_server.h"
+#include "tests/support/user_record.h"
 
 #include <fcntl.h>
 
@@ -25,17 +26,11 @@ using namespace tavr::test;
 namespace
 {
 
-struct FreeUser {
-    void operator()(TAVRUser* user) const noexcept { TAVRUserFree(user); }
-};
-using UserRecord = std::unique_ptr<TAVRUser, FreeUser>;
-
 // Each in a request of its own.
 UserRecord Find(const std::string& name)
 {
     StartRequest();
-    TAVRUser* record = nullptr;
-    return TAVRUserGet(name.c_str(), &record) < 0 ? UserRecord() : UserRecord(record);
+    return FindRecord(name);
 }
 
 uint32_t GroupNumber(const std::string& name)

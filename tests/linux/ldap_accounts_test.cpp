@@ -8,6 +8,7 @@
 #include "platform/directory.h"
 #include "tests/support/directory.h"
 #include "tests/support/fresh_server.h"
+#include "tests/support/user_record.h"
 
 #include <sys/resource.h>
 
@@ -20,20 +21,9 @@ using namespace tavr::test;
 namespace
 {
 
-struct FreeUser {
-    void operator()(TAVRUser* user) const noexcept { TAVRUserFree(user); }
-};
-using UserRecord = std::unique_ptr<TAVRUser, FreeUser>;
-
-UserRecord Find(const std::string& name)
-{
-    TAVRUser* record = nullptr;
-    return TAVRUserGet(name.c_str(), &record) < 0 ? UserRecord() : UserRecord(record);
-}
-
 uint32_t NumberOf(const std::string& name)
 {
-    const UserRecord record = Find(name);
+    const UserRecord record = FindRecord(name);
     return record ? record->uid : 0;
 }
 
@@ -70,7 +60,7 @@ struct Listed {
 int TakeUser(const KLIBUserInfo* entry, void* listed)
 {
     EXPECT_EQ(8, entry->source);
-    const UserRecord record = Find(entry->name); // as the library does for each of them
+    const UserRecord record = FindRecord(entry->name); // as the library does for each of them
     EXPECT_TRUE(record && record->uid == entry->uid) << entry->name;
     static_cast<Listed*>(listed)->names.emplace_back(entry->name);
     static_cast<Listed*>(listed)->texts.push_back(std::string(entry->name) + '\n' + entry->description);
@@ -134,15 +124,15 @@ Directory* LdapAccounts::directory_ = nullptr;
 TEST_F(LdapAccounts, AreReadIntoARecord)
 {
     AsWorker([] {
-        const UserRecord lea = Find(" LEA@Office.Example");
+        const UserRecord lea = FindRecord(" LEA@Office.Example");
         ASSERT_TRUE(lea) << KLIBCErrGet();
         EXPECT_STREQ(kLea, lea->name);
         EXPECT_EQ(2000000000U, lea->uid);
         EXPECT_EQ(8, lea->kind);
         EXPECT_STREQ("Lea B.", lea->description);
         EXPECT_STREQ("lea@home.example", lea->mail);
-        EXPECT_STREQ("", Find("nomail@office.example")->mail);
-        EXPECT_STREQ("many00@home.example", Find("manymail@office.example")->mail);
+        EXPECT_STREQ("", FindRecord("nomail@office.example")->mail);
+        EXPECT_STREQ("many00@home.example", FindRecord("manymail@office.example")->mail);
         EXPECT_EQ(0, KLIBGroupIsAdminGroupMem(kLea, 0));
         lea->mail = "other@home.example";
         EXPECT_EQ(-1, TAVRConfdUserUpdate(kLea, lea.get(), 0));
@@ -158,13 +148,13 @@ TEST_F(LdapAccounts, AreNoneWhereANameIsNotOneEntrys)
               "undecided-a@office.example", "undecided-b@office.example", "noname@office.example",
               "admin@home@office.example", "*@office.example.org", "reader@office.example"}) {
             StartRequest();
-            EXPECT_FALSE(Find(name)) << name;
+            EXPECT_FALSE(FindRecord(name)) << name;
             EXPECT_EQ(Fault::None, CurrentRequest().fault) << name;
         }
-        EXPECT_TRUE(Find("alias@office.example"));
-        EXPECT_FALSE(Find("lea@other.example"));
+        EXPECT_TRUE(FindRecord("alias@office.example"));
+        EXPECT_FALSE(FindRecord("lea@other.example"));
         EXPECT_EQ(0x2100, KLIBCErrGet());
-        EXPECT_FALSE(Find("CORP\\lea"));
+        EXPECT_FALSE(FindRecord("CORP\\lea"));
         EXPECT_EQ(0x2100, KLIBCErrGet());
     });
 }
@@ -198,7 +188,7 @@ TEST_F(LdapAccounts, AreSearchedAsTheServiceAgainAfterAPassword)
                                 GroupNumber("inner@office.example"), GroupNumber("outer@office.example")}),
             GroupsOfName("nomail@office.example"));
         EXPECT_FALSE(IsPassword("nomail@office.example", "wrong"));
-        EXPECT_TRUE(Find(kLea));
+        EXPECT_TRUE(FindRecord(kLea));
     });
 }
 
@@ -278,7 +268,7 @@ TEST_F(LdapAccounts, AreFoundLiterallyOrNotAtAll)
             const std::string trimmed = canonical ? canonical->substr(0, canonical->find('@')) : "";
             const bool isThere = there.contains(trimmed) || trimmed == "lea" || trimmed == "user0001";
             EXPECT_EQ(isThere ? 1 : 0, matches.count) << bare;
-            const UserRecord record = Find(bare + "@office.example");
+            const UserRecord record = FindRecord(bare + "@office.example");
             EXPECT_EQ(isThere, record != nullptr) << bare;
             EXPECT_TRUE(!record || *canonical == record->name) << bare;
             EXPECT_EQ(Fault::None, CurrentRequest().fault) << bare;
@@ -355,7 +345,7 @@ TEST_F(LdapAccounts, AreNotKnownWhileTheDirectoryIsAway)
 {
     WriteSettings("ldap_uri=\"ldap://127.0.0.1:1\"\nldap_realm=\"office.example\"\nldap_base=\"dc=x\"\n");
     AsWorker([] {
-        EXPECT_FALSE(Find(kLea));
+        EXPECT_FALSE(FindRecord(kLea));
         EXPECT_EQ(0x2200, KLIBCErrGet());
         EXPECT_EQ(Fault::DirectoryUnavailable, CurrentRequest().fault);
         EXPECT_THROW(IsPassword(kLea, "lea-password"), LdapError);
@@ -365,7 +355,7 @@ TEST_F(LdapAccounts, AreNotKnownWhileTheDirectoryIsAway)
         int count = 0;
         EXPECT_EQ(-1, KLIBGroupInfoGidGet(kLea, 0, &gids, &count));
         StartRequest();
-        EXPECT_FALSE(Find("alice")) << "a local name";
+        EXPECT_FALSE(FindRecord("alice")) << "a local name";
         EXPECT_EQ(Fault::None, CurrentRequest().fault);
     });
 }
@@ -383,21 +373,21 @@ TEST_F(LdapAccounts, WithFiftyMegabytesInOneValueTakeNoMemoryAndDisturbNobody)
     const Directory large({"--users", "3", "--large"});
     WriteSettings(large.SettingsLines());
     AsWorker([] {
-        EXPECT_TRUE(Find("user0001@office.example"));
+        EXPECT_TRUE(FindRecord("user0001@office.example"));
         const int64_t before = MostHeld();
 
         StartRequest();
-        EXPECT_TRUE(Find("picture@office.example")) << "pictures are not asked for";
+        EXPECT_TRUE(FindRecord("picture@office.example")) << "pictures are not asked for";
         EXPECT_TRUE(IsPassword("picture@office.example", "large-password"));
 
         StartRequest();
-        EXPECT_FALSE(Find("address@office.example"));
+        EXPECT_FALSE(FindRecord("address@office.example"));
         EXPECT_EQ(0x2200, KLIBCErrGet());
         EXPECT_EQ(Fault::DirectoryUnavailable, CurrentRequest().fault);
         EXPECT_THROW(IsPassword("address@office.example", "large-password"), LdapError);
 
         StartRequest();
-        EXPECT_TRUE(Find("user0002@office.example"));
+        EXPECT_TRUE(FindRecord("user0002@office.example"));
         EXPECT_TRUE(IsPassword("user0002@office.example", "pw-0002"));
         EXPECT_EQ(-1, Users("").total) << "addresses are asked for in lists";
         EXPECT_EQ(Fault::DirectoryUnavailable, CurrentRequest().fault);
@@ -418,7 +408,7 @@ TEST_F(LdapAccounts, AreNotAskedForWithSettingsThatCannotBeUsed)
           "ldap_bind_dn=\"cn=nobody,dc=office,dc=example\""}) {
         WriteSettings(good + bad + "\n");
         AsWorker([bad] {
-            EXPECT_FALSE(Find(kLea)) << bad;
+            EXPECT_FALSE(FindRecord(kLea)) << bad;
             EXPECT_EQ(Fault::DirectoryUnavailable, CurrentRequest().fault) << bad;
         });
     }

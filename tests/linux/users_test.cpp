@@ -3,28 +3,19 @@
 #include "linux/accounts.h"
 #include "platform/core.h"
 #include "platform/directory.h"
+#include "tests/support/user_record.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 #include <vector>
+
+using namespace tavr::test;
 
 namespace
 {
-
-struct FreeUser {
-    void operator()(TAVRUser* user) const noexcept { TAVRUserFree(user); }
-};
-using UserRecord = std::unique_ptr<TAVRUser, FreeUser>;
-
-UserRecord Find(const char* name)
-{
-    TAVRUser* record = nullptr;
-    return TAVRUserGet(name, &record) < 0 ? UserRecord() : UserRecord(record);
-}
 
 class Users : public testing::Test
 {
@@ -49,7 +40,7 @@ protected:
 
 TEST_F(Users, AreReadIntoARecord)
 {
-    const UserRecord record = Find(" ALICE");
+    const UserRecord record = FindRecord(" ALICE");
     ASSERT_TRUE(record);
     EXPECT_STREQ("alice", record->name);
     EXPECT_EQ(1026U, record->uid);
@@ -57,7 +48,7 @@ TEST_F(Users, AreReadIntoARecord)
     EXPECT_EQ(1, record->kind);
     EXPECT_STREQ("Alice A.", record->description);
     EXPECT_STREQ("alice@home.example", record->mail);
-    const UserRecord other = Find("bob");
+    const UserRecord other = FindRecord("bob");
     ASSERT_TRUE(other);
     EXPECT_STREQ("", other->mail);
     EXPECT_STREQ("alice", record->name) << "records stand on their own";
@@ -87,7 +78,7 @@ TEST_F(Users, ThatCannotBeReadLeaveTheRecordAlone)
 
 TEST_F(Users, AreUpdatedInTheFieldThatTheCallerReplaced)
 {
-    UserRecord record = Find("alice");
+    UserRecord record = FindRecord("alice");
     char* mail = strdup("other@home.example");
     record->mail = mail;
     EXPECT_EQ(0, TAVRConfdUserUpdate("alice", record.get(), 0));
@@ -97,7 +88,7 @@ TEST_F(Users, AreUpdatedInTheFieldThatTheCallerReplaced)
     free(mail);
     record.reset();
 
-    record = Find("alice");
+    record = FindRecord("alice");
     EXPECT_TRUE(tavr::ChangeAccount(record->uid, {"changed meanwhile", "meanwhile@home.example"}));
     const std::string same = record->mail;
     record->mail = same.c_str();
@@ -125,7 +116,7 @@ TEST_F(Users, AreUpdatedInTheFieldThatTheCallerReplaced)
 
 TEST_F(Users, AreNotUpdatedWithWhatCannotBeStored)
 {
-    const UserRecord record = Find("bob");
+    const UserRecord record = FindRecord("bob");
     const std::string tooLong(255, 'm');
     for (const char* mail : {tooLong.c_str(), "a@b.example\r\nBcc: c@d.example"}) {
         record->mail = mail;
@@ -148,7 +139,7 @@ TEST_F(Users, OfARemovedAccountAreNotUpdatedIntoItsSuccessor)
     tavr::NewAccount account;
     account.name = "successor";
     const auto first = tavr::AddAccount(account, "x");
-    const UserRecord record = Find("successor");
+    const UserRecord record = FindRecord("successor");
     tavr::RemoveAccount(first->uid);
     tavr::AddAccount(account, "x");
     record->mail = "first@home.example";
