@@ -58,6 +58,10 @@ Account MakeAccount(const std::string& name);
 void SetWallClock(int64_t seconds);     // the other one as SetUp left it
 void AdvanceBootClock(int64_t seconds); // from where SetUp left it, and the other one is there again
 
+// The clocks run from now on, for a service that looks again after a second. So far ahead is the one since
+// the start.
+void LetClocksRun(int64_t bootAhead = 0);
+
 // WallSeconds() and BootSeconds() from now on, in a start of the machine that is called so.
 void SetClocks(int64_t wall, int64_t boot, const std::string& bootId = "");
 

@@ -24,15 +24,20 @@ inline int64_t RunningSeconds(clockid_t clock)
     return now.tv_sec;
 }
 
-// Both clocks stand there from now on, for all who see the file.
-inline void StopClocks(int64_t wall, int64_t boot, const std::string& bootId = "")
+// As clock.cpp reads it, for all who see the file.
+inline void WriteClockFile(std::string line)
 {
-    std::string line = '=' + std::to_string(wall) + " =" + std::to_string(boot) + ' ' + bootId;
     line.resize(100, ' '); // one write of one size: nobody reads a part of it
     const Descriptor file(open(kClockFile, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     if (!file || pwrite(file.Get(), line.data(), line.size(), 0) != static_cast<ssize_t>(line.size())) {
         throw std::runtime_error("cannot set the clocks");
     }
+}
+
+// Both clocks stand there from now on.
+inline void StopClocks(int64_t wall, int64_t boot, const std::string& bootId = "")
+{
+    WriteClockFile('=' + std::to_string(wall) + " =" + std::to_string(boot) + ' ' + bootId);
 }
 
 } // namespace tavr::test
