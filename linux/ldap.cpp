@@ -584,12 +584,16 @@ LdapConnection::Message LdapConnection::Next(int id, LdapStep step)
     const int left = MillisecondsUntil(std::min(stepEnd_, Clock::now() + kMessageTime));
     timeval wait = TimevalOf(left);
     ldapmsg* message = nullptr;
+    errno = 0;
     const int got = left > 0 ? ldap_result(ldap_.get(), id, LDAP_MSG_ONE, &wait, &message) : 0;
     Message owner(message);
     if (got == 0) {
         throw LdapError(step, server_->uri + " did not answer in time");
     }
     if (got < 0) {
+        if (errno == ERANGE) { // which liblber says and libldap passes off as a lost connection
+            throw LdapError(step, server_->uri + " sends something longer than 1 MiB, more than is taken");
+        }
         int code = LDAP_SERVER_DOWN;
         ldap_get_option(ldap_.get(), LDAP_OPT_RESULT_CODE, &code);
         throw LdapError(step, server_->uri + ": " + ErrorText(code, nullptr));

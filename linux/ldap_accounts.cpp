@@ -32,6 +32,7 @@ struct Asked {
     std::unique_ptr<LdapConnection> connection;
     std::exception_ptr failure;
     std::optional<Person> person; // the last one, numbered
+    std::optional<Account> shown; // by a list, at the moment: without its address
     std::optional<GroupEntry> group;
 };
 
@@ -94,6 +95,15 @@ LdapSearch UserSearch(const LdapSettings& settings, const std::string& narrower)
              "gidNumber", "memberOf"}};
 }
 
+// Asks for what tells accounts apart and what a list shows. Whatever else an entry holds, an address of any
+// size, can then not take the other entries away.
+LdapSearch UserRowSearch(const LdapSettings& settings, const std::string& narrower)
+{
+    return {settings.userBase,
+            "(&" + settings.userFilter + narrower + ')',
+            {settings.idAttribute, settings.userName, settings.userDescription}};
+}
+
 LdapSearch GroupSearch(const LdapSettings& settings, const std::string& narrower)
 {
     return {settings.groupBase,
@@ -101,12 +111,14 @@ LdapSearch GroupSearch(const LdapSettings& settings, const std::string& narrower
             {settings.idAttribute, settings.groupName, settings.groupDescription}};
 }
 
+using MakeSearch = LdapSearch (*)(const LdapSettings& settings, const std::string& narrower);
+
 // All entries of a bare name, but no more than it takes to know that there are several.
 std::vector<Person> PersonsCalled(LdapConnection& connection, const LdapSettings& settings,
-                                  std::string_view bare)
+                                  std::string_view bare, MakeSearch make)
 {
     std::vector<Person> found;
-    LdapSearch search = UserSearch(settings, Equals(settings.userName, bare));
+    LdapSearch search = make(settings, Equals(settings.userName, bare));
     search.most = kMostOfAName;
     const auto wanted = CanonicalName(std::string(bare) + '@' + settings.realm);
     connection.Search(search, [&](const LdapEntry& entry) {
@@ -118,11 +130,12 @@ std::vector<Person> PersonsCalled(LdapConnection& connection, const LdapSettings
     return found;
 }
 
-std::vector<Person> PersonsCalled(Asked& asked, std::string_view bare)
+std::vector<Person> PersonsCalled(Asked& asked, std::string_view bare, MakeSearch make)
 {
     std::vector<Person> found;
-    WithDirectory(
-        asked, [&](LdapConnection& connection) { found = PersonsCalled(connection, *asked.settings, bare); });
+    WithDirectory(asked, [&](LdapConnection& connection) {
+        found = PersonsCalled(connection, *asked.settings, bare, make);
+    });
     return found;
 }
 
@@ -141,7 +154,7 @@ Person* FindPerson(const std::string& name)
     if (asked.person && asked.person->account.name == name) {
         return &*asked.person;
     }
-    std::optional<Person> person = OnlyOne(PersonsCalled(asked, BareName(name)), name);
+    std::optional<Person> person = OnlyOne(PersonsCalled(asked, BareName(name), UserSearch), name);
     if (!person) {
         return nullptr;
     }
@@ -208,6 +221,11 @@ std::vector<std::string> FindGroupsOf(LdapConnection& connection, const LdapSett
 {
     FoundGroups found;
     const auto take = [&](const LdapEntry& entry) { found.Add(entry, settings); };
+    const auto groups = [&](const std::string& narrower) {
+        LdapSearch search = GroupSearch(settings, narrower);
+        search.attributes = {settings.idAttribute};
+        return search;
+    };
     std::string any = HasMember(settings, person.dn);
     for (const std::string& name : person.bareNames) {
         any += Equals("memberUid", name);
@@ -215,10 +233,10 @@ std::vector<std::string> FindGroupsOf(LdapConnection& connection, const LdapSett
     if (!person.primaryGroup.empty()) {
         any += Equals("gidNumber", person.primaryGroup);
     }
-    connection.Search(GroupSearch(settings, "(|" + any + ')'), take);
+    connection.Search(groups("(|" + any + ')'), take);
     for (const std::string& dn : person.memberOf) {
         if (!found.dns.contains(dn)) {
-            LdapSearch search = GroupSearch(settings, "");
+            LdapSearch search = groups("");
             search.base = dn;
             search.baseOnly = true;
             connection.Search(search, take);
@@ -234,7 +252,7 @@ std::vector<std::string> FindGroupsOf(LdapConnection& connection, const LdapSett
             for (size_t n = i; n < std::min(i + kGroupsAtOnce, inner.size()); ++n) {
                 outer += HasMember(settings, inner[n]);
             }
-            connection.Search(GroupSearch(settings, "(|" + outer + ')'), take);
+            connection.Search(groups("(|" + outer + ')'), take);
         }
     }
     return {found.ids.begin(), found.ids.end()};
@@ -292,6 +310,19 @@ std::string Sieve(const LdapSettings& settings, std::string_view text, const std
                                    : "(|" + Holds(name, bare) + Holds(description, text) + ')';
 }
 
+// Whoever is called back asks for the account that he is shown.
+class Shown
+{
+public:
+    Shown(Asked& asked, const Account& account) : asked_(asked) { asked.shown = account; }
+    ~Shown() { asked_.shown.reset(); }
+    Shown(const Shown&) = delete;
+    Shown& operator=(const Shown&) = delete;
+
+private:
+    Asked& asked_;
+};
+
 void ShowAccounts(Asked& asked, std::vector<Person>& batch, const EachEntry& each)
 {
     std::vector<DirectoryEntry> entries;
@@ -301,14 +332,19 @@ void ShowAccounts(Asked& asked, std::vector<Person>& batch, const EachEntry& eac
     }
     const auto numbers = NumbersOfAccounts(kKindLdap, entries);
     for (size_t i = 0; i < batch.size(); ++i) {
-        asked.person.reset();
+        Account& account = batch[i].account;
         if (numbers[i]) {
-            batch[i].account.uid = *numbers[i];
-            asked.person = std::move(batch[i]); // whoever is called back asks for it
-        } else if (FindPerson(batch[i].account.name) == nullptr) {
-            continue; // several have the name: counted, and not shown
+            account.uid = *numbers[i];
+        } else {
+            const std::string name = account.name;
+            auto only = OnlyOne(PersonsCalled(asked, BareName(name), UserRowSearch), name);
+            if (!only) {
+                continue; // several have the name: counted, and not shown
+            }
+            account = std::move(only->account);
+            account.uid = NumberOfAccount(kKindLdap, {only->id, name});
         }
-        const Account account = asked.person->account;
+        const Shown shown(asked, account);
         each({account.name.c_str(), account.uid, account.description.c_str()});
     }
     batch.clear();
@@ -386,6 +422,10 @@ bool IsLdapName(std::string_view canonicalName)
 
 std::optional<Account> FindLdapAccount(const std::string& canonicalName)
 {
+    const std::optional<Account>& shown = CurrentAsked().shown;
+    if (shown && shown->name == canonicalName) {
+        return shown;
+    }
     const Person* person = FindPerson(canonicalName);
     return person != nullptr ? std::optional(person->account) : std::nullopt;
 }
@@ -439,8 +479,8 @@ int64_t ListLdapAccounts(std::string_view text, const ListPage& page, const Each
 {
     const LdapSettings& settings = Settings();
     return List<Person>(
-        UserSearch(settings, Sieve(settings, text, settings.userName, settings.userDescription)), text, page,
-        PersonOf, ShowAccounts, each);
+        UserRowSearch(settings, Sieve(settings, text, settings.userName, settings.userDescription)), text,
+        page, PersonOf, ShowAccounts, each);
 }
 
 int64_t ListLdapGroups(std::string_view text, const ListPage& page, const EachEntry& each)
@@ -455,7 +495,8 @@ std::optional<UnnumberedAccount> AskLdapAccount(const LdapSettings& settings,
                                                 const std::string& canonicalName)
 {
     LdapConnection connection(settings);
-    auto person = OnlyOne(PersonsCalled(connection, settings, BareName(canonicalName)), canonicalName);
+    auto person =
+        OnlyOne(PersonsCalled(connection, settings, BareName(canonicalName), UserSearch), canonicalName);
     if (!person) {
         return std::nullopt;
     }
@@ -470,7 +511,7 @@ Account Numbered(UnnumberedAccount found)
 
 LdapMatches FindLdapEntries(std::string_view bareName)
 {
-    const std::vector<Person> found = PersonsCalled(CurrentAsked(), bareName);
+    const std::vector<Person> found = PersonsCalled(CurrentAsked(), bareName, UserRowSearch);
     return {static_cast<int>(found.size()), found.empty() ? "" : found.front().dn};
 }
 

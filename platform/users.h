@@ -87,7 +87,8 @@ using KLIBGroupInfoRow = int (*)(const KLIBGroupInfo* entry, void* userData);
 // (empty: all of them), in an order that stays the same from page to page: `limit` of them from `offset` on,
 // all when `limit` is -1. Every character of `query` stands for itself. `domain` narrows a domain's list;
 // local ones ignore it. `flags` is 1. Gives the number of all matching entries, before paging; a source that
-// is not there is a failure. `row` may ask for accounts, groups and their descriptions meanwhile. An
+// is not there is a failure. `row` may ask for accounts, groups and their descriptions meanwhile; the
+// record of an account that it is called with may lack the address, which lists need not ask for. An
 // exception of `row` passes through; nothing is left open.
 int KLIBUserInfoEnumBySubstr(int source, const char* domain, int offset, int limit, const char* query,
                              int flags, KLIBUserInfoRow row, void* userData);
