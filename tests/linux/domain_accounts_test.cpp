@@ -81,8 +81,7 @@ protected:
     {
         FreshServer::SetUp();
         if (domain_ == nullptr) {
-            GTEST_SKIP() << "there is no slapd, or no SSSD in build/sssd (run scripts/setup test first), or "
-                            "this is not root";
+            GTEST_SKIP() << "there is no slapd, or no SSSD in build/sssd: run scripts/setup test first";
         }
         WriteSettings(domain_->SettingsLines());
     }
