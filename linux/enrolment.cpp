@@ -294,10 +294,10 @@ std::unordered_map<uint32_t, HeldLock>& HeldLocks()
     return locks;
 }
 
-Descriptor TakeLock(uint32_t account)
+Descriptor TakeLock(uint32_t account, LockWait wait)
 {
     const EffectiveIds service = EffectiveIds::Service();
-    return service.Changed() ? LockAccount(account, LockWait::Forever) : Descriptor();
+    return service.Changed() ? LockAccount(account, wait) : Descriptor();
 }
 
 bool IsStillCalledSo(const Account& account)
@@ -320,7 +320,7 @@ AccountLock::AccountLock(uint32_t account) : account_(account)
 {
     HeldLock& lock = HeldLocks()[account];
     if (lock.depth == 0) {
-        lock.file = TakeLock(account);
+        lock.file = TakeLock(account, LockWait::Forever);
     }
     held_ = static_cast<bool>(lock.file);
     ++lock.depth;
@@ -345,8 +345,7 @@ bool AccountLock::Held() const
 
 void AccountLocks::Take(uint32_t account)
 {
-    const EffectiveIds service = EffectiveIds::Service();
-    Descriptor lock = service.Changed() ? LockAccount(account, LockWait::Not) : Descriptor();
+    Descriptor lock = TakeLock(account, LockWait::Not);
     if (!lock) {
         throw AccountInUse();
     }
