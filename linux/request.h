@@ -68,7 +68,9 @@ struct Request {
     // The place that it waits for them at (places.h), let go of when it ends.
     std::shared_ptr<Place> directoryPlace;
 
-    // Whether the store of the system's accounts is in step with the system (system_accounts.cpp).
+    // Whether local accounts are the system's, once it is asked, and whether their store is in step with the
+    // system (system_accounts.cpp): one request has one store.
+    std::optional<bool> hasSystemAccounts;
     bool systemAccountsLookedAt = false;
 
     // What owners of accounts are to be told by mail once this request is over (notices.h).

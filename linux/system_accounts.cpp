@@ -716,11 +716,15 @@ bool IsPassword(const Account& account, std::string_view password)
 
 bool AreSystemAccounts()
 {
-    const std::string setting = Setting("accounts", "embedded");
-    if (setting != "system" && setting != "embedded") {
-        Refuse("setting accounts is neither embedded nor system");
+    std::optional<bool>& known = CurrentRequest().hasSystemAccounts;
+    if (!known) {
+        const std::string setting = Setting("accounts", "embedded");
+        if (setting != "system" && setting != "embedded") {
+            Refuse("setting accounts is neither embedded nor system");
+        }
+        known = setting == "system";
     }
-    return setting == "system";
+    return *known;
 }
 
 Database& SystemAccountsDatabase()

@@ -21,7 +21,8 @@ namespace tavr
 
 inline constexpr char kSystemAdministrators[] = "sudo";
 
-// Throws DatabaseError when the settings say something that is neither "system" nor "embedded".
+// As the settings had it when the request first asked. Throws DatabaseError when they say something that is
+// neither "system" nor "embedded".
 bool AreSystemAccounts();
 
 // The store. Throws DatabaseError also when the system's files cannot be used. In a process that can never be
