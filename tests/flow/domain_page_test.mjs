@@ -6,7 +6,7 @@ import test, { after } from "node:test";
 
 import { inEveryWindow, readQr } from "../support/browser.mjs";
 import { startDomain } from "../support/domain.mjs";
-import { setNotificationServer, startMailServer, trust } from "../support/mail.mjs";
+import { startNotificationServer } from "../support/mail.mjs";
 import { run } from "../support/server.mjs";
 import { openStage } from "./stage.mjs";
 import {
@@ -22,10 +22,8 @@ const { server, visit } = await openStage({ ada: ["--admin"], dan: [] });
 const domain = await startDomain();
 after(() => domain.stop());
 domain.setUp();
-const mails = await startMailServer(["--user", "system", "--password", "secret"]);
+const mails = await startNotificationServer();
 after(() => mails.stop());
-trust([mails]);
-setNotificationServer(mails, "system", "secret");
 run("tavrctl", ["domain", "sync"]);
 const ada = await enrol(server, "ada");
 

@@ -6,7 +6,7 @@ import { join } from "node:path";
 import test, { after } from "node:test";
 
 import { startDomain } from "../support/domain.mjs";
-import { setNotificationServer, startMailServer, trust } from "../support/mail.mjs";
+import { startNotificationServer } from "../support/mail.mjs";
 import { run, startServer } from "../support/server.mjs";
 import { Client } from "./client.mjs";
 
@@ -24,10 +24,8 @@ after(() => server.stop());
 const domain = await startDomain();
 after(() => domain.stop());
 domain.setUp();
-const mails = await startMailServer(["--user", "system", "--password", "secret"]);
+const mails = await startNotificationServer();
 after(() => mails.stop());
-trust([mails]);
-setNotificationServer(mails, "system", "secret");
 
 async function signIn(user, password) {
   const client = new Client(server.url);

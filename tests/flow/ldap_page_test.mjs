@@ -6,7 +6,7 @@ import test, { after } from "node:test";
 
 import { inEveryWindow } from "../support/browser.mjs";
 import { startController, startDirectory } from "../support/directory.mjs";
-import { setNotificationServer, startMailServer, trust } from "../support/mail.mjs";
+import { startNotificationServer } from "../support/mail.mjs";
 import { run } from "../support/server.mjs";
 import { openStage } from "./stage.mjs";
 import {
@@ -22,10 +22,8 @@ const { server, visit } = await openStage({ ada: ["--admin"] });
 const directory = await startDirectory(["--users", "240", "--groups", "60"]);
 after(() => directory.stop());
 directory.setUp();
-const mails = await startMailServer(["--user", "system", "--password", "secret"]);
+const mails = await startNotificationServer();
 after(() => mails.stop());
-trust([mails]);
-setNotificationServer(mails, "system", "secret");
 const ada = await enrol(server, "ada");
 
 const passwordOf = (n) => `pw-${String(n).padStart(4, "0")}`;

@@ -3,17 +3,15 @@ import assert from "node:assert/strict";
 import { after, test } from "node:test";
 import { setTimeout as sleep } from "node:timers/promises";
 
-import { setNotificationServer, startMailServer, trust } from "../support/mail.mjs";
+import { startNotificationServer } from "../support/mail.mjs";
 import { run, startServer } from "../support/server.mjs";
 import { signIn } from "./client.mjs";
 import { enrol } from "./wizard.mjs";
 
 const server = await startServer({ workers: 2, accounts: { alice: ["--mail", "alice@home.example"], bob: [] } });
 after(() => server.stop());
-const mailServer = await startMailServer(["--user", "system", "--password", "secret"]);
+const mailServer = await startNotificationServer();
 after(() => mailServer.stop());
-trust([mailServer]);
-setNotificationServer(mailServer, "system", "secret");
 
 let told = 0;
 

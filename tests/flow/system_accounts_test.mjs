@@ -4,7 +4,7 @@ import assert from "node:assert/strict";
 import { appendFileSync, existsSync, readFileSync, renameSync, writeFileSync } from "node:fs";
 import { after, test } from "node:test";
 
-import { setNotificationServer, startMailServer, trust } from "../support/mail.mjs";
+import { startNotificationServer } from "../support/mail.mjs";
 import { run, startServer } from "../support/server.mjs";
 import { Client, signIn } from "./client.mjs";
 import { enrol, signInWithCode, Wizard } from "./wizard.mjs";
@@ -13,10 +13,8 @@ const kSettings = "/etc/tavr/tavrinfo.conf";
 
 const server = await startServer({ accounts: { admin: ["--admin"], alice: [] } });
 after(() => server.stop());
-const mails = await startMailServer(["--user", "system", "--password", "secret"]);
+const mails = await startNotificationServer();
 after(() => mails.stop());
-trust([mails]);
-setNotificationServer(mails, "system", "secret");
 
 function setPassword(name, password) {
   run("chpasswd", ["--crypt-method", "YESCRYPT"], `${name}:${password}`);

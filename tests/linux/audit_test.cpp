@@ -46,7 +46,7 @@ constexpr int64_t kDay = 24 * 60 * 60;
 void SetWall(int64_t seconds)
 {
     const EffectiveIds root = EffectiveIds::Root();
-    test::StopClocks(seconds, 0);
+    test::SetClocks(seconds, 0);
 }
 
 Account Alice()

@@ -1,12 +1,12 @@
 #!/usr/bin/python3
-"""An LDAP directory for tests: directory.py FOLDER [--users N] [--groups N] [--other-ca] [--plain-only] [--port N]
+"""An LDAP directory for tests: directory.py FOLDER [--users N] [--groups N] [--large] [--other-ca] [--plain-only] [--port N]
 
 Makes certificates, a generated population and the odd entries of directory.ldif in FOLDER, starts slapd on free ports
 of 127.0.0.1, prints "PORT <ldap> <ldaps>" when it answers, and is that slapd from then on.
 
 Users are user0001 ... with the password pw-0001 ..., group g of G is group001 ... and has every user n with n mod G == g - 1
-by memberUid. FOLDER/ca.pem is what to trust; with --other-ca the server's certificate is of somebody else. --plain-only:
-it does not encrypt. --port: there instead of on a free one.
+by memberUid. --large: two people more, with 50 MB in one value. FOLDER/ca.pem is what to trust; with --other-ca the server's
+certificate is of somebody else. --plain-only: it does not encrypt. --port: there instead of on a free one.
 """
 import argparse
 import os

@@ -3,7 +3,6 @@
 #include "linux/descriptor.h"
 #include "linux/paths.h"
 #include "tests/support/in_view.h"
-#include "tests/support/test_clock.h"
 
 #include <liboath/oath.h>
 
@@ -233,11 +232,6 @@ void AdvanceBootClock(int64_t seconds)
 void LetClocksRun(int64_t bootAhead)
 {
     WriteClockFile("0 " + std::to_string(bootAhead));
-}
-
-void SetClocks(int64_t wall, int64_t boot, const std::string& bootId)
-{
-    StopClocks(wall, boot, bootId);
 }
 
 std::string CodeOf(const std::string& secretBase32, int64_t step)

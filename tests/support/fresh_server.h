@@ -3,6 +3,7 @@
 #pragma once
 
 #include "linux/accounts.h"
+#include "tests/support/test_clock.h" // SetClocks
 
 #include <gtest/gtest.h>
 
@@ -61,9 +62,6 @@ void AdvanceBootClock(int64_t seconds); // from where SetUp left it, and the oth
 // The clocks run from now on, for a service that looks again after a second. So far ahead is the one since
 // the start.
 void LetClocksRun(int64_t bootAhead = 0);
-
-// WallSeconds() and BootSeconds() from now on, in a start of the machine that is called so.
-void SetClocks(int64_t wall, int64_t boot, const std::string& bootId = "");
 
 // The code of a time step, by liboath alone. Six digits.
 std::string CodeOf(const std::string& secretBase32, int64_t step);

@@ -96,6 +96,14 @@ export function addMailAccount(user, server, login, password, options = []) {
     "--from", `${user}@office.example`, "--password-stdin", "--default", ...options], password);
 }
 
+// A server that takes the system's own mails, set up for that.
+export async function startNotificationServer() {
+  const mails = await startMailServer(["--user", "system", "--password", "secret"]);
+  trust([mails]);
+  setNotificationServer(mails, "system", "secret");
+  return mails;
+}
+
 // Where the system's own mails go.
 export function setNotificationServer(server, login, password) {
   run("tavrctl", ["mail", "server", "--host", "localhost", "--port", String(server.port), "--user", login,

@@ -34,8 +34,9 @@ inline void WriteClockFile(std::string line)
     }
 }
 
-// Both clocks stand there from now on.
-inline void StopClocks(int64_t wall, int64_t boot, const std::string& bootId = "")
+// WallSeconds() and BootSeconds() from now on: both clocks stand. With a name, in a start of the machine that
+// is called so.
+inline void SetClocks(int64_t wall, int64_t boot, const std::string& bootId = "")
 {
     WriteClockFile('=' + std::to_string(wall) + " =" + std::to_string(boot) + ' ' + bootId);
 }
@@ -48,5 +49,5 @@ inline void SetClock(int64_t wall, int64_t boot)
     static const int64_t firstWall = tavr::test::RunningSeconds(CLOCK_REALTIME);
     static const int64_t firstBoot = tavr::test::RunningSeconds(CLOCK_BOOTTIME);
     const tavr::EffectiveIds root = tavr::EffectiveIds::Root();
-    tavr::test::StopClocks(firstWall + wall, firstBoot + boot);
+    tavr::test::SetClocks(firstWall + wall, firstBoot + boot);
 }
