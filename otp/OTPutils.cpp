@@ -443,11 +443,11 @@ bool GetDomainUserMail(const char* user, char* dst, size_t n)
 
 bool GetLDAPUserMail(const char* user, char* dst, size_t n)
 {
+    LdapLookup lookup; // released on every path, also with nothing in it
     if (user == nullptr || dst == nullptr || n == 0) {
         OTP_LOG(LOG_ERR, kSourceFile, __LINE__, "Bad parameters.");
         return false;
     }
-    LdapLookup lookup;
     const char* mail = FindLdapMail(user, lookup);
     if (mail == nullptr) {
         return false;
