@@ -83,6 +83,15 @@ test("every answer of the interface carries the strict headers, whatever it says
   assert.deepEqual([...statuses].sort(), [200, 400, 401, 403, 404, 405, 413, 415]);
 });
 
+test("what the web server says while the program is away is kept nowhere", async () => {
+  await server.stopWeb();
+  const answer = await send(server.url, "GET", "/api/session");
+  assert.equal(answer.status, 503);
+  assert.equal(answer.headers["cache-control"], "no-store");
+  assert.equal(answer.headers["content-security-policy"], "default-src 'none'; frame-ancestors 'none'");
+  await server.restartWeb();
+});
+
 test("a client's address is the one that the web server saw", async () => {
   const other = "203.0.113.7";
   const headers = { "X-Forwarded-For": other, Forwarded: `for=${other}`, "X-Real-IP": other, "X-Client-IP": other,

@@ -66,11 +66,15 @@ class Server {
     await this.#untilServed();
   }
 
+  async stopWeb() {
+    this.#processes = this.#processes.filter((child) => child !== this.web);
+    await end(this.web);
+  }
+
   // Ends the web program and starts it anew, beside the same web server.
   async restartWeb(workers = this.#workers) {
     this.#workers = workers;
-    this.#processes = this.#processes.filter((child) => child !== this.web);
-    await end(this.web);
+    await this.stopWeb();
     this.web = this.#spawn("tavr-otp-web", ["--workers", String(this.#workers)]);
     await this.#untilServed();
   }
