@@ -10,8 +10,8 @@ namespace tavr::web
 
 inline constexpr Member kUser = {"user", 256};
 inline constexpr Member kPassword = {"password", 1024};
-inline constexpr Member kCode = {"code", 64};
-inline constexpr Member kCodeIfEnrolled = {"code", 64, Form::Text, true};
+inline constexpr Member kCode = {"code", kLargestBody}; // of any length a wrong one, not a malformed request
+inline constexpr Member kCodeIfEnrolled = {"code", kLargestBody, Form::Text, true};
 inline constexpr Member kAccountName = {"account_name", 64};
 inline constexpr Member kKey = {"key", 64, Form::Base32Key};
 inline constexpr Member kMail = {"mail", 254};

@@ -183,7 +183,7 @@ test("codes that are none are wrong, count nothing and spend nothing", async () 
   const digits = (zero) => [...code].map((digit) => String.fromCodePoint(zero + Number(digit))).join("");
   for (const typed of ["", " ", code.slice(1), `${code}0`, `0${code}`, ` ${code}`, `${code} `, `${code}\n`, `${code.slice(0, 3)} ${code.slice(3)}`,
     `+${code}`, `-${code}`, `+${code.slice(1)}`, `-${code.slice(1)}`, `0x${code.slice(2)}`, `${code.slice(0, 5)}.`, digits(0x660), digits(0x966),
-    digits(0xff10), digits(0x1d7d8), `${code}\u200b`, "1e5000", "NaN"]) {
+    digits(0xff10), digits(0x1d7d8), `${code}\u200b`, "1e5000", "NaN", "1".repeat(65), code.repeat(10000)]) {
     assert.equal(said(await half.post("/api/signin/code", { code: typed })), "401 otp_auth_failed", JSON.stringify(typed));
   }
   for (const wrong of [Number(code), null, [code], { code }, true]) {
