@@ -313,7 +313,7 @@ test("what cannot be listed or saved is said, and can be tried again", async (t)
     route.fulfill(json(status, { success: false, err })));
   await refuse("list*", 503, "policy_unavailable");
   await page.selectOption("#type", "local_group");
-  assert.match(await page.textContent("#list-message:visible"), /cannot be told at the moment/);
+  assert.match(await page.textContent("#list-message:visible"), /cannot be read at the moment.*tavrctl doctor/);
   await page.unroute("**/api/enforce/list*");
   await page.click("#list-retry");
   await listed(page, "administrators");

@@ -69,7 +69,7 @@ function refused(answer, tell = showMessage) {
     chooseOption(saved);
     return;
   }
-  tell(errorText(answer));
+  tell(answer.err === "policy_unavailable" ? text("admin:policy_unavailable") : errorText(answer));
 }
 
 // --- the administrator's own second step ---
