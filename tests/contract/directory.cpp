@@ -1,6 +1,7 @@
 // platform/directory.h, and what users.h says of directories' accounts.
 #include "platform/directory.h"
 
+#include "platform/cgi.h"
 #include "tests/contract/support.h"
 
 #include <algorithm>
@@ -233,8 +234,8 @@ TEST_F(DirectoryNoDomain, OptionsOfNoneAreFailures)
 
 TEST_F(DirectoryNoDomain, IsSaid)
 {
-    if (SetUpDomain()) {
-        GTEST_SKIP() << "there is a domain";
+    if (!LeaveDomain()) {
+        GTEST_SKIP() << "the maker says that the domain cannot be left";
     }
     StartRequest();
     EXPECT_EQ(0, TAVRWinIsEnableTrustDomain()) << "without a domain there are none that it trusts";
@@ -348,6 +349,12 @@ TEST_F(DirectoryDomain, ListsWhatHoldsTheText)
     EXPECT_EQ(0, List().total);
     EXPECT_TRUE(Fails([&] { return TAVRWinsDomainEnumOptSetSearchSubString(option_.get(), nullptr); }));
     EXPECT_TRUE(Fails([&] { return TAVRWinsDomainEnumOptAddSearchFields(option_.get(), nullptr); }));
+    option_ = NewOption();
+    Page(0, -1);
+    ASSERT_EQ(0, TAVRWinsDomainEnumOptAddSearchFields(option_.get(), "Name"));
+    ASSERT_EQ(0,
+              TAVRWinsDomainEnumOptSetSearchSubString(option_.get(), domain_->users[0].description.c_str()));
+    EXPECT_EQ(0, List().total) << "that stands in another field";
 }
 
 TEST_F(DirectoryDomain, ListsOneDomainOrUnit)
@@ -380,6 +387,44 @@ TEST_F(DirectoryDomain, GoesOnAfterARowThatIsDropped)
     EXPECT_THROW(TAVRWinsDomainCoreFullDbEnum(option_.get(), throws, nullptr), std::range_error);
     EXPECT_TRUE(Fails([&] { return TAVRWinsDomainCoreFullDbEnum(option_.get(), nullptr, nullptr); }));
     EXPECT_EQ(NamesOf(domain_->users), List().names) << "everything works on";
+}
+
+TEST_F(DirectoryDomain, AccountsAreAccounts)
+{
+    const Entry& first = domain_->users[0];
+    const UserRecord person = Find(first.name);
+    ASSERT_TRUE(person);
+    EXPECT_EQ(first.name, person->name);
+    EXPECT_EQ(2, person->kind);
+    EXPECT_STREQ(first.description.c_str(), person->description);
+    uint32_t uid = 0;
+    EXPECT_EQ(0, TAVRUserGetUGID(first.name.c_str(), &uid, nullptr));
+    EXPECT_EQ(person->uid, uid);
+    uint32_t gid = 0;
+    EXPECT_EQ(0, TAVRGroupGetGID(domain_->groups[0].name.c_str(), &gid));
+    uint32_t* gids = nullptr;
+    int count = 0;
+    ASSERT_EQ(0, KLIBGroupInfoGidGet(first.name.c_str(), 0, &gids, &count));
+    const std::unique_ptr<uint32_t, FreeMemory> owner(gids);
+    EXPECT_NE(gids + count, std::find(gids, gids + count, gid));
+    EXPECT_FALSE(Find(domain_->name + "\\contract-nobody"));
+    person->mail = "other@home.example";
+    EXPECT_TRUE(Fails([&] { return TAVRConfdUserUpdate(first.name.c_str(), person.get(), 0); }))
+        << "a directory is never written to";
+}
+
+TEST_F(DirectoryDomain, AccountsAreOpenedByTheirPasswords)
+{
+    const Entry& first = domain_->users[0];
+    std::string name = first.name;
+    const auto logIn = [&](const std::string& password) {
+        StartRequest();
+        TavrLogin login{name.data(), password.c_str(), "", 0};
+        return TavrCgiTestLoginEx2(&login, nullptr, nullptr, 0);
+    };
+    EXPECT_EQ(1, logIn(first.password));
+    EXPECT_LE(logIn(first.password + "x"), 0);
+    EXPECT_LE(logIn(""), 0);
 }
 
 TEST_F(DirectoryDomain, TellsOfTrustAndGivesEverythingBack)

@@ -480,75 +480,71 @@ FAULT(TAVRLDAPGroupDescGet, int, (const char* name, char** description, char** s
     return status;
 }
 
-// --- directory.h, the domain: the one of scripted_domain.cpp -----------------------------------------------
+// --- directory.h, the domain -------------------------------------------------------------------------------
 
-#define DOMAIN_FAULT(symbol, result, parameters, arguments)                                                  \
-    FAULT_ON(Scripted_##symbol, #symbol, symbol, result, parameters, arguments)
-
-DOMAIN_FAULT(TAVRWinsDomainEnumOptAlloc, int, (TAVRWinsDomainEnumOpt * *option),
-             (option)) // gives nothing, successfully
+FAULT(TAVRWinsDomainEnumOptAlloc, int, (TAVRWinsDomainEnumOpt * *option),
+      (option)) // gives nothing, successfully
 {
     return 0;
 }
 
-DOMAIN_FAULT(TAVRWinsDomainEnumOptAddSearchFields, int, (TAVRWinsDomainEnumOpt * option, const char* field),
-             (option, field)) // searches nowhere
+FAULT(TAVRWinsDomainEnumOptAddSearchFields, int, (TAVRWinsDomainEnumOpt * option, const char* field),
+      (option, field)) // searches nowhere
 {
-    return option == nullptr || field == nullptr
-               ? Scripted_TAVRWinsDomainEnumOptAddSearchFields(option, field)
-               : 0;
+    return option == nullptr || field == nullptr ? __real_TAVRWinsDomainEnumOptAddSearchFields(option, field)
+                                                 : 0;
 }
 
-DOMAIN_FAULT(TAVRWinsDomainEnumOptSetStart, int, (TAVRWinsDomainEnumOpt * option, int start),
-             (option, start)) // counts from one
+FAULT(TAVRWinsDomainEnumOptSetStart, int, (TAVRWinsDomainEnumOpt * option, int start),
+      (option, start)) // counts from one
 {
-    return Scripted_TAVRWinsDomainEnumOptSetStart(option, start + 1);
+    return __real_TAVRWinsDomainEnumOptSetStart(option, start + 1);
 }
 
-DOMAIN_FAULT(TAVRWinsDomainEnumOptSetLimit, int, (TAVRWinsDomainEnumOpt * option, int limit),
-             (option, limit)) // all of them
+FAULT(TAVRWinsDomainEnumOptSetLimit, int, (TAVRWinsDomainEnumOpt * option, int limit),
+      (option, limit)) // all of them
 {
-    return Scripted_TAVRWinsDomainEnumOptSetLimit(option, -1);
+    return __real_TAVRWinsDomainEnumOptSetLimit(option, -1);
 }
 
-DOMAIN_FAULT(TAVRWinsDomainEnumOptSetUGType, int, (TAVRWinsDomainEnumOpt * option, int groups),
-             (option, groups)) // users alone
+FAULT(TAVRWinsDomainEnumOptSetUGType, int, (TAVRWinsDomainEnumOpt * option, int groups),
+      (option, groups)) // users alone
 {
-    return Scripted_TAVRWinsDomainEnumOptSetUGType(option, 0);
+    return __real_TAVRWinsDomainEnumOptSetUGType(option, 0);
 }
 
-DOMAIN_FAULT(TAVRWinsDomainEnumOptSetSearchSubString, int, (TAVRWinsDomainEnumOpt * option, const char* text),
-             (option, text)) // searches nothing
+FAULT(TAVRWinsDomainEnumOptSetSearchSubString, int, (TAVRWinsDomainEnumOpt * option, const char* text),
+      (option, text)) // searches nothing
 {
-    return Scripted_TAVRWinsDomainEnumOptSetSearchSubString(option, "");
+    return __real_TAVRWinsDomainEnumOptSetSearchSubString(option, "");
 }
 
-DOMAIN_FAULT(TAVRWinsDomainEnumOptSetDomain, int, (TAVRWinsDomainEnumOpt * option, const char* domain),
-             (option, domain)) // there is one alone
+FAULT(TAVRWinsDomainEnumOptSetDomain, int, (TAVRWinsDomainEnumOpt * option, const char* domain),
+      (option, domain)) // there is one alone
 {
-    return Scripted_TAVRWinsDomainEnumOptSetDomain(option, "");
+    return __real_TAVRWinsDomainEnumOptSetDomain(option, "");
 }
 
-DOMAIN_FAULT(TAVRWinsDomainEnumOptSetOU, int, (TAVRWinsDomainEnumOpt * option, const char* ou),
-             (option, ou)) // there are none
+FAULT(TAVRWinsDomainEnumOptSetOU, int, (TAVRWinsDomainEnumOpt * option, const char* ou),
+      (option, ou)) // there are none
 {
-    return Scripted_TAVRWinsDomainEnumOptSetOU(option, "");
+    return __real_TAVRWinsDomainEnumOptSetOU(option, "");
 }
 
-DOMAIN_FAULT(TAVRWinsDomainCoreFullDbEnum, int,
-             (TAVRWinsDomainEnumOpt * option, TAVRWinsDomainRow row, void* userData),
-             (option, row, userData)) // swallows what a row throws
+FAULT(TAVRWinsDomainCoreFullDbEnum, int,
+      (TAVRWinsDomainEnumOpt * option, TAVRWinsDomainRow row, void* userData),
+      (option, row, userData)) // swallows what a row throws
 {
     try {
-        return Scripted_TAVRWinsDomainCoreFullDbEnum(option, row, userData);
+        return __real_TAVRWinsDomainCoreFullDbEnum(option, row, userData);
     } catch (const std::exception&) {
         return -1;
     }
 }
 
-DOMAIN_FAULT(TAVRWinsDomainEnumOptFree, void, (TAVRWinsDomainEnumOpt * option), (option)) {} // frees nothing
+FAULT(TAVRWinsDomainEnumOptFree, void, (TAVRWinsDomainEnumOpt * option), (option)) {} // frees nothing
 
-DOMAIN_FAULT(TAVRWinIsEnableTrustDomain, int, (void), ()) // knows of none
+FAULT(TAVRWinIsEnableTrustDomain, int, (void), ()) // knows of none
 {
     return 0;
 }

@@ -8,6 +8,7 @@ import sys
 import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+NO_DOMAIN = "the maker says that no domain is joined"
 program, platform = sys.argv[1:]
 failures = []
 
@@ -62,7 +63,9 @@ if sound.returncode != 0:
 for name in planted:
     start = time.monotonic()
     done = run(name, declared.get(name, "").removesuffix(".h").capitalize() + "*")
-    if done.returncode == 0:
+    if done.returncode == 0 and "Domain" in name and NO_DOMAIN in done.stdout:
+        print("%-56s not tried: %s" % (name, NO_DOMAIN), flush=True)
+    elif done.returncode == 0:
         fail("not caught: " + name)
     else:
         print("%-56s %s (%.1f s)" % (name, caught_by(done), time.monotonic() - start), flush=True)

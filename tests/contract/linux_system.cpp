@@ -3,6 +3,7 @@
 
 #include "linux/accounts.h"
 #include "linux/cipher.h"
+#include "linux/domain_copy.h"
 #include "linux/enrolment.h"
 #include "linux/ids.h"
 #include "linux/mail_queue.h"
@@ -12,6 +13,7 @@
 #include "linux/settings.h"
 #include "linux/webapi_frame.h"
 #include "tests/support/directory.h"
+#include "tests/support/domain.h"
 #include "tests/support/in_view.h"
 
 #include <filesystem>
@@ -65,6 +67,37 @@ std::string ReadBytes(int connection, size_t size)
         done += static_cast<size_t>(got);
     }
     return bytes;
+}
+
+// SSSD is root's.
+struct StopAsRoot {
+    void operator()(::Domain* domain) const
+    {
+        const tavr::EffectiveIds root = tavr::EffectiveIds::Root();
+        delete domain;
+    }
+};
+
+Entry Named(const std::string& name, const std::string& description)
+{
+    Entry entry;
+    entry.name = name;
+    entry.description = description;
+    return entry;
+}
+
+std::unique_ptr<::Domain, StopAsRoot> StartDomain()
+{
+    std::unique_ptr<::Domain, StopAsRoot> domain;
+    {
+        const tavr::EffectiveIds root = tavr::EffectiveIds::Root();
+        domain.reset(new ::Domain({"--users", "2", "--groups", "0"}));
+        std::ofstream(kSettings, std::ios::app) << domain->SettingsLines();
+        Directory::WriteSecret();
+    }
+    tavr::CopyRunner().Refresh(tavr::ReadCopyPlan().domains.at(0), [](int64_t) { return true; });
+    SetSetting("domain_trusted", "OTHER=other.test"); // of which there is no copy
+    return domain;
 }
 
 } // namespace
@@ -244,9 +277,28 @@ std::optional<Ldap> SetUpLdap()
     return ldap;
 }
 
-[[gnu::weak]] std::optional<Domain> SetUpDomain()
+std::optional<Domain> SetUpDomain()
 {
-    return std::nullopt;
+    if (!::Domain::CanStart()) {
+        return std::nullopt;
+    }
+    static const std::unique_ptr<::Domain, StopAsRoot> domain = StartDomain();
+    SetSetting("domain_name", "CORP");
+    contract::Domain joined;
+    joined.name = "CORP";
+    joined.users = {Named("CORP\\dan", "Dan, the Man"), Named("CORP\\user000001", "User 000001"),
+                    Named("CORP\\user000002", "User 000002")};
+    joined.users[0].password = "dan-password";
+    joined.groups = {Named("CORP\\inner circle", "Dan and nobody else"), Named("CORP\\storage", "")};
+    joined.part = "THE MAN";
+    joined.trustedDomains = true;
+    return joined;
+}
+
+bool LeaveDomain()
+{
+    SetSetting("domain_name", "");
+    return true;
 }
 
 } // namespace contract

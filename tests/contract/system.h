@@ -105,12 +105,17 @@ std::optional<Ldap> SetUpLdap(); // for the tests of LDAP, before each of them
 
 // A domain that the system has joined; empty: there is none.
 struct Domain {
-    std::string name;            // what TAVRWinsDomainEnumOptSetDomain takes
-    std::vector<Entry> users;    // three at least, in the order of the list
-    std::vector<Entry> groups;   // one at least
+    std::string name; // what TAVRWinsDomainEnumOptSetDomain takes
+    // Three at least, in the order of the list; the first one with a password, and with a description that no
+    // name holds.
+    std::vector<Entry> users;
+    std::vector<Entry> groups;   // one at least, likewise; the first user is a member of the first one
     std::string part;            // a text that is in one user's name or description alone: the first one's
     bool trustedDomains = false; // TAVRWinIsEnableTrustDomain
 };
 std::optional<Domain> SetUpDomain(); // for the tests of the domain, before each of them
+
+// None is joined any more, until SetUpDomain is called again. False: that cannot be had.
+bool LeaveDomain();
 
 } // namespace contract

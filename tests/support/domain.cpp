@@ -11,10 +11,21 @@ bool Domain::CanStart()
     return Directory::CanStart() && access(TAVR_SUPPORT_DIR "/../../build/sssd/usr/sbin/sssd", X_OK) == 0;
 }
 
-Domain::Domain() : server("domain.py", {folder_.Path("d")})
+Domain::Domain(const std::vector<std::string>& options)
+    : server("domain.py", [&] {
+          std::vector<std::string> words = {folder_.Path("d")};
+          words.insert(words.end(), options.begin(), options.end());
+          return words;
+      }())
 {
     // For workers, which are not root.
     std::filesystem::permissions(folder_.Path(), std::filesystem::perms(0755));
+}
+
+// SSSD's children do not end with it.
+Domain::~Domain()
+{
+    KillClient();
 }
 
 void Domain::Signal(int signal) const

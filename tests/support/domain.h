@@ -5,6 +5,7 @@
 #include "tests/support/directory.h"
 
 #include <string>
+#include <vector>
 
 class Domain
 {
@@ -13,7 +14,11 @@ class Domain
 public:
     static bool CanStart(); // whether SSSD was fetched and the machine has a slapd
 
-    Domain();
+    // Options as controller.py has them.
+    explicit Domain(const std::vector<std::string>& options = {});
+    ~Domain();
+    Domain(const Domain&) = delete;
+    Domain& operator=(const Domain&) = delete;
     StartedServer server;
 
     // SSSD takes connections and says nothing, until it goes on.

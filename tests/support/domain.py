@@ -49,6 +49,8 @@ re_expression = (((?P<domain>[^\\]+)\\(?P<name>.+))|((?P<name>[^@\\]+)@(?P<domai
 
 
 def main():
+    os.setresgid(0, 0, 0)  # a starter who has raised the effective ids alone
+    os.setresuid(0, 0, 0)
     folder = sys.argv[1]
     controller = joined.start([sys.executable, os.path.join(HERE, "controller.py"), "--text-sids", "--more",
                                os.path.join(HERE, "domain.ldif"), *sys.argv[1:]],
