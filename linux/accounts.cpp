@@ -91,6 +91,12 @@ ALTER TABLE directory_account ADD COLUMN renamed INTEGER NOT NULL DEFAULT 0;  --
 CREATE INDEX directory_account_renamed ON directory_account (renamed) WHERE renamed > 0;
 )";
 
+// The seventh: where an account's files may stand when somebody was killed while they were moved.
+constexpr char kMoving[] = R"(
+ALTER TABLE directory_account ADD COLUMN moving TEXT;
+CREATE INDEX directory_account_moving ON directory_account (moving) WHERE moving IS NOT NULL;
+)";
+
 constexpr uint32_t kAdministratorsGid = 65536;
 constexpr uint32_t kUsersGid = 65537;
 
@@ -274,6 +280,7 @@ Database OpenAccounts()
         all.push_back(lists.c_str());
         all.push_back(kDirectoryTables);
         all.push_back(kRenamed);
+        all.push_back(kMoving);
         return all;
     }();
     return {kAccountsDatabase, migrations, AddSearchText};
@@ -583,6 +590,15 @@ bool MovePreferences(const std::string& from, const std::string& to)
         return false;
     }
     return true;
+}
+
+bool ReplacePreferences(const std::string& from, const std::string& to)
+{
+    const EffectiveIds service = EffectiveIds::Service();
+    std::error_code problem;
+    const bool stands =
+        std::filesystem::exists(std::filesystem::symlink_status(PreferencePath(from), problem));
+    return service.Changed() && (!stands || (DeletePreferences(to) && MovePreferences(from, to)));
 }
 
 bool MakePreferenceDirectory(const Account& account)

@@ -130,4 +130,7 @@ bool MakePreferenceDirectory(const Account& account);
 bool DeletePreferences(const std::string& name);
 bool MovePreferences(const std::string& from, const std::string& to);
 
+// If anything stands at `from`, it takes the place of what stands at `to`.
+bool ReplacePreferences(const std::string& from, const std::string& to);
+
 } // namespace tavr

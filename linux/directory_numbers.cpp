@@ -17,14 +17,16 @@ namespace
 
 struct Row {
     uint32_t uid = 0;
-    std::string name; // empty: it has none any more
+    std::string name;   // empty: it has none any more
+    std::string moving; // the name at whose place its files may stand, if their move was cut short
 };
 
 std::optional<Row> RowOf(Database& db, int kind, const std::string& id)
 {
-    Statement find = db.Prepare("SELECT uid, name FROM directory_account WHERE kind = ? AND id = ?");
+    Statement find = db.Prepare("SELECT uid, name, moving FROM directory_account WHERE kind = ? AND id = ?");
     find.Bind(1, kind).Bind(2, id);
-    return find.Step() ? std::optional(Row{static_cast<uint32_t>(find.Int(0)), find.Text(1)}) : std::nullopt;
+    return find.Step() ? std::optional(Row{static_cast<uint32_t>(find.Int(0)), find.Text(1), find.Text(2)})
+                       : std::nullopt;
 }
 
 bool IsTaken(Database& db, const std::string& name)
@@ -35,17 +37,61 @@ bool IsTaken(Database& db, const std::string& name)
 constexpr std::chrono::milliseconds kLongestInUse{10'000};
 constexpr std::chrono::milliseconds kPause{10};
 
-// What a former owner has left at the name's place goes first: it must not come to the new one.
-void ClearPlaceOf(const std::string& name)
+// --- Files that go with names
+// --------------------------------------------------------------------------------
+//
+// A move is announced in a transaction of its own, which leaves the new place empty. Whoever is killed before
+// the name is stored has files at one of the two places; who comes next brings them back first.
+
+void BringBack(Database& db, AccountLocks& locks, const Row& row)
 {
+    locks.Take(row.uid);
+    if (!ReplacePreferences(row.moving, row.name)) {
+        throw DatabaseError(0, "a preference directory cannot be brought back");
+    }
+    db.Prepare("UPDATE directory_account SET moving = NULL WHERE uid = ?").Bind(1, row.uid).Run();
+}
+
+// What a former owner has left at the name's place goes first: it must not come to the new one.
+void ClearPlaceOf(Database& db, AccountLocks& locks, const std::string& name)
+{
+    std::optional<Row> onTheWay;
+    {
+        Statement find = db.Prepare("SELECT uid, name, moving FROM directory_account WHERE moving = ?");
+        find.Bind(1, name);
+        if (find.Step()) {
+            onTheWay = Row{static_cast<uint32_t>(find.Int(0)), find.Text(1), find.Text(2)};
+        }
+    }
+    if (onTheWay) {
+        BringBack(db, locks, *onTheWay);
+    }
     if (!DeletePreferences(name)) {
         throw DatabaseError(0, "a preference directory of a former account of this name cannot be deleted");
     }
 }
 
-uint32_t Add(Database& db, int kind, const DirectoryEntry& entry)
+bool IsRenamed(const std::optional<Row>& row, const std::string& name)
 {
-    ClearPlaceOf(entry.name);
+    return row && !row->name.empty() && row->name != name;
+}
+
+void AnnounceMove(Database& db, AccountLocks& locks, const Row& row, const std::string& name)
+{
+    locks.Take(row.uid);
+    if (!row.moving.empty()) {
+        BringBack(db, locks, row);
+    }
+    ClearPlaceOf(db, locks, name);
+    db.Prepare("UPDATE directory_account SET moving = ? WHERE uid = ?").Bind(1, name).Bind(2, row.uid).Run();
+}
+
+// --- Numbers
+// -------------------------------------------------------------------------------------------------
+
+uint32_t Add(Database& db, AccountLocks& locks, int kind, const DirectoryEntry& entry)
+{
+    ClearPlaceOf(db, locks, entry.name);
     db.Prepare("INSERT INTO directory_account (kind, id, name) VALUES (?, ?, ?)")
         .Bind(1, kind)
         .Bind(2, entry.id)
@@ -57,11 +103,15 @@ uint32_t Add(Database& db, int kind, const DirectoryEntry& entry)
 void Rename(Database& db, AccountLocks& locks, const Row& row, const std::string& name)
 {
     locks.Take(row.uid);
-    ClearPlaceOf(name);
-    if (!row.name.empty() && !MovePreferences(row.name, name)) {
+    if (row.name.empty()) {
+        ClearPlaceOf(db, locks, name);
+    } else if (row.moving != name) {
+        throw AccountInUse(); // named otherwise since the move was announced
+    } else if (!MovePreferences(row.name, name)) {
         throw DatabaseError(0, "a preference directory cannot be moved");
     }
-    db.Prepare("UPDATE directory_account SET name = ?1, renamed = " NEXT_RENAMED " WHERE uid = ?2")
+    db.Prepare("UPDATE directory_account SET name = ?1, moving = NULL, renamed = " NEXT_RENAMED
+               " WHERE uid = ?2")
         .Bind(1, name)
         .Bind(2, row.uid)
         .Run();
@@ -78,7 +128,7 @@ std::optional<uint32_t> Number(Database& db, AccountLocks& locks, int kind, cons
         return std::nullopt;
     }
     if (!row) {
-        return Add(db, kind, entry);
+        return Add(db, locks, kind, entry);
     }
     Rename(db, locks, *row, entry.name);
     return row->uid;
@@ -99,19 +149,48 @@ std::optional<uint32_t> FormerOwner(Database& db, int kind, const DirectoryEntry
     return find.Step() ? std::optional(static_cast<uint32_t>(find.Int(0))) : std::nullopt;
 }
 
-uint32_t TakeName(Database& db, int kind, const DirectoryEntry& entry)
+void TakeNameAway(Database& db, AccountLocks& locks, int kind, const DirectoryEntry& entry)
 {
-    AccountLocks locks;
-    Transaction transaction(db);
     if (const std::optional<uint32_t> owner = FormerOwner(db, kind, entry)) {
         locks.Take(*owner);
-        db.Prepare("UPDATE directory_account SET name = NULL, renamed = " NEXT_RENAMED " WHERE uid = ?")
+        db.Prepare("UPDATE directory_account SET name = NULL, moving = NULL, renamed = " NEXT_RENAMED
+                   " WHERE uid = ?")
             .Bind(1, *owner)
             .Run();
     }
+}
+
+uint32_t TakeName(Database& db, int kind, const DirectoryEntry& entry)
+{
+    AccountLocks locks;
+    if (IsRenamed(RowOf(db, kind, entry.id), entry.name)) {
+        Transaction announcing(db);
+        TakeNameAway(db, locks, kind, entry);
+        AnnounceMove(db, locks, *RowOf(db, kind, entry.id), entry.name);
+        announcing.Commit();
+    }
+    Transaction transaction(db);
+    TakeNameAway(db, locks, kind, entry);
     const std::optional<uint32_t> number = Number(db, locks, kind, entry);
     transaction.Commit();
     return *number; // nobody else has the name any more
+}
+
+void AnnounceMoves(Database& db, AccountLocks& locks, int kind,
+                   const std::vector<const DirectoryEntry*>& renamed)
+{
+    Transaction transaction(db);
+    for (const DirectoryEntry* entry : renamed) {
+        const std::optional<Row> row = RowOf(db, kind, entry->id);
+        try {
+            if (IsRenamed(row, entry->name) && !IsTaken(db, entry->name)) {
+                AnnounceMove(db, locks, *row, entry->name);
+            }
+        } catch (const AccountInUse&) {
+            continue; // it can be renamed another time
+        }
+    }
+    transaction.Commit();
 }
 
 } // namespace
@@ -121,16 +200,23 @@ std::vector<std::optional<uint32_t>> NumbersOfAccounts(int kind, std::span<const
 {
     std::vector<std::optional<uint32_t>> numbers;
     bool complete = true;
+    std::vector<const DirectoryEntry*> renamed;
     for (const DirectoryEntry& entry : entries) {
         const std::optional<Row> row = RowOf(store, kind, entry.id);
         const bool known = row && row->name == entry.name;
         numbers.push_back(known ? std::optional(row->uid) : std::nullopt);
         complete = complete && known;
+        if (IsRenamed(row, entry.name)) {
+            renamed.push_back(&entry);
+        }
     }
     if (complete) {
         return numbers; // as nearly always: nothing is written
     }
     AccountLocks locks;
+    if (!renamed.empty()) {
+        AnnounceMoves(store, locks, kind, renamed);
+    }
     Transaction transaction(store);
     for (size_t i = 0; i < entries.size(); ++i) {
         try {

@@ -345,11 +345,14 @@ bool AccountLock::Held() const
 
 void AccountLocks::Take(uint32_t account)
 {
+    if (held_.contains(account)) {
+        return;
+    }
     Descriptor lock = TakeLock(account, LockWait::Not);
     if (!lock) {
         throw AccountInUse();
     }
-    held_.push_back(std::move(lock));
+    held_.emplace(account, std::move(lock));
 }
 
 // --- Settling ---

@@ -7,6 +7,7 @@
 #include "linux/request.h"
 #include "linux/vault.h"
 
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -45,10 +46,10 @@ struct AccountInUse {
 class AccountLocks
 {
 public:
-    void Take(uint32_t account); // throws AccountInUse
+    void Take(uint32_t account); // once or more often; throws AccountInUse
 
 private:
-    std::vector<Descriptor> held_;
+    std::map<uint32_t, Descriptor> held_;
 };
 
 enum class Enrolment { No, Yes, Fault };

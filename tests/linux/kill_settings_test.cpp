@@ -107,6 +107,55 @@ TEST_F(KilledSettings, AreSavedOrAsBefore)
     });
 }
 
+// --- An account that is called otherwise ---
+
+constexpr char kSid[] = "S-1-5-21-1-2-3-1111";
+constexpr char kDaniel[] = "CORP\\daniel";
+
+std::string SettingsBelow(const char* name)
+{
+    return ReadFile(PreferencePath(name) + "/usersettings");
+}
+
+bool RenameMarked()
+{
+    AccountsDatabase();
+    std::filesystem::create_directory(PreferencePath(kDaniel));
+    WriteFile(PreferencePath(kDaniel) + "/usersettings", "of somebody who was called so once");
+    MarkStart();
+    return NumberOfAccount(kKindDomain, {kSid, kDaniel}) == Dan().uid;
+}
+
+TEST_F(KilledSettings, GoToTheNewName)
+{
+    AtEveryCall(RenameMarked, [](bool) {
+        EXPECT_EQ(Dan().uid, NumberOfAccount(kKindDomain, {kSid, kDaniel}));
+        EXPECT_EQ(kBefore, SettingsBelow(kDaniel));
+        EXPECT_FALSE(std::filesystem::exists(PreferencePath(kDan)));
+    });
+}
+
+TEST_F(KilledSettings, GoToAThirdNameFromWhereverTheyAre)
+{
+    AtEveryCall(RenameMarked, [](bool) {
+        const DirectoryEntry third[] = {{kSid, "CORP\\d"}};
+        EXPECT_EQ(Dan().uid, NumbersOfAccounts(kKindDomain, third)[0]);
+        EXPECT_EQ(kBefore, SettingsBelow("CORP\\d"));
+        EXPECT_FALSE(std::filesystem::exists(PreferencePath(kDan)));
+    });
+}
+
+TEST_F(KilledSettings, AreNotTakenByWhoGetsTheNewName)
+{
+    AtEveryCall(RenameMarked, [](bool) {
+        const bool renamed = FindAccount(kDaniel).has_value(); // then the name and its files are lost to him
+        EXPECT_LT(Dan().uid, NumberOfAccount(kKindDomain, {"S-1-5-21-1-2-3-1112", kDaniel}));
+        EXPECT_FALSE(std::filesystem::exists(PreferencePath(kDaniel)));
+        EXPECT_EQ(Dan().uid, NumberOfAccount(kKindDomain, {kSid, kDan}));
+        EXPECT_EQ(renamed ? "" : kBefore, SettingsBelow(kDan));
+    });
+}
+
 TEST_F(KilledSettings, AreAsBeforeWhenTheyCannotBeWrittenWhole)
 {
     AsWorker([] {
