@@ -4,7 +4,6 @@
 #include "linux/mail_accounts.h"
 #include "linux/names.h"
 #include "linux/settings.h"
-#include "linux/untrusted_json.h"
 #include "platform/json.h"
 #include "webapi/transfers.h"
 
@@ -35,13 +34,11 @@ std::string Said(int reply, const std::string& text)
 // The text of a JSON array that holds one text.
 std::optional<std::string> OnlyAddress(std::string_view text)
 {
-    const auto object = ParseStrictObject("{\"to\":" + std::string(text) + '}');
-    if (!object || object->size() != 1) {
-        return std::nullopt;
-    }
-    const Json::Value& list = (*object)["to"];
-    const bool single = list.isArray() && list.size() == 1 && list[0].isString();
-    return single ? std::optional(list[0].asString()) : std::nullopt;
+    std::string list(text);
+    const std::vector<JsonValue> values = ReadStrictJson(list);
+    const bool single = values.size() == 2 && values[0].kind == JsonValue::Kind::Array &&
+                        values[1].kind == JsonValue::Kind::Text;
+    return single ? std::optional(std::string(values[1].text)) : std::nullopt;
 }
 
 std::optional<Account> Runner(const Request& request)
@@ -54,8 +51,8 @@ std::optional<Account> Runner(const Request& request)
 template<class Use>
 void WithMailAccount(const Request& request, const Reply& reply, Use use)
 {
-    const auto type = TextMember(request.params, "email_type");
-    const auto alias = TextMember(request.params, "alias");
+    const auto type = request.params.Text("email_type");
+    const auto alias = request.params.Text("alias");
     if (!type || !alias || request.runner.empty()) {
         reply.Refuse(Code::BadArgument);
         return;
@@ -83,15 +80,15 @@ struct Described {
     const char* problem = nullptr;
 };
 
-Described DescribedServer(const Json::Value& params)
+Described DescribedServer(const JsonObject& params)
 {
-    const auto text = [&](const char* name) { return std::string(TextMember(params, name).value_or("")); };
+    const auto text = [&](const char* name) { return std::string(params.Text(name).value_or("")); };
     Described described;
     MailServer& server = described.account.server;
     const auto security = MailSecurityOf(text("security"));
     described.account.alias = "test";
     server.host = text("host");
-    server.port = params["port"].isInt() ? params["port"].asInt() : 0;
+    server.port = params.Int("port").value_or(0);
     server.security = security.value_or(MailSecurity::StartTls);
     server.user = text("user");
     server.password = text("password");
@@ -153,7 +150,7 @@ Mail TestMail(const std::string& to, const std::string& about)
 
 void TestNotificationMail(const Request& request, const Reply& reply, Tools& tools)
 {
-    const auto to = TextMember(request.params, "to");
+    const auto to = request.params.Text("to");
     if (!to) {
         reply.Refuse(Code::BadArgument);
         return;
@@ -169,12 +166,12 @@ void TestNotificationMail(const Request& request, const Reply& reply, Tools& too
 
 void SendPersonalMail(const Request& request, const Reply& reply, Tools& tools)
 {
-    const Json::Value& params = request.params;
-    const auto to = TextMember(params, "to");
-    const auto subject = TextMember(params, "subject");
-    const auto body = TextMember(params, "body");
-    const auto appName = TextMember(params, "app_name");
-    const auto appTitle = TextMember(params, "app_title");
+    const JsonObject& params = request.params;
+    const auto to = params.Text("to");
+    const auto subject = params.Text("subject");
+    const auto body = params.Text("body");
+    const auto appName = params.Text("app_name");
+    const auto appTitle = params.Text("app_title");
     const auto address = to ? OnlyAddress(*to) : std::nullopt;
     if (!address || !subject || !body || !appName || !appTitle || appName->size() > kLongestAppText ||
         appTitle->size() > kLongestAppText) {
@@ -196,13 +193,13 @@ void SendPersonalMail(const Request& request, const Reply& reply, Tools& tools)
 // A server that is described, or a mail account that is stored.
 void TestPersonalMail(const Request& request, const Reply& reply, Tools& tools)
 {
-    const auto to = TextMember(request.params, "to");
+    const auto to = request.params.Text("to");
     if (!to) {
         reply.Refuse(Code::BadArgument);
         return;
     }
     const Mail mail = TestMail(std::string(*to), "a personal mail account");
-    if (!request.params.isMember("host")) {
+    if (request.params.Find("host") == nullptr) {
         WithMailAccount(request, reply, [&](const Account& /*account*/, const MailServer& server) {
             SendAndAnswer(server, mail, reply, tools);
         });

@@ -1,61 +1,11 @@
 #include "webapi/request.h"
 
-#include "linux/untrusted_json.h"
 #include <sodium.h>
 
 #include <algorithm>
 
 namespace tavr::webapi
 {
-
-namespace
-{
-
-constexpr size_t kMostValues = 1000; // of a request: what is parsed takes a hundred times its text's memory
-
-// Counts what separates values, outside of texts.
-size_t CountValues(std::string_view json)
-{
-    size_t count = 0;
-    bool inText = false;
-    for (size_t i = 0; i < json.size(); ++i) {
-        const char c = json[i];
-        if (c == '"') {
-            inText = !inText;
-        } else if (inText && c == '\\') {
-            ++i;
-        } else if (!inText && (c == ',' || c == '[' || c == '{')) {
-            ++count;
-        }
-    }
-    return count;
-}
-
-// What the object asks for. False: it asks for nothing.
-bool ReadCall(Json::Value& object, Request& request)
-{
-    Json::Value& params = object["params"];
-    if (!params.isObject()) {
-        return false;
-    }
-    const auto api = TextMember(params, "api");
-    const auto method = TextMember(params, "method");
-    const Json::Value& version = params["version"];
-    if (!api || !method || !version.isInt()) {
-        return false;
-    }
-    request.api = *api;
-    request.method = *method;
-    request.version = version.asInt();
-    const Json::Value& runner = object["runner"];
-    if (runner.isObject()) {
-        request.runner = TextMember(runner, "username").value_or("");
-    }
-    request.params.swap(params);
-    return true;
-}
-
-} // namespace
 
 IncomingMessage::State IncomingMessage::Add(std::string_view piece)
 {
@@ -80,21 +30,28 @@ IncomingMessage::State IncomingMessage::Add(std::string_view piece)
 
 Request::~Request()
 {
-    Wipe(params);
+    sodium_memzero(text.data(), text.size());
 }
 
-Code ParseRequest(std::string_view text, Request& request)
+Code ParseRequest(Request& request)
 {
-    if (CountValues(text) > kMostValues) {
+    request.values = ReadStrictJson(request.text);
+    if (request.values.empty()) {
         return Code::Malformed;
     }
-    std::optional<Json::Value> object = ParseStrictObject(text);
-    if (!object) {
+    const JsonObject object(request.values.data());
+    request.params = object.Object("params");
+    const auto api = request.params.Text("api");
+    const auto method = request.params.Text("method");
+    const auto version = request.params.Int("version");
+    if (!api || !method || !version) {
         return Code::Malformed;
     }
-    const bool isCall = ReadCall(*object, request);
-    Wipe(*object);
-    return isCall ? Code::None : Code::Malformed;
+    request.api = *api;
+    request.method = *method;
+    request.version = *version;
+    request.runner = object.Object("runner").Text("username").value_or("");
+    return Code::None;
 }
 
 std::string Success(std::string_view data)

@@ -3,11 +3,11 @@
 #pragma once
 
 #include "linux/webapi_frame.h"
-
-#include <json/value.h>
+#include "webapi/strict_json.h"
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tavr::webapi
 {
@@ -51,21 +51,25 @@ private:
     std::string text_;
 };
 
+// Stays where it is: everything else refers to its text.
 struct Request {
-    std::string api;
-    std::string method;
+    std::string_view api;
+    std::string_view method;
     int version = 0;
-    Json::Value params; // an object; may hold a mail with a code in it
-    std::string runner; // on whose behalf; empty when it was not said
+    JsonObject params;
+    std::string_view runner; // on whose behalf; empty when it was not said
+
+    std::string text; // may hold a mail with a code in it
+    std::vector<JsonValue> values;
 
     Request() = default;
     Request(const Request&) = delete;
     Request& operator=(const Request&) = delete;
-    ~Request(); // overwrites the texts
+    ~Request(); // overwrites the text
 };
 
-// Code::None, or why there is no request in it.
-Code ParseRequest(std::string_view text, Request& request);
+// Of what stands in `request.text`. Code::None, or why there is no request in it.
+Code ParseRequest(Request& request);
 
 // Answers, as texts. `data` is the text of a JSON object, and so is `members`, if any: what the error says
 // besides the code.

@@ -160,10 +160,9 @@ void Server::Call(Place place)
         reply.Refuse(Code::Busy);
         return;
     }
-    std::string text = std::move(place->request.Text());
     Request request;
-    const Code code = ParseRequest(text, request);
-    sodium_memzero(text.data(), text.size());
+    request.text = std::move(place->request.Text());
+    const Code code = ParseRequest(request);
     if (code != Code::None) {
         reply.Refuse(code);
         return;
