@@ -20,7 +20,7 @@ namespace
 
 constexpr uint64_t kListenerId = 1;
 constexpr int64_t kPauseSeconds = 1;
-constexpr int kAcceptedAtOnce = 64; // so that those who are here already get their turn
+constexpr int kAcceptedAtEnd = 64;
 
 // Of the process that connected, at that moment.
 bool IsAllowed(int socket, uid_t service)
@@ -68,7 +68,7 @@ Server::Server(Descriptor listener, int epoll, uid_t service, size_t most, Tools
 void Server::OnEvent(uint64_t id)
 {
     if (id == kListenerId) {
-        Accept();
+        AcceptOne(); // who comes behind him is told of again; asking for him now is mostly in vain
         return;
     }
     const auto found = places_.find(id);
@@ -77,23 +77,24 @@ void Server::OnEvent(uint64_t id)
     }
 }
 
-void Server::Accept()
+// False: there is nobody, or no room for anybody.
+bool Server::AcceptOne()
 {
-    for (int i = 0; i < kAcceptedAtOnce; ++i) {
-        Descriptor socket(accept4(listener_.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-        if (socket) {
-            Take(std::move(socket));
-        } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
-            if (!DropLongestAsking()) {
-                syslog(LOG_ERR, "cannot accept: %m");
-                Register(epoll_, EPOLL_CTL_MOD, listener_.Get(), kListenerId, 0);
-                pausedUntil_ = BootSeconds() + kPauseSeconds;
-                return;
-            }
-        } else if (errno != EINTR && errno != ECONNABORTED) {
-            return;
-        }
+    Descriptor socket(accept4(listener_.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (socket) {
+        Take(std::move(socket));
+        return true;
     }
+    if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
+        if (DropLongestAsking()) {
+            return true;
+        }
+        syslog(LOG_ERR, "cannot accept: %m");
+        Register(epoll_, EPOLL_CTL_MOD, listener_.Get(), kListenerId, 0);
+        pausedUntil_ = BootSeconds() + kPauseSeconds;
+        return false;
+    }
+    return errno == EINTR || errno == ECONNABORTED;
 }
 
 void Server::Take(Descriptor socket)
@@ -247,7 +248,8 @@ void Server::Close()
     if (!listener_) {
         return;
     }
-    Accept(); // who has connected before the end is let in
+    for (int i = 0; i < kAcceptedAtEnd && AcceptOne(); ++i) { // who has connected before the end is let in
+    }
     Register(epoll_, EPOLL_CTL_DEL, listener_.Get(), kListenerId, 0); // others may have the listener too
     listener_ = Descriptor();
     pausedUntil_ = 0;

@@ -53,7 +53,7 @@ private:
     };
     using Place = std::list<Connection>::iterator;
 
-    void Accept();
+    bool AcceptOne();
     void Take(Descriptor socket);
     void Read(Place place);
     void Call(Place place);
