@@ -6,8 +6,9 @@ import test, { after } from "node:test";
 import { setTimeout as sleep } from "node:timers/promises";
 
 import { startDirectory, startProxy } from "../support/directory.mjs";
+import { setNotificationServer } from "../support/mail.mjs";
 import { run, startServer } from "../support/server.mjs";
-import { Client } from "./client.mjs";
+import { Client, signIn as signInHalf } from "./client.mjs";
 import { enrol, signInWithCode } from "./wizard.mjs";
 
 const kSettingsFile = "/etc/tavr/tavrinfo.conf";
@@ -31,12 +32,14 @@ const server = await startServer({ accounts: { ada: ["--admin"], carol: [] } });
 after(() => server.stop());
 const directory = await startDirectory(["--users", "100"]);
 after(() => directory.stop());
-const proxy = await startProxy(directory, [...kCases.map(({ name }) => name), "hang:connect", "none:connect"]);
+const proxy = await startProxy(directory, [...kCases.map(({ name }) => name), "hang:connect", "none:connect", "hang:connect"]);
 after(() => proxy.stop());
 const hanging = kCases.length;
 const healthy = hanging + 1;
+const hangingLater = healthy + 1;
 const uriOf = (index, scheme = "ldap") => `${scheme}://127.0.0.1:${proxy.ports[index]}`;
 directory.setUp(uriOf(healthy));
+setNotificationServer({ port: 1 }, "system", "secret");   // nobody: notices wait
 const settings = readFileSync(kSettingsFile, "utf8");
 // Every generated account has it as its primary group.
 run("tavrctl", ["enforce", "add", "ldap_group", "everybody@office.example"]);
@@ -86,6 +89,23 @@ test("with two workers, others sign in while a directory hangs, and who is of it
     assert.equal(answer.headers["retry-after"], "5");
   }
   assert.equal((await first).said, "503 otp_unavailable");
+});
+
+test("a notice that asks a hanging directory, when the answer is out, keeps nobody waiting", async () => {
+  askAt(healthy);
+  const user = nameOf(97);
+  server.passwords[user] = passwordOf(97);
+  const { key: secret } = await enrol(server, user);
+  const half = await signInHalf(server, user);
+  askAt(hangingLater);
+  for (let i = 0; i < 3; i += 1) {
+    assert.equal((await half.post("/api/signin/code", { code: server.wrongCode(secret) })).status, 401);
+  }
+  await until(() => proxy.told.includes(`REACHED ${hangingLater}`), "the third one's notice asks");
+  assert.equal((await signIn(nameOf(5), passwordOf(5))).said, "503 busy", "the notice waits");
+  for (let i = 0; i < 3; i += 1) {
+    assert.equal((await signIn("carol", server.passwords.carol)).said, "200 signed_in");
+  }
 });
 
 test(`${kCases.length} ways to fail, side by side`, async () => {
