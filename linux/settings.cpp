@@ -164,11 +164,12 @@ bool IsValue(std::string_view value)
                         [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 0x7f; });
 }
 
-// For everybody to read, or for the service's group alone.
+// For everybody to read, or for the service's group alone. A file for everybody is made as root's own and
+// stays so: in the web program's sandbox no owner can be given.
 bool GiveOwner(const Descriptor& file, mode_t mode)
 {
-    const gid_t group = (mode & S_IROTH) != 0 ? 0 : ServiceGroup();
-    return fchown(file.Get(), 0, group) == 0 && fchmod(file.Get(), mode) == 0;
+    const bool forEverybody = (mode & S_IROTH) != 0;
+    return (forEverybody || fchown(file.Get(), 0, ServiceGroup()) == 0) && fchmod(file.Get(), mode) == 0;
 }
 
 // Replaces the file inside `folder` by one with this text.
