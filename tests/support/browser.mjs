@@ -16,9 +16,9 @@ const kFlags = ["--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-r
 
 export const kScreenshots = join(process.env.TEST_BUILD ?? join(kSource, "build/dev"), "screenshots");
 
-export async function startBrowser() {
+export async function startBrowser(flags = []) {
   mkdirSync(kScreenshots, { recursive: true });
-  return chromium.launch({ executablePath: "/usr/bin/chromium", args: kFlags });
+  return chromium.launch({ executablePath: "/usr/bin/chromium", args: [...kFlags, ...flags] });
 }
 
 // A fresh profile. `problems` fills with one line for each thing that went wrong.

@@ -84,10 +84,11 @@ class MailServer {
   }
 }
 
-// Their certificates are good ones from here on, and personal mail accounts may stand on this machine.
-export function trust(servers) {
-  writeFileSync(kCaFile, servers.map((server) => readFileSync(join(server.folder, "ca.pem"))).join(""));
-  appendFileSync("/etc/tavr/tavrinfo.conf", `mail_private_servers="yes"\nmail_ca_file="${kCaFile}"\n`);
+// Their certificates are good ones from here on, and personal mail accounts may stand on this machine, or on the one
+// below `root`.
+export function trust(servers, root = "") {
+  writeFileSync(root + kCaFile, servers.map((server) => readFileSync(join(server.folder, "ca.pem"))).join(""));
+  appendFileSync(`${root}/etc/tavr/tavrinfo.conf`, `mail_private_servers="yes"\nmail_ca_file="${kCaFile}"\n`);
 }
 
 // The user's default mail account, on a mail server that `login` is known to.
@@ -97,9 +98,9 @@ export function addMailAccount(user, server, login, password, options = []) {
 }
 
 // A server that takes the system's own mails, set up for that.
-export async function startNotificationServer() {
+export async function startNotificationServer(root = "") {
   const mails = await startMailServer(["--user", "system", "--password", "secret"]);
-  trust([mails]);
+  trust([mails], root);
   setNotificationServer(mails, "system", "secret");
   return mails;
 }
