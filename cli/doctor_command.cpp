@@ -7,6 +7,7 @@
 #include "linux/database.h"
 #include "linux/descriptor.h"
 #include "linux/ids.h"
+#include "linux/machine_key.h"
 #include "linux/pam.h"
 #include "linux/paths.h"
 #include "linux/policy_file.h"
@@ -92,7 +93,7 @@ constexpr Place kPlaces[] = {
     {"/etc/tavr/tavrinfo.conf", S_IFREG, Owner::Root, 0644},
     {"/etc/tavr/settings.lock", S_IFREG, Owner::Root, 0600, false},
     {kSecretsFile, S_IFREG, Owner::RootForService, 0440, false},
-    {kMachineKeyFile, S_IFREG, Owner::RootForService, 0440},
+    {kMachineKeyFile, S_IFREG, Owner::RootForService, 0440, false}, // missing: LookAtKey
     {kSelfSignedFile, S_IFREG, Owner::Root, 0400, false},
     {"/usr/tavr", S_IFDIR, Owner::Root, 0755},
     {kDataDir, S_IFDIR, Owner::Service, 0755},
@@ -447,7 +448,17 @@ void LookAtSystemAccounts(Page& page)
     }
 }
 
-void LookAtKey(Page& page)
+std::string KeyAdvice(Fault fault)
+{
+    if (fault == Fault::KeyMissing) {
+        return IsAnythingSealed()
+                   ? "bring it back from its backup; a new one would open nothing that is sealed"
+                   : "nothing is sealed with it: tavrctl setup makes a new one";
+    }
+    return "mend its owner and mode, or bring the key back from its backup; a new one opens nothing";
+}
+
+void TellOfKey(Page& page)
 {
     try {
         CheckVaultKey();
@@ -455,7 +466,14 @@ void LookAtKey(Page& page)
                   std::string(kMachineKeyFile) + " is the key that the secrets are sealed with");
     } catch (const VaultError& error) {
         page.Tell(State::Broken, "key", std::string(kMachineKeyFile) + ": " + error.what(),
-                  "mend its owner and mode, or bring the key back from its backup; a new one opens nothing");
+                  KeyAdvice(error.fault));
+    }
+}
+
+void LookAtKey(Page& page)
+{
+    try {
+        TellOfKey(page);
     } catch (const DatabaseError& error) {
         page.Tell(State::Broken, "key", std::string("not known: ") + error.what(), "mend the database first");
     }

@@ -189,13 +189,17 @@ void MakeKey()
     case tavr::MakeKey::Kept:
         Report("kept", kMachineKeyFile);
         return;
+    case tavr::MakeKey::Mended:
+        Report("mended", kMachineKeyFile);
+        return;
     case tavr::MakeKey::RowsSealed:
         Fail(kMachineKeyFile,
              "is missing while there are secrets sealed with it; bring it back from a backup");
     case tavr::MakeKey::NotRoot:
         throw Failure(Exit::NotAllowed, "not_root", "set-up must be run by root");
     case tavr::MakeKey::Failed:
-        Fail(kMachineKeyFile, "could not be made, or what is there is no key");
+        Fail(kMachineKeyFile, "could not be made, or what is there is no key or others than root can write "
+                              "it: see tavrctl doctor");
     }
 }
 

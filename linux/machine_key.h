@@ -65,14 +65,19 @@ private:
 
 // Makes the key for set-up. As root only, and only while nothing is sealed, in the vault, in the mail queue
 // or as a password of a mail account: what a lost key has sealed stays lost, and a new key would hide that.
-// Never through a link, never over anything; durable.
+// Never through a link, never over anything; durable. The group and mode of one that is there are put right
+// where none but root could write it.
 enum class MakeKey {
     Made,
-    Kept, // there is one, and it can be read
+    Kept,   // there is one, and it can be read
+    Mended, // likewise, now
     NotRoot,
     RowsSealed, // it is gone while something is sealed with it: bring the old one back
     Failed,     // errno says why, or the file that is there is no key
 };
 MakeKey CreateMachineKey(); // throws DatabaseError when that cannot be told
+
+// Whether anything is, so that the key is not to be replaced; likewise.
+bool IsAnythingSealed();
 
 } // namespace tavr

@@ -24,15 +24,6 @@ namespace
 
 constexpr mode_t kKeyMode = S_IRUSR | S_IRGRP;
 
-bool IsAnythingSealed()
-{
-    const EffectiveIds service = EffectiveIds::Service();
-    if (!service.Changed()) {
-        throw DatabaseError(0, "the service's ids cannot be taken");
-    }
-    return HoldsSealedRows() || HasSealedMails() || HasSealedPasswords();
-}
-
 bool WriteKey(int fd)
 {
     std::array<unsigned char, MachineKey::kBytes> key;
@@ -60,7 +51,36 @@ bool MakeKeyFile(const Descriptor& directory, const std::string& name)
            fsync(directory.Get()) == 0;
 }
 
+// A key that others could write may be another one by now: that is left for a person to judge.
+MakeKey MendKeyFile(const Descriptor& directory, const std::string& name)
+{
+    const Descriptor file(
+        openat(directory.Get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat entry {
+    };
+    constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
+    if (!file || fstat(file.Get(), &entry) != 0 || !S_ISREG(entry.st_mode) || entry.st_uid != 0 ||
+        (entry.st_mode & kOthersWrite) != 0) {
+        return MakeKey::Failed;
+    }
+    const gid_t group = ServiceGroup();
+    if (entry.st_gid == group && (entry.st_mode & 07777) == kKeyMode) {
+        return MakeKey::Kept;
+    }
+    return fchown(file.Get(), 0, group) == 0 && fchmod(file.Get(), kKeyMode) == 0 ? MakeKey::Mended
+                                                                                  : MakeKey::Failed;
+}
+
 } // namespace
+
+bool IsAnythingSealed()
+{
+    const EffectiveIds service = EffectiveIds::Service();
+    if (!service.Changed()) {
+        throw DatabaseError(0, "the service's ids cannot be taken");
+    }
+    return HoldsSealedRows() || HasSealedMails() || HasSealedPasswords();
+}
 
 MakeKey CreateMachineKey()
 {
@@ -76,7 +96,9 @@ MakeKey CreateMachineKey()
         return MakeKey::Failed;
     }
     if (faccessat(directory.Get(), name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
-        return FaultIn([] { MachineKey::Read(); }) == Fault::None ? MakeKey::Kept : MakeKey::Failed;
+        const MakeKey done = MendKeyFile(directory, name);
+        const bool isKey = done != MakeKey::Failed && FaultIn([] { MachineKey::Read(); }) == Fault::None;
+        return isKey ? done : MakeKey::Failed;
     }
     if (IsAnythingSealed()) {
         return MakeKey::RowsSealed;

@@ -100,8 +100,14 @@ cp -a $key /root/key
 is 0 $'*ok\tkey\t*' tavrctl doctor
 broken "rev $key | tr 0-9 1-90 | rev >/root/other; sed 's/^[^ ]* /tavr-machine-key-1 /' /root/other >$key" "cp /root/key $key" $'broken\tkey\t*otp.key: *bring the key back*'
 broken "echo none >$key" "cp /root/key $key" $'broken\tkey\t*'
+broken 'rm $key' 'cp -a /root/key $key' $'broken\tkey\t/etc/tavr/otp.key: machine key missing; bring it back from its backup*'
 rm $key
-is 1 $'*broken\tfiles\t/etc/tavr/otp.key: No such file*broken\tkey\t*' tavrctl doctor
+is 1 '*otp.key: is missing while there are secrets sealed with it*' tavrctl setup
+sql signin 'DELETE FROM code' >/dev/null
+sql signin 'DELETE FROM secret' >/dev/null
+is 1 $'*broken\tkey\t*machine key missing; nothing is sealed with it: tavrctl setup makes a new one*' tavrctl doctor
+is 0 '*made /etc/tavr/otp.key' tavrctl setup
+is 0 $'*ok\tkey\t*' tavrctl doctor
 cp -a /root/key $key
 version=$(sql mail 'PRAGMA user_version' | tr -dc 0-9)
 broken 'sql mail "PRAGMA user_version=999" >/dev/null' "sql mail 'PRAGMA user_version=$version' >/dev/null" $'broken\tdatabases\t/var/lib/tavr/mail.db: made by a newer version*'

@@ -43,6 +43,20 @@ is 0 '{"local_user":\["1026"\]}' cat /usr/tavr/etc/tavr_otp_enforce_custom_setti
 is 0 '*ours="kept"*' cat /etc/tavrinfo.conf
 [ "$key" = "$(sha256sum /etc/tavr/otp.key)" ] || fail "the machine key has changed"
 is 0 'kept*kept*kept*kept*kept*' tavrctl setup
+# Group and mode of the key are put right, unless others than root could have made it another key.
+chown root:root /etc/tavr/otp.key
+chmod 444 /etc/tavr/otp.key
+is 0 '*mended /etc/tavr/otp.key' tavrctl setup
+owned root:tavr-web 440 /etc/tavr/otp.key
+for change in 'chmod 460' 'chmod 442' 'chown nobody'; do
+    $change /etc/tavr/otp.key
+    before=$(stat -c '%U:%G %a' /etc/tavr/otp.key)
+    is 1 '*otp.key: *others than root can write it*' tavrctl setup
+    is 0 "$before" stat -c '%U:%G %a' /etc/tavr/otp.key
+    chown root:tavr-web /etc/tavr/otp.key
+    chmod 440 /etc/tavr/otp.key
+done
+[ "$key" = "$(sha256sum /etc/tavr/otp.key)" ] || fail "the machine key has changed"
 
 # Set-up goes nowhere through a link, and takes nothing away from what is there.
 rm /etc/tavrinfo.conf
