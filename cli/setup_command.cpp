@@ -6,6 +6,7 @@
 #include "linux/descriptor.h"
 #include "linux/ids.h"
 #include "linux/machine_key.h"
+#include "linux/new_file.h"
 #include "linux/paths.h"
 #include "linux/policy_file.h"
 #include "linux/system_accounts.h"
@@ -89,25 +90,30 @@ void MakeFolder(const std::string& path, Ids owner, mode_t mode)
     Report(made ? "made" : mended ? "mended" : "kept", path);
 }
 
+// Whole or not at all: the next set-up would keep an incomplete one. False: something stands there.
+bool PutFile(const std::string& path, mode_t mode, std::string_view content)
+{
+    const size_t slash = path.rfind('/');
+    const Descriptor folder(
+        open(path.substr(0, slash).c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    NewFile file(folder, path.substr(slash + 1), mode);
+    if (!folder || !file.Write(content)) {
+        FailWithErrno(path);
+    }
+    const bool done = file.PutInPlace(AtPlace::Keep);
+    if (!done && errno != EEXIST) {
+        FailWithErrno(path);
+    }
+    return done;
+}
+
 // A file that is there keeps its content.
 void MakeFile(const std::string& path, Ids owner, mode_t mode, std::string_view content)
 {
-    constexpr int flags = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
-    Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | flags, mode));
-    const bool made = static_cast<bool>(file);
-    if (made) {
-        if (write(file.Get(), content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
-            fsync(file.Get()) != 0) {
-            const int reason = errno;
-            unlink(path.c_str()); // or the next set-up would keep an incomplete one
-            errno = reason;
-            FailWithErrno(path);
-        }
-    } else {
-        file = Descriptor(errno == EEXIST ? open(path.c_str(), O_RDONLY | flags) : -1);
-    }
     struct stat entry {
     };
+    const bool made = lstat(path.c_str(), &entry) != 0 && errno == ENOENT && PutFile(path, mode, content);
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
     if (!file || fstat(file.Get(), &entry) != 0) {
         FailWithErrno(path);
     }
@@ -162,21 +168,27 @@ void MakePolicyFile(Ids service)
     const PolicyReading takesCopy;
 }
 
+void Open(const char* path, Database& (*open)())
+{
+    try {
+        open();
+    } catch (const DatabaseError& error) {
+        Fail(path, error.what());
+    }
+    Report("opened", path);
+}
+
 // With the service's ids: the folders are its own, and what stands in them may have been put there by it.
 void MakeServicesPart(Ids service)
 {
     MakeFolder(kPreferenceDir, service, 0700);
     MakePolicyFile(service);
-    AccountsDatabase();
-    Report("opened", kAccountsDatabase);
+    Open(kAccountsDatabase, AccountsDatabase);
     if (AreSystemAccounts()) {
-        SystemAccountsDatabase();
-        Report("opened", kSystemAccountsDatabase);
+        Open(kSystemAccountsDatabase, SystemAccountsDatabase);
     }
-    SigninDatabase();
-    Report("opened", kSigninDatabase);
-    MailDatabase();
-    Report("opened", kMailDatabase);
+    Open(kSigninDatabase, SigninDatabase);
+    Open(kMailDatabase, MailDatabase);
 }
 
 void MakeKey()
@@ -197,9 +209,10 @@ void MakeKey()
              "is missing while there are secrets sealed with it; bring it back from a backup");
     case tavr::MakeKey::NotRoot:
         throw Failure(Exit::NotAllowed, "not_root", "set-up must be run by root");
+    case tavr::MakeKey::NoKey:
+        Fail(kMachineKeyFile, "is no key, or others than root can write it: see tavrctl doctor");
     case tavr::MakeKey::Failed:
-        Fail(kMachineKeyFile, "could not be made, or what is there is no key or others than root can write "
-                              "it: see tavrctl doctor");
+        FailWithErrno(kMachineKeyFile);
     }
 }
 

@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <system_error>
+
 namespace tavr
 {
 
@@ -22,7 +25,8 @@ void MakeFile(const char* path)
 {
     const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
     if (fd < 0) {
-        throw DatabaseError(0, std::string("cannot open ") + path);
+        throw DatabaseError(0, std::string("cannot open ") + path + ": " +
+                                   std::generic_category().message(errno));
     }
     close(fd);
 }

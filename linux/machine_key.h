@@ -73,7 +73,8 @@ enum class MakeKey {
     Mended, // likewise, now
     NotRoot,
     RowsSealed, // it is gone while something is sealed with it: bring the old one back
-    Failed,     // errno says why, or the file that is there is no key
+    NoKey,      // what is there is none, or others than root could write it
+    Failed,     // errno says why
 };
 MakeKey CreateMachineKey(); // throws DatabaseError when that cannot be told
 

@@ -61,7 +61,7 @@ MakeKey MendKeyFile(const Descriptor& directory, const std::string& name)
     constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
     if (!file || fstat(file.Get(), &entry) != 0 || !S_ISREG(entry.st_mode) || entry.st_uid != 0 ||
         (entry.st_mode & kOthersWrite) != 0) {
-        return MakeKey::Failed;
+        return MakeKey::NoKey;
     }
     const gid_t group = ServiceGroup();
     if (entry.st_gid == group && (entry.st_mode & 07777) == kKeyMode) {
@@ -97,8 +97,8 @@ MakeKey CreateMachineKey()
     }
     if (faccessat(directory.Get(), name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
         const MakeKey done = MendKeyFile(directory, name);
-        const bool isKey = done != MakeKey::Failed && FaultIn([] { MachineKey::Read(); }) == Fault::None;
-        return isKey ? done : MakeKey::Failed;
+        const bool isGood = done == MakeKey::Kept || done == MakeKey::Mended;
+        return isGood && FaultIn([] { MachineKey::Read(); }) != Fault::None ? MakeKey::NoKey : done;
     }
     if (IsAnythingSealed()) {
         return MakeKey::RowsSealed;

@@ -58,6 +58,14 @@ for change in 'chmod 460' 'chmod 442' 'chown nobody'; do
 done
 [ "$key" = "$(sha256sum /etc/tavr/otp.key)" ] || fail "the machine key has changed"
 
+# What one that was killed left beside the settings' place does not count.
+mv /etc/tavr/tavrinfo.conf /root/settings
+printf '# Sett' >/etc/tavr/.tavrinfo.conf.new
+is 0 '*made /etc/tavr/tavrinfo.conf*' tavrctl setup
+is 0 $'# Settings *\nmaillang="enu"' cat /etc/tavr/tavrinfo.conf
+is 1 '' test -e /etc/tavr/.tavrinfo.conf.new
+mv /root/settings /etc/tavr/tavrinfo.conf
+
 # Set-up goes nowhere through a link, and takes nothing away from what is there.
 rm /etc/tavrinfo.conf
 echo mine >/etc/tavrinfo.conf
