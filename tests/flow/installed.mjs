@@ -7,7 +7,7 @@
 // to have one. Ends with 1 and a picture of the page in TEST_BUILD/screenshots when something is not as it should be.
 import assert from "node:assert/strict";
 import { createHash, X509Certificate } from "node:crypto";
-import { readFileSync } from "node:fs";
+import { readFileSync, rmSync } from "node:fs";
 import { join } from "node:path";
 import { setTimeout as sleep } from "node:timers/promises";
 
@@ -128,4 +128,5 @@ try {
 } finally {
   await browser?.close();
   await mails.stop();
+  rmSync(mails.folder, { recursive: true });   // no private view takes it along
 }
