@@ -716,13 +716,20 @@ bool IsPassword(const Account& account, std::string_view password)
 
 bool AreSystemAccounts()
 {
+    static std::optional<bool> lastKnown; // by this process
     std::optional<bool>& known = CurrentRequest().hasSystemAccounts;
     if (!known) {
         const std::string setting = Setting("accounts", "embedded");
         if (setting != "system" && setting != "embedded") {
             Refuse("setting accounts is neither embedded nor system");
         }
-        known = setting == "system";
+        if (SettingsKnown()) {
+            lastKnown = setting == "system";
+        } else if (!lastKnown && (access(kSystemAccountsDatabase, F_OK) == 0 || errno != ENOENT)) {
+            Refuse("whose accounts sign in is unknown: " + std::string(kSettingsFile) +
+                   " is gone, empty or cannot be read");
+        }
+        known = lastKnown.value_or(setting == "system");
     }
     return *known;
 }

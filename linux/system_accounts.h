@@ -21,7 +21,8 @@ namespace tavr
 
 inline constexpr char kSystemAdministrators[] = "sudo";
 
-// As the settings had it when the request first asked. Throws DatabaseError when they say something that is
+// As the settings had it when the request first asked; while they are gone or cannot be read, as this process
+// has seen it before. Throws DatabaseError when that is not known, and when they say something that is
 // neither "system" nor "embedded".
 bool AreSystemAccounts();
 

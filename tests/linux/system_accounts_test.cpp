@@ -556,10 +556,31 @@ TEST_F(SystemAccounts, AndThoseOfTheEmbeddedStoreAreNeverBoth)
         StartRequest();
         EXPECT_FALSE(FindAccount(1026U));
     });
-    WriteSettings("");
+    WriteSettings("accounts=\"embedded\"\n");
     AsWorker([] {
         EXPECT_EQ(1026U, NumberOf("anna"));
         EXPECT_EQ(1, LogIn("carol", "embedded"));
+    });
+}
+
+TEST_F(SystemAccounts, StayTheSystemsWhileTheSettingsAreGone)
+{
+    const auto remove = [] {
+        const EffectiveIds root = EffectiveIds::Root();
+        fs::remove(kSettingsFile);
+        fs::remove(std::string(kConfigDir) + "/tavrinfo.conf");
+    };
+    AsWorker([&] {
+        const uint32_t number = NumberOf("anna");
+        const std::string identifier = OpenPending(*Find("anna"), SessionState::CodeRequired);
+        remove();
+        EXPECT_EQ(number, NumberOf("anna"));
+        StartRequest();
+        EXPECT_TRUE(FindSession(identifier));
+    });
+    AsWorker([] {
+        EXPECT_THROW(Find("anna"), DatabaseError) << "who has never seen them cannot tell";
+        EXPECT_EQ(-1, LogIn("anna", kPassword));
     });
 }
 
