@@ -2,6 +2,7 @@
 import assert from "node:assert/strict";
 import { after, before, beforeEach, describe, test } from "node:test";
 import { chownSync, mkdirSync, readFileSync, renameSync, rmSync, writeFileSync } from "node:fs";
+import { local } from "../support/accounts.mjs";
 import { run, startServer } from "../support/server.mjs";
 import { send, signIn } from "./client.mjs";
 import { enrol, signInWithCode } from "./wizard.mjs";
@@ -66,10 +67,10 @@ describe("the option", () => {
     assert.equal((await option()).not_enrolled, 0);
     await set("local_user", { [uidOf("alice")]: true, [uidOf("ada")]: true });
     assert.equal((await option()).not_enrolled, 1);
-    run("tavrctl", ["group", "add", "staff"]);
-    run("tavrctl", ["group", "join", "staff", "bob"]);
-    run("tavrctl", ["group", "join", "staff", "alice"]);
-    const [{ id }] = (await list({ type: "local_group", query: "staff" })).rows;
+    local.addGroup("crew");
+    local.join("crew", "bob");
+    local.join("crew", "alice");
+    const [{ id }] = (await list({ type: "local_group", query: "crew" })).rows;
     await set("local_group", { [id]: true });
     assert.equal((await option()).not_enrolled, 2);
     await choose("none");
@@ -145,21 +146,17 @@ describe("the list", () => {
   });
 
   test("gives groups with their descriptions", async () => {
-    const { rows } = await list({ type: "local_group", query: "administrators" });
-    assert.deepEqual(rows, [{ id: "65536", name: "administrators", desc: "May administer this system", is_enforced: false }]);
+    const { rows } = await list({ type: "local_group", query: local.administrators });
+    assert.deepEqual(rows,
+      [{ id: "65536", name: local.administrators, desc: local.administratorsDesc, is_enforced: false }]);
   });
 
   test("is given whole up to 10,000 entries, and not beyond", async () => {
-    const python = (count) => run("setpriv", ["--reuid=tavr-web", "--regid=tavr-web", "--clear-groups", "python3", "-c", `
-import sqlite3
-c = sqlite3.connect('/var/lib/tavr/accounts.db')
-c.executemany("INSERT INTO account_group (name, folded) VALUES (?, ?)", ((f"many{i:05}", f"many{i:05}\\n") for i in range(${count})))
-c.commit()`]);
     const { total } = await list({ type: "local_group", limit: 1 });
-    python(10_000 - total);
+    local.addManyGroups(Array.from({ length: 10_000 - total }, (_, i) => `many${String(i).padStart(5, "0")}`));
     const whole = await list({ type: "local_group", limit: -1 });
     assert.deepEqual([whole.total, whole.rows.length], [10_000, 10_000]);
-    run("tavrctl", ["group", "add", "one-more"]);
+    local.addGroup("one-more");
     assertRefused(await ada.get("/api/enforce/list?type=local_group&limit=-1"), 400, "list_too_long");
     assert.equal((await list({ type: "local_group", limit: -1, query: "many0" })).rows.length, 10_000 - total);
     assert.equal((await list({ type: "local_group", limit: 500, offset: 9_800 })).rows.length, 201);
@@ -224,16 +221,16 @@ describe("picks", () => {
   });
 
   test("of an account that was removed since the list was shown harm nobody", async () => {
-    run("tavrctl", ["user", "add", "erin", "--password-stdin"], "x y z");
+    local.add("erin", "x y z");
     const { rows: [row] } = await list({ type: "local_user", query: "erin" });
-    run("tavrctl", ["user", "remove", "erin", "--yes"]);
+    local.remove("erin");
     assert.equal((await set("local_user", { [row.id]: true })).status, 200);
     await choose("custom");
     assert.deepEqual([await option(), (await list({ type: "local_user", filter: "enforced" })).total],
       [{ success: true, option: "custom", not_enrolled: 0 }, 0]);
-    run("tavrctl", ["user", "add", "erin", "--password-stdin"], "x y z");
+    local.add("erin", "x y z");
     assert.equal((await list({ type: "local_user", filter: "enforced" })).total, 0, "another number");
-    run("tavrctl", ["user", "remove", "erin", "--yes"]);
+    local.remove("erin");
     await choose("none");
   });
 
@@ -283,7 +280,7 @@ describe("a file of picks", () => {
   });
 
   test("on a full disk stays as it is", async () => {
-    await set("local_user", { 1026: true });
+    await set("local_user", { [uidOf("ada")]: true });
     const before = readFileSync(kPicks);
     const filler = `${kFolder}/filler`;
     try {
@@ -350,6 +347,6 @@ test("nothing of this is for others", async () => {
     assertRefused(await dora.send(method, path, body), 403, "not_admin", path);
     assertRefused(await send(server.url, method, path, body), 401, "not_signed_in", path);
   }
-  run("tavrctl", ["group", "leave", "administrators", "cora"]);
+  local.leave(local.administrators, "cora");
   assertRefused(await cora.get("/api/enforce/option"), 401, "not_signed_in");
 });

@@ -2,6 +2,7 @@
 import assert from "node:assert/strict";
 import { after, test } from "node:test";
 import { Client, send, signIn } from "./client.mjs";
+import { local } from "../support/accounts.mjs";
 import { rounds, run, startServer } from "../support/server.mjs";
 
 const server = await startServer({ accounts: { alice: [], bob: [], carol: [], dave: [], rita: [], sam: [] }, workers: 4 });
@@ -168,8 +169,8 @@ test("thirty wrong passwords throttle an address", async () => {
 });
 
 test("repeated passwords are a session's own", async () => {
-  run("tavrctl", ["user", "add", "erin", "--password-stdin"], "erin's password");
   server.passwords.erin = "erin's password";
+  local.add("erin", server.passwords.erin);
   const one = await signIn(server, "erin");
   const other = await signIn(server, "erin");
   const ask = (client, password) => client.post("/api/otp/qr", { password, account_name: "erin" });

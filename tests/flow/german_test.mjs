@@ -3,8 +3,8 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
+import { local } from "../support/accounts.mjs";
 import { looker } from "../support/browser.mjs";
-import { run } from "../support/server.mjs";
 import { openStage } from "./stage.mjs";
 import {
   atOverview, atStep, enter, errorAt, givePassword, json, listed, openAdmin, refuse, signIn, signOut, startSetup, typeCode,
@@ -15,7 +15,7 @@ const kSmall = { locale: "de-AT", viewport: { width: 360, height: 800 } };
 const { server, visit } = await openStage({
   anna: [], berta: ["--admin"], "maximiliane-charlotte.von-hohenfels": ["--desc", "Rechtsabteilung"],
 });
-run("tavrctl", ["group", "add", "buchhaltung", "--desc", "Finanzbuchhaltung und Rechnungswesen"]);
+local.addGroup("buchhaltung", "Finanzbuchhaltung und Rechnungswesen");
 
 test("a person's pages", async (t) => {
   const page = await visit(t, kSmall);

@@ -3,6 +3,7 @@
 import assert from "node:assert/strict";
 import { chownSync, existsSync, mkdirSync, readFileSync, renameSync, rmSync, writeFileSync } from "node:fs";
 import { after, before, describe, test } from "node:test";
+import { local } from "../support/accounts.mjs";
 import { run, startServer } from "../support/server.mjs";
 import { Client, signIn } from "./client.mjs";
 import { Wizard, enrol } from "./wizard.mjs";
@@ -15,7 +16,7 @@ const kNames = ["alice", "bob", "carol", "dora", "emil", "fred", "gina", "hugo"]
 let server;
 before(async () => {
   server = await startServer({ accounts: Object.fromEntries(kNames.map((name) => [name, []])), workers: 3 });
-  run("tavrctl", ["group", "add", "staff"]);
+  local.addGroup("crew");
 });
 after(() => server?.stop());
 
@@ -37,8 +38,8 @@ describe("enrolment that is demanded", () => {
   before(() => {
     enforce("option", "custom");
     enforce("add", "local_user", "alice");
-    enforce("add", "local_group", "staff");
-    run("tavrctl", ["group", "join", "staff", "bob"]);
+    enforce("add", "local_group", "crew");
+    local.join("crew", "bob");
   });
 
   test("stands between password and session", async () => {

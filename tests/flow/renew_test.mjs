@@ -2,6 +2,7 @@
 import assert from "node:assert/strict";
 import { after, before, describe, test } from "node:test";
 import { existsSync, readFileSync, renameSync } from "node:fs";
+import { local } from "../support/accounts.mjs";
 import { run, startServer } from "../support/server.mjs";
 import { signIn } from "./client.mjs";
 import { Wizard, enrol, signInWithCode } from "./wizard.mjs";
@@ -254,11 +255,11 @@ test("wrong codes are counted for renewing, switching off and the address alike,
 });
 
 describe("sessions end at their next request, on every worker,", () => {
-  test("when a password is changed at the console", async () => {
+  test("when a password is changed by root", async () => {
     const kim = await enrolled("kim");
     const half = await signIn(server, "kim");
     server.passwords.kim = "another pässword 2";
-    run("tavrctl", ["user", "passwd", "kim", "--password-stdin"], server.passwords.kim);
+    local.setPassword("kim", server.passwords.kim);
     await assertEnded(kim.client);
     assertRefused(await half.post("/api/signin/code", { code: kim.code() }), 403, "no_pending_signin");
     await signInWithCode(server, "kim", kim.key);
@@ -266,9 +267,9 @@ describe("sessions end at their next request, on every worker,", () => {
 
   test("when the account is removed, and one of the same name inherits nothing", async () => {
     const lea = await enrolled("lea");
-    run("tavrctl", ["user", "remove", "lea"]);
+    local.remove("lea");
     await assertEnded(lea.client);
-    run("tavrctl", ["user", "add", "lea", "--password-stdin"], server.passwords.lea);
+    local.add("lea", server.passwords.lea);
     await assertEnded(lea.client);
     const client = await signIn(server, "lea");
     assert.equal((await client.get("/api/otp/status")).json.enrolled, false);

@@ -1,16 +1,21 @@
 // The whole server for a test: system log, accounts, tavr-webapid, tavr-otp-web, lighttpd. Runs in a private view, where
 // the fixed paths are real and fresh; everything ends with stop(), and with the view at the latest.
-import { spawn, spawnSync } from "node:child_process";
+import { spawn } from "node:child_process";
 import { closeSync, constants, existsSync, mkdirSync, openSync, readFileSync, rmSync, writeSync } from "node:fs";
 import { createServer } from "node:net";
 import { setTimeout as sleep } from "node:timers/promises";
+
+import { local } from "./accounts.mjs";
+import { run } from "./run.mjs";
+
+export { run };
 
 const kClockFile = "/run/tavr-test-clock";
 const kLogFile = "/var/log/messages";
 const kServiceSocket = "/run/tavrscgi-fastapi.sock";
 const kStartMs = 60_000;
 
-// `accounts`: { name: [options of `tavrctl user add`] }, each with a password of its own.
+// `accounts`: { name: [options of `tavrctl user add`] }, each with a password of its own, made by accounts.mjs.
 export async function startServer({ accounts = { alice: [] }, workers = 2 } = {}) {
   const server = new Server();
   try {
@@ -26,15 +31,6 @@ export async function startServer({ accounts = { alice: [] }, workers = 2 } = {}
 // TAVR_ALL_ROUNDS.
 export function rounds(usual, all) {
   return process.env.TAVR_ALL_ROUNDS === undefined ? usual : all;
-}
-
-// Runs a console command, with `input` on its standard input, and gives its output. Throws when it fails.
-export function run(command, args, input = "") {
-  const result = spawnSync(command, args, { input, encoding: "utf8" });
-  if (result.status !== 0) {
-    throw new Error(`${command} ${args[0] ?? ""}: status ${result.status} ${result.error ?? ""}\n${result.stderr}`);
-  }
-  return result.stdout;
 }
 
 // The code that an app with this key shows at this time.
@@ -55,9 +51,10 @@ class Server {
     await this.#until(() => existsSync("/dev/log"), "the system log");
     mkdirSync("/run/tavr", { recursive: true });
     run("tavrctl", ["setup"]);
+    local.use();
     for (const [name, options] of Object.entries(accounts)) {
       this.passwords[name] = `${name}'s pässword 1`;
-      run("tavrctl", ["user", "add", name, ...options, "--password-stdin"], this.passwords[name]);
+      local.add(name, this.passwords[name], options);
     }
     const port = await freePort();
     this.url = `http://127.0.0.1:${port}`;
