@@ -5,6 +5,7 @@
 #include "linux/database.h"
 #include "linux/enrolment.h"
 #include "linux/settings.h"
+#include "linux/system_accounts.h"
 
 #include <sodium.h>
 #include <syslog.h>
@@ -162,6 +163,31 @@ bool EnrolledSince(Database& db, const Account& account)
     return find.Bind(1, account.uid).Step();
 }
 
+// Sessions of local accounts end with the setting that says whose these are, or they lived again once it is
+// changed back. Done by whoever comes first with a local account after a change, in every process once.
+void EndSessionsOfOtherStore()
+{
+    static std::optional<bool> doneFor;
+    const bool areSystem = AreSystemAccounts();
+    if (doneFor == areSystem) {
+        return;
+    }
+    const int64_t first = areSystem ? 0 : kFirstSystemNumber;
+    const int64_t end = areSystem ? kFirstSystemNumber : kFirstDirectoryNumber;
+    Database& db = SigninDatabase();
+    const bool some = db.Prepare("SELECT 1 FROM session WHERE account >= ?1 AND account < ?2 LIMIT 1")
+                          .Bind(1, first)
+                          .Bind(2, end)
+                          .Step();
+    if (some) { // as a rule there are none, which a full disk must not turn into a fault
+        db.Prepare("DELETE FROM session WHERE account >= ?1 AND account < ?2")
+            .Bind(1, first)
+            .Bind(2, end)
+            .Run();
+    }
+    doneFor = areSystem;
+}
+
 // The account that a session may be of: as it stands now, if that is what the session was opened on.
 std::optional<Account> FindOwner(uint32_t uid, int64_t generation)
 {
@@ -231,6 +257,9 @@ Opening OpenIn(Transaction& /*inside*/, const NewSession& session)
 // Durable when this returns.
 Opening Open(const NewSession& session)
 {
+    if (session.account.kind == kKindLocal) {
+        EndSessionsOfOtherStore();
+    }
     Transaction transaction(SigninDatabase());
     Opening opening = OpenIn(transaction, session);
     if (opening.grant == Grant::Opened) {
@@ -343,6 +372,9 @@ std::optional<Session> FindSession(std::string_view identifier)
     const int64_t now = BootSeconds();
     if (!row || SecondsLeft(*row, limits, now) <= 0) {
         return std::nullopt;
+    }
+    if (row->account < kFirstDirectoryNumber) {
+        EndSessionsOfOtherStore();
     }
     std::optional<Account> account = FindOwner(row->account, row->generation);
     if (!account) {

@@ -63,8 +63,9 @@ FinishedSignIn FinishSignIn(const Session& half,
 std::string OpenPending(const Account& account, SessionState state);
 
 // The session that an identifier stands for, its idle time renewed; empty when there is none, it has ended,
-// or its account is gone, disabled or of another generation. Throws DatabaseError. The renewal is written
-// once in a tenth of the idle time (a minute at most), so a session may end that much early and never late.
+// or its account is gone, disabled, of another generation, or local and not of the store that local accounts
+// come from. Throws DatabaseError. The renewal is written once in a tenth of the idle time (a minute at
+// most), so a session may end that much early and never late.
 std::optional<Session> FindSession(std::string_view identifier);
 
 // Removes rows of sessions that have ended by themselves, a bounded number. Throws DatabaseError.

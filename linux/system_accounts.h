@@ -13,6 +13,7 @@
 
 #include "linux/accounts.h"
 
+#include <cstdint>
 #include <optional>
 #include <string_view>
 
@@ -20,6 +21,9 @@ namespace tavr
 {
 
 inline constexpr char kSystemAdministrators[] = "sudo";
+
+// Their numbers begin here; those of the embedded store stay below.
+inline constexpr uint32_t kFirstSystemNumber = 1'000'000'000;
 
 // As the settings had it when the request first asked; while they are gone or cannot be read, as this process
 // has seen it before. Throws DatabaseError when that is not known, and when they say something that is

@@ -54,6 +54,21 @@ test("nobody of the embedded store is anybody any more", async () => {
   }
 });
 
+test("sessions end with a change of the setting, in either direction, and do not wake up when it is undone", async () => {
+  const ben = await signIn(server, "ben");
+  appendFileSync(kSettings, 'accounts="embedded"\n');
+  assert.equal(await sessionOf(embedded), 401);
+  const alice = await signIn(server, "alice");
+  assert.equal(await sessionOf(alice), 200);
+  assert.equal(await sessionOf(ben), 401);
+  appendFileSync(kSettings, 'accounts="system"\n');
+  assert.equal(await sessionOf(ben), 401);
+  await signIn(server, "ben");
+  appendFileSync(kSettings, 'accounts="embedded"\n');
+  assert.equal(await sessionOf(alice), 401);
+  appendFileSync(kSettings, 'accounts="system"\n');
+});
+
 test("she signs in by any spelling with her own password, sets a second step up and gets in with its code", async () => {
   const answer = await post(" ADA ", server.passwords.ada);
   assert.deepEqual([answer.status, answer.json.state, answer.json.user], [200, "signed_in", "ada"], answer.text);

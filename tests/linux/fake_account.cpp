@@ -4,6 +4,7 @@
 #include "linux/domain_names.h"
 #include "linux/ldap_accounts.h"
 #include "linux/settings.h"
+#include "linux/system_accounts.h"
 
 namespace
 {
@@ -44,6 +45,9 @@ namespace tavr
 std::optional<Account> FindAccount(uint32_t uid)
 {
     FailIfTold();
+    if (uid < kFirstDirectoryNumber && (uid >= kFirstSystemNumber) != fake.areSystem) {
+        return std::nullopt; // of the store that is not in use
+    }
     for (const auto& [name, account] : fake.accounts) {
         if (account.uid == uid) {
             return account;
@@ -60,6 +64,12 @@ std::optional<Account> CheckPassword(std::string_view name, std::string_view pas
         return std::nullopt;
     }
     return found->second;
+}
+
+bool AreSystemAccounts()
+{
+    FailIfTold();
+    return fake.areSystem;
 }
 
 bool IsDomainName(std::string_view /*name*/)

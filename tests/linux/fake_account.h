@@ -18,6 +18,7 @@ struct FakeAccounts {
     std::optional<tavr::CodeAnswer> libraryAnswer;
     tavr::CodeAnswer codeAnswer; // of VerifyCode
     bool storeFails = false;
+    bool areSystem = false; // whose local accounts are
     bool directoriesFail = false;
     int directoriesMade = 0;
     int settled = 0;

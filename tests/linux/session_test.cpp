@@ -470,6 +470,36 @@ TEST_F(Sessions, DieWithTheGenerationOfTheirAccount)
     EXPECT_TRUE(FindSession(SignIn(mia)));
 }
 
+// By whatever comes first after the change: a session of a local account, or an account that one is opened
+// for.
+TEST_F(Sessions, OfLocalAccountsEndWhenTheseAreOthers)
+{
+    const Account sam = Fake().Add("sam", 1'000'000'000, "right"); // the system's
+    Account& dan = Fake().Add("dan@office.example", 2'000'000'000, "right");
+    dan.kind = kKindLdap;
+    const std::string ofDan = SignIn(dan);
+    const std::string ofMia = SignIn(mia);
+    const std::string ofLeo = SignIn(leo);
+    Fake().areSystem = true;
+    EXPECT_TRUE(FindSession(ofDan));
+    EXPECT_EQ(3, Rows());
+    EXPECT_FALSE(FindSession(ofMia));
+    EXPECT_EQ(1, Rows());
+    Fake().areSystem = false;
+    EXPECT_FALSE(FindSession(ofMia));
+    EXPECT_FALSE(FindSession(ofLeo));
+    Fake().areSystem = true;
+    const std::string ofSam = SignIn(sam);
+    Fake().areSystem = false;
+    const std::string again = SignIn(mia);
+    EXPECT_EQ(2, Rows());
+    Fake().areSystem = true;
+    EXPECT_FALSE(FindSession(ofSam));
+    EXPECT_TRUE(FindSession(ofDan));
+    Fake().areSystem = false;
+    EXPECT_TRUE(FindSession(again)) << "nobody has looked meanwhile";
+}
+
 TEST_F(Sessions, AreNotOpenedOnWhatHoldsNoMore)
 {
     const auto expectNothingOpened = [&](const char* reason) {

@@ -563,6 +563,52 @@ TEST_F(SystemAccounts, AndThoseOfTheEmbeddedStoreAreNeverBoth)
     });
 }
 
+TEST_F(SystemAccounts, AndThoseOfTheEmbeddedStoreHaveNoSessionsFromBeforeAChange)
+{
+    const auto use = [](const std::string& accounts) {
+        const EffectiveIds root = EffectiveIds::Root();
+        WriteSettings("accounts=\"" + accounts + "\"\n");
+    };
+    const auto open = [](const std::string& name) {
+        return OpenPending(*Find(name), SessionState::CodeRequired);
+    };
+    const auto lives = [](const std::string& identifier) {
+        StartRequest();
+        return FindSession(identifier).has_value();
+    };
+    use("embedded");
+    AsWorker([&] {
+        StartRequest();
+        const auto carol = AddAccount({"carol", "", "", false}, "embedded");
+        ASSERT_TRUE(carol);
+        AccountsDatabase()
+            .Prepare("INSERT INTO directory_account (kind, id, name) VALUES (8, 'x', 'dan@office.example')")
+            .Run();
+        const std::string directorys = open("dan@office.example");
+        // Somebody of the others signs in, or comes with a session; in this process and in another one.
+        const std::string first = open("carol");
+        use("system");
+        const std::string other = open("anna");
+        use("embedded");
+        EXPECT_FALSE(lives(first));
+        const std::string second = open("carol");
+        EXPECT_TRUE(lives(second));
+        EXPECT_FALSE(lives(other));
+        use("system");
+        EXPECT_FALSE(lives(second));
+        use("embedded");
+        EXPECT_FALSE(lives(second));
+        EXPECT_TRUE(lives(directorys));
+        const std::string third = open("carol");
+        const EffectiveIds root = EffectiveIds::Root();
+        WriteFile("/run/identifier", third);
+    });
+    use("system");
+    AsWorker([&] { open("anna"); });
+    use("embedded");
+    AsWorker([&] { EXPECT_FALSE(lives(ReadFile("/run/identifier"))); });
+}
+
 TEST_F(SystemAccounts, StayTheSystemsWhileTheSettingsAreGone)
 {
     const auto remove = [] {
