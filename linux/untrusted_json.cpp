@@ -69,27 +69,6 @@ bool IsUtf8(std::string_view text)
     }
 }
 
-std::string Utf8(uint32_t c)
-{
-    std::string text;
-    if (c < 0x80) {
-        text += static_cast<char>(c);
-    } else if (c < 0x800) {
-        text += static_cast<char>(0xc0 | c >> 6);
-    } else if (c < 0x10000) {
-        text += static_cast<char>(0xe0 | c >> 12);
-        text += static_cast<char>(0x80 | (c >> 6 & 0x3f));
-    } else {
-        text += static_cast<char>(0xf0 | c >> 18);
-        text += static_cast<char>(0x80 | (c >> 12 & 0x3f));
-        text += static_cast<char>(0x80 | (c >> 6 & 0x3f));
-    }
-    if (c >= 0x80) {
-        text += static_cast<char>(0x80 | (c & 0x3f));
-    }
-    return text;
-}
-
 std::optional<Json::Value> ParseStrictObject(std::string_view text)
 {
     if (!IsUtf8(text)) {

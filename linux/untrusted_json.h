@@ -3,16 +3,13 @@
 
 #include <json/value.h>
 
-#include <cstdint>
 #include <optional>
-#include <string>
 #include <string_view>
 
 namespace tavr
 {
 
 bool IsUtf8(std::string_view text);
-std::string Utf8(uint32_t character); // up to U+10FFFF, and no surrogate
 
 // Empty for what is no object, no strict JSON (comments, a name that comes twice, something behind the
 // object), nested deeper than 16, or not UTF-8.

@@ -197,6 +197,27 @@ struct Entity {
 constexpr Entity kEntities[] = {{"amp", "&"},   {"lt", "<"},   {"gt", ">"},
                                 {"quot", "\""}, {"apos", "'"}, {"nbsp", " "}};
 
+std::string Utf8(uint32_t c)
+{
+    std::string text;
+    if (c < 0x80) {
+        text += static_cast<char>(c);
+    } else if (c < 0x800) {
+        text += static_cast<char>(0xc0 | c >> 6);
+    } else if (c < 0x10000) {
+        text += static_cast<char>(0xe0 | c >> 12);
+        text += static_cast<char>(0x80 | (c >> 6 & 0x3f));
+    } else {
+        text += static_cast<char>(0xf0 | c >> 18);
+        text += static_cast<char>(0x80 | (c >> 12 & 0x3f));
+        text += static_cast<char>(0x80 | (c >> 6 & 0x3f));
+    }
+    if (c >= 0x80) {
+        text += static_cast<char>(0x80 | (c & 0x3f));
+    }
+    return text;
+}
+
 // The character that "&name;" stands for; empty when it is none that is known.
 std::optional<std::string> EntityText(std::string_view name)
 {

@@ -2,10 +2,11 @@
 
 #include "linux/untrusted_json.h"
 
-#include <algorithm>
+#include <rapidjson/reader.h>
+
 #include <charconv>
 #include <cstdint>
-#include <string>
+#include <utility>
 
 namespace tavr::webapi
 {
@@ -15,11 +16,6 @@ namespace
 
 using Kind = JsonValue::Kind;
 
-bool IsDigit(char c)
-{
-    return c >= '0' && c <= '9';
-}
-
 const JsonValue* FindMember(const JsonValue* first, const JsonValue* end, std::string_view name)
 {
     while (first != end && first->name != name) {
@@ -28,210 +24,83 @@ const JsonValue* FindMember(const JsonValue* first, const JsonValue* end, std::s
     return first == end ? nullptr : first;
 }
 
-// Reads from front to end. What a function returns is whether it found what it is called after.
-class JsonReader
+// Takes what RapidJSON finds, in the order of the text. A function that returns false ends the reading, so
+// nesting cannot go deeper than what is taken here.
+class Values
 {
 public:
-    explicit JsonReader(std::span<char> json) : at_(json.data()), end_(json.data() + json.size())
+    Values()
     {
         constexpr size_t kUsual = 16;
         values_.reserve(kUsual);
     }
 
-    std::vector<JsonValue> Read()
+    bool Null() { return Add(Kind::Word, "null"); }
+    bool Bool(bool value) { return Add(Kind::Word, value ? "true" : "false"); }
+    bool RawNumber(const char* text, size_t size, bool /*copy*/) { return Add(Kind::Number, {text, size}); }
+    bool String(const char* text, size_t size, bool /*copy*/)
     {
-        SkipBlanks();
-        const bool whole = ReadValue({}, 1);
-        SkipBlanks();
-        return whole && at_ == end_ ? std::move(values_) : std::vector<JsonValue>();
+        return IsUtf8({text, size}) && Add(Kind::Text, {text, size});
     }
+    bool StartObject() { return Begin(Kind::Object); }
+    bool StartArray() { return Begin(Kind::Array); }
+    bool EndObject(size_t /*members*/) { return End(); }
+    bool EndArray(size_t /*elements*/) { return End(); }
+    bool Key(const char* text, size_t size, bool /*copy*/)
+    {
+        name_ = {text, size};
+        const JsonValue* const end = values_.data() + values_.size();
+        return IsUtf8(name_) && FindMember(values_.data() + begun_.back() + 1, end, name_) == nullptr;
+    }
+
+    // Numbers come as they are written.
+    bool Int(int /*number*/) { return false; }
+    bool Uint(unsigned /*number*/) { return false; }
+    bool Int64(int64_t /*number*/) { return false; }
+    bool Uint64(uint64_t /*number*/) { return false; }
+    bool Double(double /*number*/) { return false; }
+
+    std::vector<JsonValue> Give() { return std::move(values_); }
 
 private:
-    [[nodiscard]] char Front() const { return at_ == end_ ? '\0' : *at_; }
-
-    bool Take(char c)
+    bool Add(Kind kind, std::string_view text)
     {
-        const bool found = at_ != end_ && *at_ == c;
-        at_ += found ? 1 : 0;
-        return found;
-    }
-
-    void SkipBlanks()
-    {
-        while (at_ != end_ && (*at_ == ' ' || *at_ == '\t' || *at_ == '\r' || *at_ == '\n')) {
-            ++at_;
-        }
-    }
-
-    bool ReadValue(std::string_view name, int depth)
-    {
-        if (values_.size() == kMostValues || depth > kDeepestNesting) {
+        if (values_.size() == kMostValues || begun_.size() == kDeepestNesting) {
             return false;
         }
-        const size_t index = values_.size();
-        JsonValue& value = values_.emplace_back();
-        value.name = name;
-        switch (Front()) {
-        case '{':
-            value.kind = Kind::Object;
-            return ReadItems(index, '}', depth);
-        case '[':
-            value.kind = Kind::Array;
-            return ReadItems(index, ']', depth);
-        case '"':
-            value.kind = Kind::Text;
-            return ReadText(value.text);
-        default:
-            value.kind = Front() == '-' || IsDigit(Front()) ? Kind::Number : Kind::Word;
-            return value.kind == Kind::Number ? ReadNumber(value.text) : ReadWord(value.text);
-        }
-    }
-
-    // Of the object or array that stands at `index`.
-    bool ReadItems(size_t index, char closing, int depth)
-    {
-        ++at_;
-        SkipBlanks();
-        if (!Take(closing)) {
-            do {
-                SkipBlanks();
-                std::string_view name;
-                if ((closing == '}' && !ReadName(index, name)) || !ReadValue(name, depth + 1)) {
-                    return false;
-                }
-                SkipBlanks();
-            } while (Take(','));
-            if (!Take(closing)) {
-                return false;
-            }
-        }
-        values_[index].size = values_.size() - index;
+        values_.push_back({kind, std::exchange(name_, {}), text, 1});
         return true;
     }
 
-    bool ReadName(size_t object, std::string_view& name)
+    bool Begin(Kind kind)
     {
-        if (Front() != '"' || !ReadText(name)) {
-            return false;
-        }
-        const JsonValue* const end = values_.data() + values_.size();
-        SkipBlanks();
-        const bool once = FindMember(values_.data() + object + 1, end, name) == nullptr;
-        const bool named = once && Take(':');
-        SkipBlanks();
-        return named;
+        const bool added = Add(kind, {});
+        begun_.push_back(values_.size() - 1);
+        return added;
     }
 
-    // What it says is written over what it was escaped as, which is never shorter.
-    bool ReadText(std::string_view& text)
+    bool End()
     {
-        char* const begin = ++at_;
-        for (char* out = begin; at_ != end_ && static_cast<unsigned char>(*at_) >= ' ';) {
-            const char c = *at_++;
-            if (c == '"') {
-                text = {begin, static_cast<size_t>(out - begin)};
-                return true;
-            }
-            if (c != '\\') {
-                *out++ = c;
-            } else if (!ReadEscape(out)) {
-                return false;
-            }
-        }
-        return false;
-    }
-
-    bool ReadEscape(char*& out)
-    {
-        constexpr std::string_view kLetters = "\"\\/bfnrt";
-        constexpr std::string_view kMeanings = "\"\\/\b\f\n\r\t";
-        const size_t letter = kLetters.find(Front());
-        if (letter != std::string_view::npos) {
-            ++at_;
-            *out++ = kMeanings[letter];
-            return true;
-        }
-        uint32_t character = 0;
-        if (!ReadUnit(character)) {
-            return false;
-        }
-        if (character >= 0xd800 && character < 0xdc00) { // the first half of one
-            uint32_t second = 0;
-            if (!Take('\\') || !ReadUnit(second) || second < 0xdc00 || second > 0xdfff) {
-                return false;
-            }
-            character = 0x10000 + ((character - 0xd800) << 10) + (second - 0xdc00);
-        } else if (character >= 0xdc00 && character <= 0xdfff) {
-            return false;
-        }
-        const std::string bytes = Utf8(character);
-        out = std::copy(bytes.begin(), bytes.end(), out);
+        values_[begun_.back()].size = values_.size() - begun_.back();
+        begun_.pop_back();
         return true;
     }
 
-    // "uXXXX".
-    bool ReadUnit(uint32_t& unit)
-    {
-        constexpr std::ptrdiff_t kDigits = 4;
-        if (!Take('u') || end_ - at_ < kDigits) {
-            return false;
-        }
-        const auto [end, error] = std::from_chars(at_, at_ + kDigits, unit, 16);
-        at_ += kDigits;
-        return error == std::errc() && end == at_;
-    }
-
-    bool ReadNumber(std::string_view& text)
-    {
-        const char* const begin = at_;
-        Take('-');
-        if (!Take('0') && !ReadDigits()) {
-            return false;
-        }
-        if (Take('.') && !ReadDigits()) {
-            return false;
-        }
-        if (Take('e') || Take('E')) {
-            if (!Take('+')) {
-                Take('-');
-            }
-            if (!ReadDigits()) {
-                return false;
-            }
-        }
-        text = {begin, static_cast<size_t>(at_ - begin)};
-        return true;
-    }
-
-    bool ReadDigits()
-    {
-        const char* const begin = at_;
-        at_ = std::find_if_not(at_, end_, IsDigit);
-        return at_ != begin;
-    }
-
-    bool ReadWord(std::string_view& text)
-    {
-        for (const std::string_view word : {"true", "false", "null"}) {
-            if (std::string_view(at_, static_cast<size_t>(end_ - at_)).starts_with(word)) {
-                text = word;
-                at_ += word.size();
-                return true;
-            }
-        }
-        return false;
-    }
-
-    char* at_;
-    char* const end_;
     std::vector<JsonValue> values_;
+    std::vector<size_t> begun_; // where the objects and arrays stand that have not ended
+    std::string_view name_;
 };
 
 } // namespace
 
-std::vector<JsonValue> ReadStrictJson(std::span<char> json)
+std::vector<JsonValue> ReadStrictJson(std::string& json)
 {
-    return IsUtf8({json.data(), json.size()}) ? JsonReader(json).Read() : std::vector<JsonValue>();
+    constexpr unsigned kFlags = rapidjson::kParseInsituFlag | rapidjson::kParseNumbersAsStringsFlag;
+    Values values;
+    rapidjson::InsituStringStream text(json.data());
+    rapidjson::Reader reader;
+    const bool whole = !reader.Parse<kFlags>(text, values).IsError() && text.Tell() == json.size();
+    return whole ? values.Give() : std::vector<JsonValue>();
 }
 
 const JsonValue* JsonObject::Find(std::string_view name) const

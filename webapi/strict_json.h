@@ -4,7 +4,7 @@
 
 #include <cstddef>
 #include <optional>
-#include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -12,7 +12,7 @@ namespace tavr::webapi
 {
 
 inline constexpr size_t kMostValues = 1000;
-inline constexpr int kDeepestNesting = 16;
+inline constexpr size_t kDeepestNesting = 16;
 
 struct JsonValue {
     enum class Kind { Object, Array, Text, Number, Word }; // a word: true, false, null
@@ -25,7 +25,7 @@ struct JsonValue {
 // The value and all that are in it, in the order in which they begin. Escapes are resolved inside `json`,
 // which the values refer to. Empty for what is not one value as RFC 8259 has it, a name that comes twice in
 // an object, what is not UTF-8 (escapes of half a character too), more than kMostValues, or deeper nesting.
-std::vector<JsonValue> ReadStrictJson(std::span<char> json);
+std::vector<JsonValue> ReadStrictJson(std::string& json);
 
 // The members of an object, seen where they stand.
 class JsonObject
