@@ -36,6 +36,8 @@ StepText TextOf(LdapStep step, const std::string& prefix)
     case LdapStep::Search:
         return {"directory_search", "see " + prefix + "base, " + (prefix == "ldap_" ? "the filters, " : "") +
                                         "and what the reading account may read"};
+    case LdapStep::Load:
+        return {"directory_library", "install the LDAP library"};
     }
     return {"directory", ""};
 }

@@ -3,11 +3,11 @@
 #include "linux/apart.h"
 #include "linux/directory_error.h"
 #include "linux/kept_secret.h"
+#include "linux/loaded_library.h"
 #include "linux/names.h"
 #include "linux/pam.h"
 #include "linux/paths.h"
 
-#include <dlfcn.h>
 #include <grp.h>
 #include <nss.h>
 #include <pwd.h>
@@ -38,28 +38,6 @@ class NoAnswer : public std::runtime_error
 {
 public:
     explicit NoAnswer(const std::string& text) : std::runtime_error(text) {}
-};
-
-class Module
-{
-public:
-    explicit Module(const char* file) : handle_(dlopen(file, RTLD_NOW | RTLD_LOCAL))
-    {
-        if (handle_ == nullptr) {
-            throw NoAnswer(std::string(file) + " is not installed");
-        }
-    }
-    template<class Function>
-    void Load(Function& function, const char* name) const
-    {
-        function = reinterpret_cast<Function>(dlsym(handle_, name));
-        if (function == nullptr) {
-            throw NoAnswer(std::string(name) + " is missing");
-        }
-    }
-
-private:
-    void* const handle_; // until the process ends
 };
 
 std::string ModuleFile(DomainClient client)
@@ -102,7 +80,7 @@ public:
     bool Account(const std::string& name, const std::function<void(const passwd&)>& take) const
     {
         nss_status (*find)(const char*, passwd*, char*, size_t, int*) = nullptr;
-        module_.Load(find, (prefix_ + "getpwnam_r").c_str());
+        module_.Find(find, (prefix_ + "getpwnam_r").c_str());
         passwd entry{};
         return Ask([&](std::vector<char>& buffer, int* code) {
             const nss_status status = find(name.c_str(), &entry, buffer.data(), buffer.size(), code);
@@ -116,7 +94,7 @@ public:
     bool Group(const std::string& name, const std::function<void(const group&)>& take) const
     {
         nss_status (*find)(const char*, group*, char*, size_t, int*) = nullptr;
-        module_.Load(find, (prefix_ + "getgrnam_r").c_str());
+        module_.Find(find, (prefix_ + "getgrnam_r").c_str());
         group entry{};
         return Ask([&](std::vector<char>& buffer, int* code) {
             const nss_status status = find(name.c_str(), &entry, buffer.data(), buffer.size(), code);
@@ -131,7 +109,7 @@ public:
     [[nodiscard]] std::vector<gid_t> GroupsOf(const std::string& name, gid_t primary) const
     {
         nss_status (*find)(const char*, gid_t, long*, long*, gid_t**, long, int*) = nullptr;
-        module_.Load(find, (prefix_ + "initgroups_dyn").c_str());
+        module_.Find(find, (prefix_ + "initgroups_dyn").c_str());
         long count = 0;
         long room = 64;
         auto* list = static_cast<gid_t*>(std::calloc(static_cast<size_t>(room), sizeof(gid_t)));
@@ -151,7 +129,7 @@ public:
     }
 
 private:
-    const Module module_;
+    const LoadedLibrary module_;
     const std::string prefix_;
 };
 
@@ -171,8 +149,8 @@ private:
     static std::string BySssd(Of of, uint32_t number)
     {
         int (*find)(uint32_t, unsigned, char**, int*) = nullptr;
-        static const Module library("libsss_nss_idmap.so.0");
-        library.Load(find, of == Of::Account ? "sss_nss_getsidbyuid_timeout" : "sss_nss_getsidbygid_timeout");
+        static const LoadedLibrary library("libsss_nss_idmap.so.0");
+        library.Find(find, of == Of::Account ? "sss_nss_getsidbyuid_timeout" : "sss_nss_getsidbygid_timeout");
         char* text = nullptr;
         int type = 0;
         const int code = find(number, kSidMilliseconds, &text, &type);
@@ -193,9 +171,9 @@ private:
         constexpr int kNoSuchDomain = 7; // a number of nobody's
         int (*find)(uint32_t, Sid*) = nullptr;
         int (*print)(const Sid*, char*, int) = nullptr;
-        static const Module library("libwbclient.so.0");
-        library.Load(find, of == Of::Account ? "wbcUidToSid" : "wbcGidToSid");
-        library.Load(print, "wbcSidToStringBuf");
+        static const LoadedLibrary library("libwbclient.so.0");
+        library.Find(find, of == Of::Account ? "wbcUidToSid" : "wbcGidToSid");
+        library.Find(print, "wbcSidToStringBuf");
         Sid sid{};
         const int code = find(number, &sid);
         if (code == kNoSuchDomain) {
@@ -329,6 +307,8 @@ std::vector<std::string> DomainClientCalls::Question(const char* what, Ask ask) 
             texts.insert(texts.begin(), kAnswered);
             return Joined(texts);
         } catch (const NoAnswer& reason) {
+            return Joined({reason.what()});
+        } catch (const LibraryError& reason) {
             return Joined({reason.what()});
         } catch (const PamError& reason) {
             return Joined({reason.what()});

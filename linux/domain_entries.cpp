@@ -1,9 +1,8 @@
 #include "linux/domain_entries.h"
 
 #include "linux/accounts.h"
+#include "linux/ldap_library.h"
 #include "linux/names.h"
-
-#include <ldap.h>
 
 #include <algorithm>
 #include <charconv>
@@ -22,7 +21,7 @@ constexpr size_t kLongestSid = 184; // bytes, of one with all parts that it can 
 constexpr size_t kLongestDn = 4096;
 
 struct FreeDn {
-    void operator()(LDAPDN dn) const noexcept { ldap_dnfree(dn); }
+    void operator()(LDAPDN dn) const noexcept { Ldap().ldap_dnfree(dn); }
 };
 
 // The text of the SID that these bytes are. Empty: they are none.
@@ -100,7 +99,7 @@ std::string UnitsOfDn(std::string_view dn, size_t from)
 {
     LDAPDN parsed = nullptr;
     if (dn.size() > kLongestDn || dn.find('\0') != std::string_view::npos ||
-        ldap_str2dn(std::string(dn).c_str(), &parsed, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS ||
+        Ldap().ldap_str2dn(std::string(dn).c_str(), &parsed, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS ||
         parsed == nullptr) {
         return {};
     }

@@ -1,15 +1,15 @@
 #include "linux/ldap.h"
 
 #include "linux/descriptor.h"
+#include "linux/ldap_library.h"
+#include "linux/loaded_library.h"
 #include "linux/mail_settings.h"
 #include "linux/names.h"
 #include "linux/settings.h"
 
 #include <fcntl.h>
-#include <ldap.h>
 #include <netdb.h>
 #include <netinet/tcp.h>
-#include <openldap.h>
 #include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
@@ -40,6 +40,20 @@ constexpr size_t kMostValues = 1000;
 constexpr size_t kMostValue = 4096;
 constexpr char kSystemCertificates[] = "/etc/ssl/certs/ca-certificates.crt";
 
+LdapFunctions LoadLdap()
+{
+    try {
+        const LoadedLibrary library(TAVR_LDAP_LIBRARY);
+        LdapFunctions functions;
+#define TAVR_FIND(name) library.Find(functions.name, #name);
+        TAVR_LDAP_FUNCTIONS(TAVR_FIND)
+#undef TAVR_FIND
+        return functions;
+    } catch (const LibraryError& error) {
+        throw LdapError(LdapStep::Load, error.what());
+    }
+}
+
 // libldap writes to sockets without asking for no signal.
 class NoPipeSignal
 {
@@ -62,7 +76,7 @@ private:
 
 std::string ErrorText(int code, const char* detail)
 {
-    std::string text = ldap_err2string(code);
+    std::string text = Ldap().ldap_err2string(code);
     if (detail != nullptr && *detail != 0) {
         const std::string said(detail, std::min(std::char_traits<char>::length(detail), size_t{200}));
         text += " (" + (IsPlainText(said) ? said : "with a text that cannot be shown") + ')';
@@ -73,12 +87,23 @@ std::string ErrorText(int code, const char* detail)
 template<class Value>
 void SetOption(ldap* connection, int option, const Value* value)
 {
-    const int code = ldap_set_option(connection, option, value);
+    const int code = Ldap().ldap_set_option(connection, option, value);
     if (code != LDAP_OPT_SUCCESS) {
-        throw LdapError(LdapStep::Encrypt,
-                        "option " + std::to_string(option) + " is not taken: " + ldap_err2string(code));
+        throw LdapError(LdapStep::Encrypt, "option " + std::to_string(option) +
+                                               " is not taken: " + Ldap().ldap_err2string(code));
     }
 }
+
+} // namespace
+
+const LdapFunctions& Ldap()
+{
+    static const LdapFunctions functions = LoadLdap(); // again at the next call, after an exception
+    return functions;
+}
+
+namespace
+{
 
 // --- Settings ----------------------------------------------------------------------------------------------
 
@@ -230,12 +255,12 @@ std::string FilterValue(std::string_view text)
     }
     berval plain{text.size(), const_cast<char*>(text.data())};
     berval escaped{0, nullptr};
-    if (ldap_bv2escaped_filter_value(&plain, &escaped) != 0) {
+    if (Ldap().ldap_bv2escaped_filter_value(&plain, &escaped) != 0) {
         throw std::bad_alloc();
     }
     std::string value(escaped.bv_val, escaped.bv_len);
     if (escaped.bv_val != plain.bv_val) {
-        ber_memfree(escaped.bv_val);
+        Ldap().ber_memfree(escaped.bv_val);
     }
     return value;
 }
@@ -246,20 +271,20 @@ namespace
 {
 
 struct FreeLdapText {
-    void operator()(char* text) const noexcept { ldap_memfree(text); }
+    void operator()(char* text) const noexcept { Ldap().ldap_memfree(text); }
 };
 using LdapText = std::unique_ptr<char, FreeLdapText>;
 
 struct FreeValues {
-    void operator()(berval** values) const noexcept { ldap_value_free_len(values); }
+    void operator()(berval** values) const noexcept { Ldap().ldap_value_free_len(values); }
 };
 
 struct FreeReader {
-    void operator()(BerElement* reader) const noexcept { ber_free(reader, 0); }
+    void operator()(BerElement* reader) const noexcept { Ldap().ber_free(reader, 0); }
 };
 
 struct FreeArray { // its values stand in the message
-    void operator()(berval* values) const noexcept { ber_memfree(values); }
+    void operator()(berval* values) const noexcept { Ldap().ber_memfree(values); }
 };
 
 std::string_view View(const berval& value)
@@ -273,25 +298,25 @@ bool IsAttribute(std::string_view name, const std::string& attribute)
 }
 
 struct FreeControl {
-    void operator()(LDAPControl* control) const noexcept { ldap_control_free(control); }
+    void operator()(LDAPControl* control) const noexcept { Ldap().ldap_control_free(control); }
 };
 
 struct FreeControls {
-    void operator()(LDAPControl** controls) const noexcept { ldap_controls_free(controls); }
+    void operator()(LDAPControl** controls) const noexcept { Ldap().ldap_controls_free(controls); }
 };
 
 } // namespace
 
 std::string LdapEntry::Dn() const
 {
-    const LdapText dn(ldap_get_dn(connection_, entry_));
+    const LdapText dn(Ldap().ldap_get_dn(connection_, entry_));
     return dn ? dn.get() : "";
 }
 
 std::vector<std::string> LdapEntry::Values(const std::string& attribute) const
 {
     const std::unique_ptr<berval*, FreeValues> found(
-        ldap_get_values_len(connection_, entry_, attribute.c_str()));
+        Ldap().ldap_get_values_len(connection_, entry_, attribute.c_str()));
     std::vector<std::string> values;
     for (berval** value = found.get(); value != nullptr && *value != nullptr; ++value) {
         if (values.size() < kMostValues && (*value)->bv_len <= kMostValue) {
@@ -306,13 +331,13 @@ LdapEntry::Texts LdapEntry::OnlyValues(std::span<const std::string> attributes) 
     Texts texts;
     BerElement* reader = nullptr;
     berval name{0, nullptr};
-    if (ldap_get_dn_ber(connection_, entry_, &reader, &name) != LDAP_SUCCESS) {
+    if (Ldap().ldap_get_dn_ber(connection_, entry_, &reader, &name) != LDAP_SUCCESS) {
         return texts;
     }
     const std::unique_ptr<BerElement, FreeReader> owner(reader);
     texts.dn = View(name);
     berval* values = nullptr;
-    while (ldap_get_attribute_ber(connection_, entry_, reader, &name, &values) == LDAP_SUCCESS &&
+    while (Ldap().ldap_get_attribute_ber(connection_, entry_, reader, &name, &values) == LDAP_SUCCESS &&
            name.bv_val != nullptr) {
         const std::unique_ptr<berval, FreeArray> array(values);
         const bool isOne = values != nullptr && values[0].bv_val != nullptr && values[1].bv_val == nullptr;
@@ -396,7 +421,7 @@ Descriptor ConnectTo(const LdapServer& server, std::chrono::steady_clock::time_p
 void StayNonBlocking(ldap* connection)
 {
     int fd = -1;
-    if (ldap_get_option(connection, LDAP_OPT_DESC, &fd) == LDAP_OPT_SUCCESS && fd >= 0) {
+    if (Ldap().ldap_get_option(connection, LDAP_OPT_DESC, &fd) == LDAP_OPT_SUCCESS && fd >= 0) {
         fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     }
 }
@@ -419,7 +444,7 @@ bool AwaitSocket(const Sockbuf_IO_Desc* layer, short event)
         return true;
     }
     ber_socket_t fd = -1;
-    ber_sockbuf_ctrl(layer->sbiod_sb, LBER_SB_OPT_GET_FD, &fd);
+    Ldap().ber_sockbuf_ctrl(layer->sbiod_sb, LBER_SB_OPT_GET_FD, &fd);
     pollfd waiting{fd, event, 0};
     int ready = 0;
     do {
@@ -467,12 +492,12 @@ void IgnoreLdapConfiguration()
 void LdapConnection::Unbind::operator()(ldap* connection) const noexcept
 {
     const NoPipeSignal quiet;
-    ldap_unbind_ext(connection, nullptr, nullptr);
+    Ldap().ldap_unbind_ext(connection, nullptr, nullptr);
 }
 
 void LdapConnection::FreeMessage::operator()(ldapmsg* message) const noexcept
 {
-    ldap_msgfree(message);
+    Ldap().ldap_msgfree(message);
 }
 
 LdapConnection::LdapConnection(const LdapSettings& settings, milliseconds wholeTime)
@@ -509,7 +534,7 @@ void LdapConnection::Open(const LdapServer& server)
     stepEnd_ = std::min(end_, Clock::now() + kConnectTime);
     Descriptor socket = ConnectTo(server, stepEnd_);
     ldap* made = nullptr;
-    const int code = ldap_init_fd(socket.Get(), LDAP_PROTO_TCP, server.uri.c_str(), &made);
+    const int code = Ldap().ldap_init_fd(socket.Get(), LDAP_PROTO_TCP, server.uri.c_str(), &made);
     if (code != LDAP_SUCCESS) {
         throw LdapError(LdapStep::Connect, server.uri + ": " + ErrorText(code, nullptr));
     }
@@ -522,11 +547,11 @@ void LdapConnection::Open(const LdapServer& server)
     SetOption(made, LDAP_OPT_DEREF, &never);
     Sockbuf* buffer = nullptr;
     ber_len_t most = kMostMessage;
-    if (ldap_get_option(made, LDAP_OPT_SOCKBUF, &buffer) != LDAP_OPT_SUCCESS || buffer == nullptr ||
-        ber_sockbuf_ctrl(buffer, LBER_SB_OPT_SET_MAX_INCOMING, &most) < 0) {
+    if (Ldap().ldap_get_option(made, LDAP_OPT_SOCKBUF, &buffer) != LDAP_OPT_SUCCESS || buffer == nullptr ||
+        Ldap().ber_sockbuf_ctrl(buffer, LBER_SB_OPT_SET_MAX_INCOMING, &most) < 0) {
         throw LdapError(LdapStep::Connect, "the size of messages cannot be bounded");
     }
-    if (ber_sockbuf_add_io(buffer, &patience, kUnderEncryption, &handshakeEnd_) != 0) {
+    if (Ldap().ber_sockbuf_add_io(buffer, &patience, kUnderEncryption, &handshakeEnd_) != 0) {
         throw std::bad_alloc();
     }
     Encrypt();
@@ -546,16 +571,16 @@ void LdapConnection::Encrypt()
     SetOption(connection, LDAP_OPT_X_TLS_CACERTFILE, settings_.caFile.c_str());
     SetOption(connection, LDAP_OPT_X_TLS_REQUIRE_CERT, &demand);
     SetOption(connection, LDAP_OPT_X_TLS_PROTOCOL_MIN, &oldest);
-    if (ldap_set_option(connection, LDAP_OPT_X_TLS_NEWCTX, &client) !=
+    if (Ldap().ldap_set_option(connection, LDAP_OPT_X_TLS_NEWCTX, &client) !=
         LDAP_OPT_SUCCESS) { // last: takes the others
         throw LdapError(LdapStep::Encrypt, "the certificates in " + settings_.caFile + " cannot be used");
     }
     if (!server_->tls) {
         int id = 0;
-        int code = ldap_start_tls(connection, nullptr, nullptr, &id);
+        int code = Ldap().ldap_start_tls(connection, nullptr, nullptr, &id);
         if (code == LDAP_SUCCESS) {
             const Message answer = Next(id, LdapStep::Encrypt);
-            ldap_parse_result(connection, answer.get(), &code, nullptr, nullptr, nullptr, nullptr, 0);
+            Ldap().ldap_parse_result(connection, answer.get(), &code, nullptr, nullptr, nullptr, nullptr, 0);
         }
         if (code != LDAP_SUCCESS) {
             throw LdapError(LdapStep::Encrypt,
@@ -563,11 +588,11 @@ void LdapConnection::Encrypt()
         }
     }
     handshakeEnd_ = stepEnd_;
-    const int code = ldap_install_tls(connection);
+    const int code = Ldap().ldap_install_tls(connection);
     handshakeEnd_.reset();
     if (code != LDAP_SUCCESS) {
         char* said = nullptr;
-        ldap_get_option(connection, LDAP_OPT_DIAGNOSTIC_MESSAGE, &said);
+        Ldap().ldap_get_option(connection, LDAP_OPT_DIAGNOSTIC_MESSAGE, &said);
         const LdapText detail(said);
         throw LdapError(LdapStep::Encrypt,
                         "no encryption with " + server_->uri + ": " + ErrorText(code, said));
@@ -585,7 +610,7 @@ LdapConnection::Message LdapConnection::Next(int id, LdapStep step)
     timeval wait = TimevalOf(left);
     ldapmsg* message = nullptr;
     errno = 0;
-    const int got = left > 0 ? ldap_result(ldap_.get(), id, LDAP_MSG_ONE, &wait, &message) : 0;
+    const int got = left > 0 ? Ldap().ldap_result(ldap_.get(), id, LDAP_MSG_ONE, &wait, &message) : 0;
     Message owner(message);
     if (got == 0) {
         throw LdapError(step, server_->uri + " did not answer in time");
@@ -595,7 +620,7 @@ LdapConnection::Message LdapConnection::Next(int id, LdapStep step)
             throw LdapError(step, server_->uri + " sends something longer than 1 MiB, more than is taken");
         }
         int code = LDAP_SERVER_DOWN;
-        ldap_get_option(ldap_.get(), LDAP_OPT_RESULT_CODE, &code);
+        Ldap().ldap_get_option(ldap_.get(), LDAP_OPT_RESULT_CODE, &code);
         throw LdapError(step, server_->uri + ": " + ErrorText(code, nullptr));
     }
     return owner;
@@ -607,14 +632,15 @@ int LdapConnection::Bind(const std::string& dn, std::string_view password, std::
     isService_ = false;
     berval secret{password.size(), const_cast<char*>(password.data())};
     int id = 0;
-    int code = ldap_sasl_bind(ldap_.get(), dn.c_str(), LDAP_SASL_SIMPLE, &secret, nullptr, nullptr, &id);
+    int code =
+        Ldap().ldap_sasl_bind(ldap_.get(), dn.c_str(), LDAP_SASL_SIMPLE, &secret, nullptr, nullptr, &id);
     if (code != LDAP_SUCCESS) {
         throw LdapError(LdapStep::Bind, server_->uri + ": " + ErrorText(code, nullptr));
     }
     const Message answer = Next(id, LdapStep::Bind);
     char* text = nullptr;
     const int parsed =
-        ldap_parse_result(ldap_.get(), answer.get(), &code, nullptr, &text, nullptr, nullptr, 0);
+        Ldap().ldap_parse_result(ldap_.get(), answer.get(), &code, nullptr, &text, nullptr, nullptr, 0);
     const LdapText owner(text);
     if (parsed != LDAP_SUCCESS) {
         throw LdapError(LdapStep::Bind, server_->uri + ": " + ErrorText(parsed, nullptr));
@@ -684,17 +710,17 @@ int LdapConnection::AskPage(const LdapSearch& search, const std::string& cookie)
     if (IsPaged(search)) {
         berval former{cookie.size(), const_cast<char*>(cookie.data())};
         LDAPControl* control = nullptr;
-        if (ldap_create_page_control(connection, search.page, cookie.empty() ? nullptr : &former, 0,
-                                     &control) != LDAP_SUCCESS) {
+        if (Ldap().ldap_create_page_control(connection, search.page, cookie.empty() ? nullptr : &former, 0,
+                                            &control) != LDAP_SUCCESS) {
             throw std::bad_alloc();
         }
         paging.reset(control);
     }
     LDAPControl* controls[] = {paging.get(), nullptr};
     int id = 0;
-    int code = ldap_search_ext(connection, search.base.c_str(),
-                               search.baseOnly ? LDAP_SCOPE_BASE : LDAP_SCOPE_SUBTREE, search.filter.c_str(),
-                               attributes.data(), 0, controls, nullptr, nullptr, search.most, &id);
+    int code = Ldap().ldap_search_ext(
+        connection, search.base.c_str(), search.baseOnly ? LDAP_SCOPE_BASE : LDAP_SCOPE_SUBTREE,
+        search.filter.c_str(), attributes.data(), 0, controls, nullptr, nullptr, search.most, &id);
     if (code != LDAP_SUCCESS) {
         const LdapStep step = code == LDAP_FILTER_ERROR ? LdapStep::Settings : LdapStep::Search;
         throw LdapError(step, "search below " + search.base + ": " + ErrorText(code, nullptr));
@@ -711,14 +737,14 @@ std::string LdapConnection::TakePage(int id, const LdapSearch& search, const Eac
     int references = 0;
     for (;;) {
         const Message message = Next(id, LdapStep::Search);
-        const int type = ldap_msgtype(message.get());
+        const int type = Ldap().ldap_msgtype(message.get());
         if (type == LDAP_RES_SEARCH_ENTRY) {
             ++count;
             if (search.most != 0 && count > search.most) {
                 continue; // a server that does not keep to it
             }
             if (++onPage > search.page || count > kMostEntries) {
-                ldap_abandon_ext(connection, id, nullptr, nullptr);
+                Ldap().ldap_abandon_ext(connection, id, nullptr, nullptr);
                 throw LdapError(LdapStep::Search,
                                 server_->uri + " gives more entries than can be taken, or gives no pages");
             }
@@ -733,7 +759,7 @@ std::string LdapConnection::TakePage(int id, const LdapSearch& search, const Eac
         char* text = nullptr;
         LDAPControl** answered = nullptr;
         const int parsed =
-            ldap_parse_result(connection, message.get(), &code, nullptr, &text, nullptr, &answered, 0);
+            Ldap().ldap_parse_result(connection, message.get(), &code, nullptr, &text, nullptr, &answered, 0);
         const LdapText said(text);
         const std::unique_ptr<LDAPControl*, FreeControls> owner(answered);
         const bool enough = search.most != 0 && code == LDAP_SIZELIMIT_EXCEEDED;
@@ -743,16 +769,16 @@ std::string LdapConnection::TakePage(int id, const LdapSearch& search, const Eac
                                                   ErrorText(parsed != LDAP_SUCCESS ? parsed : code, text));
         }
         LDAPControl* page = IsPaged(search) && answered != nullptr
-                                ? ldap_control_find(LDAP_CONTROL_PAGEDRESULTS, answered, nullptr)
+                                ? Ldap().ldap_control_find(LDAP_CONTROL_PAGEDRESULTS, answered, nullptr)
                                 : nullptr;
         berval next{0, nullptr};
         ber_int_t estimate = 0;
         if (page == nullptr ||
-            ldap_parse_pageresponse_control(connection, page, &estimate, &next) != LDAP_SUCCESS) {
+            Ldap().ldap_parse_pageresponse_control(connection, page, &estimate, &next) != LDAP_SUCCESS) {
             return {};
         }
         std::string following(next.bv_val == nullptr ? "" : next.bv_val, next.bv_len);
-        ber_memfree(next.bv_val);
+        Ldap().ber_memfree(next.bv_val);
         return following;
     }
 }

@@ -25,7 +25,7 @@ namespace tavr
 {
 
 // Which step failed; the text says what happened.
-enum class LdapStep { Settings, Connect, Encrypt, Bind, Search };
+enum class LdapStep { Settings, Connect, Encrypt, Bind, Search, Load };
 
 class LdapError : public DirectoryError
 {

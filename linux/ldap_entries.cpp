@@ -1,9 +1,9 @@
 #include "linux/ldap_entries.h"
 
+#include "linux/ldap_library.h"
 #include "linux/mail_settings.h"
 #include "linux/names.h"
 
-#include <ldap.h>
 #include <sodium.h>
 #include <strings.h>
 
@@ -27,14 +27,14 @@ std::string First(const std::vector<std::string>& values)
 }
 
 struct FreeDn {
-    void operator()(LDAPDN dn) const noexcept { ldap_dnfree(dn); }
+    void operator()(LDAPDN dn) const noexcept { Ldap().ldap_dnfree(dn); }
 };
 
 // The values of an attribute that stand in the first part of a DN.
 std::vector<std::string> NamesInDn(const std::string& dn, const std::string& attribute)
 {
     LDAPDN parsed = nullptr;
-    if (ldap_str2dn(dn.c_str(), &parsed, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS || parsed == nullptr) {
+    if (Ldap().ldap_str2dn(dn.c_str(), &parsed, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS || parsed == nullptr) {
         return {};
     }
     const std::unique_ptr<LDAPRDN, FreeDn> owner(parsed);

@@ -2,6 +2,7 @@
 
 #include "linux/apart.h"
 #include "linux/ids.h"
+#include "linux/loaded_library.h"
 #include "linux/names.h"
 
 #include <security/pam_appl.h>
@@ -16,6 +17,35 @@ namespace tavr
 
 namespace
 {
+
+// libpam, loaded for one password in a process apart.
+struct Pam {
+    decltype(&pam_start_confdir) start;
+    decltype(&pam_set_item) setItem;
+    decltype(&pam_get_item) getItem;
+    decltype(&pam_authenticate) authenticate;
+    decltype(&pam_acct_mgmt) checkAccount;
+    decltype(&pam_strerror) text;
+    decltype(&pam_end) end;
+};
+
+Pam LoadPam()
+{
+    try {
+        const LoadedLibrary library(TAVR_PAM_LIBRARY);
+        Pam pam{};
+        library.Find(pam.start, "pam_start_confdir");
+        library.Find(pam.setItem, "pam_set_item");
+        library.Find(pam.getItem, "pam_get_item");
+        library.Find(pam.authenticate, "pam_authenticate");
+        library.Find(pam.checkAccount, "pam_acct_mgmt");
+        library.Find(pam.text, "pam_strerror");
+        library.Find(pam.end, "pam_end");
+        return pam;
+    } catch (const LibraryError& error) {
+        throw PamError(error.what());
+    }
+}
 
 struct Conversation {
     const std::string& password;
@@ -60,10 +90,10 @@ bool IsRefusal(int result)
 }
 
 // Whether the module let in whom it was asked about: some take other names for an account, and say so here.
-bool IsStill(pam_handle_t* pam, const std::string& name)
+bool IsStill(const Pam& library, pam_handle_t* pam, const std::string& name)
 {
     const void* item = nullptr;
-    return pam_get_item(pam, PAM_USER, &item) == PAM_SUCCESS && item != nullptr &&
+    return library.getItem(pam, PAM_USER, &item) == PAM_SUCCESS && item != nullptr &&
            SearchText(static_cast<const char*>(item)) == SearchText(name);
 }
 
@@ -82,18 +112,19 @@ bool IsPamPassword(const std::string& folder, const std::string& name, const std
     }
     Conversation conversation{password};
     const pam_conv way{Converse, &conversation};
+    const Pam library = LoadPam();
     pam_handle_t* pam = nullptr;
-    if (pam_start_confdir(kPamService, name.c_str(), &way, folder.c_str(), &pam) != PAM_SUCCESS) {
+    if (library.start(kPamService, name.c_str(), &way, folder.c_str(), &pam) != PAM_SUCCESS) {
         throw PamError("PAM cannot be started");
     }
-    pam_set_item(pam, PAM_FAIL_DELAY, reinterpret_cast<const void*>(NoDelay));
-    int result = pam_authenticate(pam, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
+    library.setItem(pam, PAM_FAIL_DELAY, reinterpret_cast<const void*>(NoDelay));
+    int result = library.authenticate(pam, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
     if (result == PAM_SUCCESS) {
-        result = pam_acct_mgmt(pam, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
+        result = library.checkAccount(pam, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
     }
-    const bool still = result != PAM_SUCCESS || IsStill(pam, name);
-    const std::string said = pam_strerror(pam, result);
-    pam_end(pam, result);
+    const bool still = result != PAM_SUCCESS || IsStill(library, pam, name);
+    const std::string said = library.text(pam, result);
+    library.end(pam, result);
     if (result != PAM_SUCCESS && result != PAM_AUTH_ERR && IsRefusal(result)) {
         syslog(LOG_NOTICE, "PAM does not let %s in: %s", name.c_str(), said.c_str());
     }

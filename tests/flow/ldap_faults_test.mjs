@@ -1,6 +1,7 @@
 // What stands between the workers and a directory fails in every way that it can: each request is answered in time, nobody
 // is let in, nothing that was demanded is not demanded any more, and who is not of the directory does not notice.
 import assert from "node:assert/strict";
+import { spawnSync } from "node:child_process";
 import { readFileSync, writeFileSync } from "node:fs";
 import test, { after } from "node:test";
 import { setTimeout as sleep } from "node:timers/promises";
@@ -151,4 +152,20 @@ test("afterwards all is as before, and no password was counted", async () => {
     assert.equal((await signIn(nameOf(n), passwordOf(n))).said, "200 enrolment_required");
   }
   assert.equal((await signIn(nameOf(98), "wrong")).said, "401 bad_credentials");
+});
+
+test("without the LDAP library nobody of the directory is let in, and with it again all is as before", async () => {
+  const [file] = run("sh", ["-c", "readlink -f /usr/lib/*/libldap-*.so.*"]).split("\n");
+  run("mount", ["--bind", "/dev/null", file]);
+  try {
+    await server.restartWeb();
+    assert.equal((await signIn(nameOf(1), passwordOf(1))).said, "503 otp_unavailable");
+    assert.equal((await signIn("carol", server.passwords.carol)).said, "200 signed_in");
+    const { status, stderr } = spawnSync("tavrctl", ["directory", "test"], { encoding: "utf8" });
+    assert.equal(status, 1);
+    assert.match(stderr, /^tavrctl: \S*libldap[^\n]*; install the LDAP library\n$/);
+  } finally {
+    run("umount", [file]);
+  }
+  assert.equal((await signIn(nameOf(1), passwordOf(1))).said, "200 enrolment_required");
 });

@@ -49,7 +49,7 @@ int CountPeople(LdapConnection& connection)
 // Which step failed; "none": none.
 std::string Outcome(const LdapSettings& settings)
 {
-    static constexpr const char* kSteps[] = {"settings", "connect", "encrypt", "bind", "search"};
+    static constexpr const char* kSteps[] = {"settings", "connect", "encrypt", "bind", "search", "load"};
     try {
         LdapConnection connection(settings);
         return CountPeople(connection) > 0 ? "none" : "nobody";
