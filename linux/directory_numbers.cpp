@@ -37,8 +37,7 @@ bool IsTaken(Database& db, const std::string& name)
 constexpr std::chrono::milliseconds kLongestInUse{10'000};
 constexpr std::chrono::milliseconds kPause{10};
 
-// --- Files that go with names
-// --------------------------------------------------------------------------------
+// --- Files that go with names ---
 //
 // A move is announced in a transaction of its own, which leaves the new place empty. Whoever is killed before
 // the name is stored has files at one of the two places; who comes next brings them back first.
@@ -86,8 +85,7 @@ void AnnounceMove(Database& db, AccountLocks& locks, const Row& row, const std::
     db.Prepare("UPDATE directory_account SET moving = ? WHERE uid = ?").Bind(1, name).Bind(2, row.uid).Run();
 }
 
-// --- Numbers
-// -------------------------------------------------------------------------------------------------
+// --- Numbers ---
 
 uint32_t Add(Database& db, AccountLocks& locks, int kind, const DirectoryEntry& entry)
 {
