@@ -21,12 +21,24 @@ struct Row {
     std::string moving; // the name at whose place its files may stand, if their move was cut short
 };
 
-std::optional<Row> RowOf(Database& db, int kind, const std::string& id)
+#define ROWS "SELECT uid, name, moving FROM directory_account"
+
+std::optional<Row> OnlyRow(Statement& find)
 {
-    Statement find = db.Prepare("SELECT uid, name, moving FROM directory_account WHERE kind = ? AND id = ?");
-    find.Bind(1, kind).Bind(2, id);
     return find.Step() ? std::optional(Row{static_cast<uint32_t>(find.Int(0)), find.Text(1), find.Text(2)})
                        : std::nullopt;
+}
+
+std::optional<Row> RowOf(Database& db, int kind, const std::string& id)
+{
+    Statement find = db.Prepare(ROWS " WHERE kind = ? AND id = ?");
+    return OnlyRow(find.Bind(1, kind).Bind(2, id));
+}
+
+std::optional<Row> RowMovingTo(Database& db, const std::string& name)
+{
+    Statement find = db.Prepare(ROWS " WHERE moving = ?");
+    return OnlyRow(find.Bind(1, name));
 }
 
 bool IsTaken(Database& db, const std::string& name)
@@ -54,15 +66,7 @@ void BringBack(Database& db, AccountLocks& locks, const Row& row)
 // What a former owner has left at the name's place goes first: it must not come to the new one.
 void ClearPlaceOf(Database& db, AccountLocks& locks, const std::string& name)
 {
-    std::optional<Row> onTheWay;
-    {
-        Statement find = db.Prepare("SELECT uid, name, moving FROM directory_account WHERE moving = ?");
-        find.Bind(1, name);
-        if (find.Step()) {
-            onTheWay = Row{static_cast<uint32_t>(find.Int(0)), find.Text(1), find.Text(2)};
-        }
-    }
-    if (onTheWay) {
+    if (const std::optional<Row> onTheWay = RowMovingTo(db, name)) {
         BringBack(db, locks, *onTheWay);
     }
     if (!DeletePreferences(name)) {
