@@ -164,14 +164,11 @@ bool EnrolledSince(Database& db, const Account& account)
 }
 
 // Sessions of local accounts end with the setting that says whose these are, or they lived again once it is
-// changed back. Done by whoever comes first with a local account after a change, in every process once.
+// changed back. Nobody need see the change itself: a session is opened after those of the other store have
+// gone, and who still comes with one of these ends them all.
 void EndSessionsOfOtherStore()
 {
-    static std::optional<bool> doneFor;
     const bool areSystem = AreSystemAccounts();
-    if (doneFor == areSystem) {
-        return;
-    }
     const int64_t first = areSystem ? 0 : kFirstSystemNumber;
     const int64_t end = areSystem ? kFirstSystemNumber : kFirstDirectoryNumber;
     Database& db = SigninDatabase();
@@ -185,7 +182,11 @@ void EndSessionsOfOtherStore()
             .Bind(2, end)
             .Run();
     }
-    doneFor = areSystem;
+}
+
+bool IsOfOtherStore(uint32_t account)
+{
+    return account < kFirstDirectoryNumber && (account >= kFirstSystemNumber) != AreSystemAccounts();
 }
 
 // The account that a session may be of: as it stands now, if that is what the session was opened on.
@@ -373,8 +374,9 @@ std::optional<Session> FindSession(std::string_view identifier)
     if (!row || SecondsLeft(*row, limits, now) <= 0) {
         return std::nullopt;
     }
-    if (row->account < kFirstDirectoryNumber) {
+    if (IsOfOtherStore(row->account)) {
         EndSessionsOfOtherStore();
+        return std::nullopt;
     }
     std::optional<Account> account = FindOwner(row->account, row->generation);
     if (!account) {

@@ -607,6 +607,40 @@ TEST_F(SystemAccounts, AndThoseOfTheEmbeddedStoreHaveNoSessionsFromBeforeAChange
     AsWorker([&] { open("anna"); });
     use("embedded");
     AsWorker([&] { EXPECT_FALSE(lives(ReadFile("/run/identifier"))); });
+
+    // A worker that has seen one setting only, while another one sees both.
+    int toFirst[2];
+    int toSecond[2];
+    ASSERT_EQ(0, pipe(toFirst));
+    ASSERT_EQ(0, pipe(toSecond));
+    const auto pass = [](const int (&to)[2]) { ASSERT_EQ(1, write(to[1], "x", 1)); };
+    const auto wait = [](const int (&at)[2]) {
+        char turn = 0;
+        ASSERT_EQ(1, read(at[0], &turn, 1));
+    };
+    use("system");
+    AsWorkers(2, [&](int worker) {
+        if (worker == 0) {
+            open("anna");
+            pass(toSecond);
+            wait(toFirst);
+            open("anna");
+            pass(toSecond);
+            return;
+        }
+        wait(toSecond);
+        use("embedded");
+        const std::string identifier = open("carol");
+        EXPECT_TRUE(lives(identifier));
+        use("system");
+        pass(toFirst);
+        wait(toSecond);
+        use("embedded");
+        EXPECT_FALSE(lives(identifier));
+    });
+    for (const int end : {toFirst[0], toFirst[1], toSecond[0], toSecond[1]}) {
+        close(end);
+    }
 }
 
 TEST_F(SystemAccounts, StayTheSystemsWhileTheSettingsAreGone)
