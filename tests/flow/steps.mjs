@@ -66,8 +66,10 @@ export async function openAdmin(page, wizard) {
 
 export const listed = (page, name) => page.locator("#rows .name", { hasText: name }).first().waitFor();
 
+// Of the list that was asked for last: another one may have had as many.
 export const range = (page, text) =>
-  page.waitForFunction((wanted) => document.getElementById("range").textContent === wanted, text);
+  page.waitForFunction((wanted) => document.getElementById("range").textContent === wanted &&
+    !document.getElementById("table").hasAttribute("aria-busy"), text);
 
 // From the overview to the QR code. Gives the key as it is shown.
 export async function startSetup(page, password) {

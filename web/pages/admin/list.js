@@ -70,9 +70,11 @@ export class List {
 
   // --- loading ---
 
-  // Typing asks once, a moment after the last key.
+  // Typing asks once, a moment after the last key. What stands there is out of date from the first.
   #search(delay) {
     clearTimeout(this.#timer);
+    this.#running?.abort();   // nobody waits for the older answer
+    byId("table").setAttribute("aria-busy", "true");
     this.#timer = setTimeout(() => {
       this.#offset = 0;
       this.load();
@@ -91,7 +93,7 @@ export class List {
   }
 
   async load() {
-    this.#running?.abort();   // nobody waits for the older answer
+    this.#running?.abort();
     const running = new AbortController();
     this.#running = running;
     byId("table").setAttribute("aria-busy", "true");
