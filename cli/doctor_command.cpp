@@ -141,13 +141,17 @@ public:
         }
     }
 
-    // Everything below a folder of the service's, which others have no business in.
+    // Everything else below a folder of the service's, which others have no business in.
     void LookBelow(const char* folder)
     {
         std::error_code error;
         std::filesystem::recursive_directory_iterator each(folder, error);
         for (; !error && each != std::filesystem::recursive_directory_iterator(); each.increment(error)) {
             const std::string path = each->path().string();
+            if (std::any_of(std::begin(kPlaces), std::end(kPlaces),
+                            [&](const Place& place) { return path == place.path; })) {
+                continue;
+            }
             const bool isFolder = each->symlink_status(error).type() == std::filesystem::file_type::directory;
             Look({path.c_str(), static_cast<mode_t>(isFolder ? S_IFDIR : S_IFREG), Owner::Service,
                   static_cast<mode_t>(isFolder ? 0700 : 0600), false});
@@ -414,28 +418,9 @@ void LookAtDatabase(Page& page, const char* path, Database& (*open)())
     }
 }
 
-// Accounts of the system: whether they can be read, somebody administers, and PAM has its service.
-void LookAtSystemAccounts(Page& page)
+// What passwords of the system's accounts are compared with.
+void LookAtPamService(Page& page)
 {
-    try {
-        if (!AreSystemAccounts()) {
-            return;
-        }
-        int64_t accounts = 0;
-        int64_t administrators = 0;
-        ForEachAccount([&](const Account& account) {
-            ++accounts;
-            administrators += account.isAdmin ? 1 : 0;
-        });
-        const std::string found = std::to_string(accounts) + " of the system, " +
-                                  std::to_string(administrators) + " of them in " + kSystemAdministrators;
-        page.Tell(administrators > 0 ? State::Ok : State::Warning, "accounts", found,
-                  administrators > 0 ? "" : "nobody administers: usermod --append --groups sudo NAME");
-    } catch (const DatabaseError& error) {
-        page.Tell(State::Broken, "accounts", std::string("nobody can sign in: ") + error.what(),
-                  std::string("mend that file, or the setting accounts in ") + kSettingsFile);
-        return;
-    }
     const std::string service = std::string(kSystemPamDir) + '/' + kPamService;
     struct stat entry {
     };
@@ -445,6 +430,38 @@ void LookAtSystemAccounts(Page& page)
     } else if (entry.st_uid != 0 || (entry.st_mode & 022) != 0) {
         page.Tell(State::Broken, "accounts", service + " can be changed by others than root",
                   "chown root " + service + " and chmod 644");
+    }
+}
+
+// Whether local accounts can be read, and somebody administers.
+void LookAtAccounts(Page& page)
+{
+    bool areSystem = true; // or it is not known whose they are
+    try {
+        areSystem = AreSystemAccounts();
+        int64_t accounts = 0;
+        int64_t administrators = 0;
+        ForEachAccount([&](const Account& account) {
+            ++accounts;
+            administrators += account.isAdmin ? 1 : 0;
+        });
+        const std::string found = std::to_string(accounts) +
+                                  (areSystem ? " of the system, " : " of the embedded store, ") +
+                                  std::to_string(administrators) + " of them in " +
+                                  (areSystem ? kSystemAdministrators : kAdministrators);
+        const std::string add =
+            areSystem ? "usermod --append --groups sudo NAME" : "tavrctl user add NAME --admin";
+        page.Tell(administrators > 0 ? State::Ok : State::Warning, "accounts", found,
+                  administrators > 0 ? "" : "nobody administers: " + add);
+    } catch (const DatabaseError& error) {
+        if (areSystem) { // of the embedded store the line among the databases has told
+            page.Tell(State::Broken, "accounts", std::string("nobody can sign in: ") + error.what(),
+                      std::string("mend that file, or the setting accounts in ") + kSettingsFile);
+        }
+        return;
+    }
+    if (areSystem) {
+        LookAtPamService(page);
     }
 }
 
@@ -675,7 +692,7 @@ void Examine()
     LookAtDatabase(page, kAccountsDatabase, AccountsDatabase);
     LookAtDatabase(page, kSigninDatabase, SigninDatabase);
     LookAtDatabase(page, kMailDatabase, MailDatabase);
-    LookAtSystemAccounts(page);
+    LookAtAccounts(page);
     LookAtKey(page);
     LookAtPolicy(page);
     LookAtService(page, WebProgramAnswers(), "tavr-otp-web", kWebSocket);

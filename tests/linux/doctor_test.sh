@@ -9,7 +9,7 @@ tavrctl certificate install >/dev/null
 tavrctl mail server show >/dev/null
 port=$((20000 + RANDOM % 12000))
 echo "TAVR_PORT=$port" >/etc/default/tavr-otp
-printf '%s' 'pass word' | tavrctl user add alice --password-stdin >/dev/null
+printf '%s' 'pass word' | tavrctl user add alice --admin --password-stdin >/dev/null
 mkdir -m 700 /usr/tavr/etc/preference/alice
 chown tavr-web: /usr/tavr/etc/preference/alice
 
@@ -64,12 +64,17 @@ for path in /etc/tavr /etc/tavr/tavrinfo.conf /etc/tavr/otp.key /etc/tavr/self-s
         *) broken "chown nobody $path" "chown $owner $path" "$is_another" ;;
     esac
 done
+broken 'chmod g+r /var/lib/tavr/mail.db' 'chmod 600 /var/lib/tavr/mail.db*' $'broken\tfiles\t/var/lib/tavr/mail.db is tavr-web:tavr-web 0640*'
 broken 'touch /var/lib/tavr/stray' 'rm /var/lib/tavr/stray' $'broken\tfiles\t/var/lib/tavr/stray is root:root *'
 broken 'ln -s /etc/shadow /usr/tavr/etc/preference/alice/otp_secret' 'rm /usr/tavr/etc/preference/alice/otp_secret' \
     $'broken\tfiles\t*otp_secret is no regular file*'
 broken 'rm /etc/tavrinfo.conf; cp /etc/tavr/tavrinfo.conf /etc/tavrinfo.conf' 'ln -sf tavr/tavrinfo.conf /etc/tavrinfo.conf' \
     $'broken\tfiles\t/etc/tavrinfo.conf is no link*'
 broken 'mv /usr/bin/qrencode /usr/bin/away' 'mv /usr/bin/away /usr/bin/qrencode' $'broken\tprograms\t/usr/bin/qrencode is missing*'
+
+# --- Accounts ---
+broken 'tavrctl group leave administrators alice' 'tavrctl group join administrators alice' \
+    $'warning\taccounts\t1 of the embedded store, 0 of them in administrators; nobody administers: tavrctl user add *'
 
 # --- Settings ---
 settings=/etc/tavr/tavrinfo.conf
