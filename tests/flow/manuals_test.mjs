@@ -1,22 +1,21 @@
 // The manuals' own commands, run as they stand by root, one document after the other: what stands below a command is what
-// comes out. What changes from one time to the next (kChanges) may be another value of its kind.
-//
-// A block of commands begins with ```console. Behind that word, `after:STEP` has this test do something first that the
-// manual tells in words, or that somebody else does (kSteps), and `skip:REASON` says why the block is not run (kReasons).
+// comes out (manuals.mjs). Behind a block's ```console, `after:STEP` has this test do something first that the manual tells
+// in words, or that somebody else does (kSteps), and `skip:REASON` says why the block is not run here (kReasons).
 import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
-import { appendFileSync, chmodSync, readdirSync, readFileSync, renameSync, rmSync, writeFileSync } from "node:fs";
+import { appendFileSync, chmodSync, readFileSync, renameSync, rmSync, writeFileSync } from "node:fs";
 import { join } from "node:path";
 import test from "node:test";
 import { setTimeout as sleep } from "node:timers/promises";
 
-import { startController, startDirectory } from "../support/directory.mjs";
+import { startDirectory } from "../support/directory.mjs";
+import { startDomain } from "../support/domain.mjs";
 import { startMailServer } from "../support/mail.mjs";
 import { run, startServer } from "../support/server.mjs";
 import { Client, signIn } from "./client.mjs";
+import { readDocuments, withoutChanges } from "./manuals.mjs";
 import { enrol } from "./wizard.mjs";
 
-const kDocuments = join(process.env.TEST_SOURCE, "doc");
 const kPassword = "a pässword that is typed";
 const kHome = "/root";
 const kPatienceMs = 30_000;
@@ -25,23 +24,9 @@ const kElsewhere = { "http-api.md": "http_examples_test.mjs", "platform.md": "gu
 const kOtherBlocks = ["nginx", "lighttpd"];   // behind_test.mjs has them
 
 const kReasons = {
-  domain: "needs a domain that the server has joined",
-  package: "needs the installed packages, which scripts/test-package has",
-  systemd: "needs systemd, which scripts/test-package has",
+  checkout: "makes the packages: scripts/test-package runs it first",
+  package: "needs the installed packages: installed_manuals.mjs runs it there",
 };
-
-const kChanges = [
-  [/\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ/g, "<time>"],
-  [/\b\d+ s ago/g, "<n> s ago"],
-  [/\b\d+ MiB free/g, "<n> MiB free"],
-  [/^\d{8}$/gm, "<code>"],
-  [/^[0-9a-f]{16}\t(.*)(\t\d+){3}$/gm, "<session>\t$1\t<ages>"],
-  [/^(\d+\twaiting\t\S+\t\S+\t\d+\t)\d+/gm, "$1<seconds>"],
-  [/\bafter \d+ ms\b/g, "after <n> ms"],
-  [/^(?:ok|warning)\tclock\t.*$/gm, "<state>\tclock\t<time>"],   // as the machine's is
-  [/[ \t]+$/gm, ""],
-];
-const withoutChanges = (text) => kChanges.reduce((left, [pattern, kind]) => left.replace(pattern, kind), text);
 
 // --- What is done between the commands ---
 
@@ -136,9 +121,11 @@ const kSteps = {
     run("chmod", ["0440", kSecrets]);
   },
   "domain": async ({ ends }) => {
-    const controller = await startController(["--users", "120", "--groups", "7"]);
-    ends.push(() => controller.stop());
-    controller.setUp();
+    const domain = await startDomain(["--users", "120", "--groups", "7", "--port", "389"]);
+    ends.push(() => domain.stop());
+    domain.setUp();
+    appendFileSync("/etc/hosts", "127.0.0.1 dc1.corp.test\n");
+    appendFileSync(kSettings, 'domain_uri="ldap://dc1.corp.test"\n');
   },
   "directory-is-away": () => {
     appendFileSync("/etc/hosts", "127.0.0.1 ldap1.office.example\n");
@@ -178,30 +165,6 @@ async function typeWrongCode({ server, ...stage }, user) {
 
 // --- Commands ---
 
-function commandsOf(content) {
-  const commands = [];
-  for (const line of content.split("\n").slice(0, -1)) {
-    const last = commands.at(-1);
-    if (line.startsWith("# ")) {
-      commands.push({ command: line.slice(2), shown: "" });
-    } else if (last.shown === "" && last.command.endsWith("\\")) {
-      last.command += `\n${line}`;
-    } else {
-      last.shown += `${line}\n`;
-    }
-  }
-  return commands;
-}
-
-function blocksOf(text) {
-  return [...text.matchAll(/^```(\S+)(.*)\n([^]*?)^```$/gm)].map(([, kind, words, content]) => {
-    const marks = words.trim().split(" ").filter(Boolean).map((word) => word.split(":"));
-    const marked = (what) => marks.find(([name]) => name === what)?.[1];
-    assert.ok(marks.every(([what]) => ["after", "skip"].includes(what)), words);
-    return { kind, after: marked("after"), skip: marked("skip"), commands: kind === "console" ? commandsOf(content) : [] };
-  });
-}
-
 // At a terminal, where passwords do not show and questions are asked; `shown` has what is answered to one.
 async function outputOf(command, shown) {
   const terminal = spawn("script", ["--quiet", "--return", "--command", command, "/dev/null"],
@@ -230,10 +193,7 @@ function wipe() {
   }
 }
 
-const texts = Object.fromEntries(readdirSync(kDocuments).filter((name) => name.endsWith(".md")).sort()
-  .map((name) => [name, readFileSync(join(kDocuments, name), "utf8")]));
-const documents = Object.entries(texts).filter(([name]) => !(name in kElsewhere))
-  .map(([name, text]) => ({ name, text, blocks: blocksOf(text) }));
+const documents = readDocuments(join(process.env.TEST_SOURCE, "doc")).filter(({ name }) => !(name in kElsewhere));
 
 test("every command stands in a block of its form, and every step and reason has a user", () => {
   const consoles = documents.flatMap(({ name, text, blocks }) => {

@@ -1,12 +1,13 @@
 #!/usr/bin/python3
 """A domain controller for tests, as far as its directory is asked: controller.py FOLDER [--users N] [--groups N] [--text-sids]
-[--more LDIF]
+[--more LDIF] [--port N]
 
 A slapd whose entries have the attributes that a controller's have. It holds corp.test: half of user000001 ..., called
 "User 000001" ..., in ou=Sales and half of them in ou=Berlin, all groups in ou=Sales, group0001
 with user000001 and so on; and other.test, which it trusts, with what
 controller.ldif has. Prints "PORT <ldap> <ldaps>" when it answers, and is that slapd from then on. Certificates as in
-directory.py. The reader is cn=reader,dc=test with the password reader-password, that of user000001 is pw-000001.
+directory.py. The reader is cn=reader,dc=test with the password reader-password, that of user000001 is pw-000001. --port:
+there instead of on a free one.
 """
 import argparse
 import base64
@@ -106,6 +107,7 @@ def main():
     parser.add_argument("--users", type=int, default=20)
     parser.add_argument("--groups", type=int, default=5)
     parser.add_argument("--more", help="entries besides")
+    parser.add_argument("--port", type=int)
     parser.add_argument("--text-sids", action="store_true", help="as SSSD searches for them: a controller takes both")
     options = parser.parse_args()
 
@@ -135,6 +137,7 @@ def main():
     if loaded.returncode != 0:
         sys.exit("slapadd: " + loaded.stderr.decode())
     ports = directory.free_ports(2)
+    ports[0] = options.port or ports[0]
     directory.tell_when_ready(ports)
     os.execv("/usr/sbin/slapd", ["slapd", "-f", path("slapd.conf"), "-h",
                                  "ldap://127.0.0.1:%d ldaps://127.0.0.1:%d" % tuple(ports), "-d", "0"])

@@ -51,7 +51,7 @@ def make_certificates(path, other_ca, host="directory.example"):
             "-keyout", path(name + ".key"), "-out", path(name + ".pem"))
     issuer = "other" if other_ca else "ca"
     with open(path("extensions"), "w") as file:
-        file.write("subjectAltName=IP:127.0.0.1,DNS:%s,DNS:ldap1.office.example,DNS:ldap2.office.example\n" % host)
+        file.write("subjectAltName=IP:127.0.0.1,DNS:%s,DNS:ldap1.office.example,DNS:ldap2.office.example,DNS:dc1.corp.test\n" % host)
     run("openssl", "req", *NEW_KEY, "-subj", "/CN=directory of a test", "-keyout", path("server.key"),
         "-out", path("server.csr"))
     run("openssl", "x509", "-req", "-in", path("server.csr"), "-CA", path(issuer + ".pem"),
