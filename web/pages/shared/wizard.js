@@ -23,6 +23,8 @@ const kHeadings = {
   mail: "wizard:mail_heading",
   done: "wizard:done_heading",
 };
+// Where a step asks for something to be typed at once.
+const kFirstFields = { password: "wizard-password", code: "wizard-code" };
 // What the wizard is opened for: a first setup, a new phone beside an old one that holds until then, or to show an
 // enrolled account's code again.
 const kPurposes = {
@@ -170,7 +172,12 @@ class Wizard {
     const heading = byId("wizard-heading");
     heading.textContent = text(step === "mail" && !this.mailWritable ? "wizard:mail_heading_fixed" : this.differs.headings[step]);
     setTitle(heading.textContent);
-    heading.focus();
+    if (step in kFirstFields) {
+      byId(kFirstFields[step]).focus();
+      announce(heading.textContent);
+    } else {
+      heading.focus();
+    }
     window.scrollTo(0, 0);
   }
 
