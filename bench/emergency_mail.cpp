@@ -1,15 +1,22 @@
 // The whole request for an emergency code by mail, put into the queue, against what it cannot do without: its
 // three durable transactions (the count, the mail, the audit's row) and its two exchanges with the web API
-// (who the user is; the sender is woken, which nobody waits for). The mail's own server is not there: what it
-// costs to send is not part of it.
+// (who the user is; the sender is woken, which nobody waits for). What it costs to send is not part of it, so
+// the mails stay in the queue: a sender would sync and cut the queue's log beside the request, and not beside
+// its floor.
+#include "linux/descriptor.h"
 #include "linux/mail_queue.h"
 #include "linux/places.h"
 #include "linux/request.h"
 #include "linux/session.h"
+#include "linux/unix_socket.h"
 #include "web/route.h"
 
 #include "bench/enrolled.h"
 #include "bench/running_service.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
 
 using namespace tavr;
 using namespace tavr::bench;
@@ -22,9 +29,33 @@ constexpr int kRounds = 200;
 constexpr char kAsk[] =
     R"({"params":{"api":"TAVR.Core.NormalUser","method":"get","version":1},"runner":{"username":"alice"}})";
 constexpr char kWake[] = R"({"params":{"api":"TAVR.Notification.Mail","method":"wake","version":1}})";
+
 void SetUpMail()
 {
     std::ofstream(kSettingsFile) << "mail_server=\"127.0.0.1\"\nmail_from=\"server@nas.example\"\n";
+}
+
+// As a server has one: without it every line makes a socket in vain.
+void StartLog()
+{
+    const Descriptor log(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const auto address = UnixAddress("/dev/log");
+    Require(log && bind(log.Get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) == 0 &&
+                chmod("/dev/log", 0666) == 0,
+            "/dev/log");
+    Child([&log] {
+        char line[2048];
+        while (recv(log.Get(), line, sizeof line, 0) >= 0) {
+        }
+    });
+}
+
+// With this in hand nobody else sends.
+Descriptor TakeSendersLock()
+{
+    Descriptor lock(open(kMailLockFile, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    Require(lock && flock(lock.Get(), LOCK_EX) == 0, kMailLockFile);
+    return lock;
 }
 
 web::HttpRequest RequestOf(const std::string& pending)
@@ -63,8 +94,10 @@ int main(int /*argc*/, char** argv)
     std::filesystem::create_directories(kConfigDir);
     SetUpMail();
     Require(MakePlaces(2), "places");
+    StartLog();
     BecomeWorker(argv[0]);
     const Account account = EnrolledAccount();
+    const Descriptor lock = TakeSendersLock();
     const pid_t service = StartService();
     UntilListening(kWebApiSocket);
     const std::string pending = OpenPending(account, SessionState::CodeRequired);
