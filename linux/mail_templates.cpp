@@ -41,6 +41,12 @@ struct Character {
 // Takes the first one off; one byte of what is no UTF-8.
 Character NextCharacter(std::string_view& text)
 {
+    const auto first = static_cast<unsigned char>(text.front());
+    if (first < 0x80) { // nearly all are, and need no look into tables
+        const Character next{text.substr(0, 1), first < ' ' || first == 0x7f};
+        text.remove_prefix(1);
+        return next;
+    }
     utf8proc_int32_t point = 0;
     const auto size = utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
                                        static_cast<utf8proc_ssize_t>(text.size()), &point);
@@ -102,15 +108,14 @@ std::string Escaped(std::string_view value)
     return escaped;
 }
 
-std::string WithoutReturns(std::string_view text)
+std::string Replaced(std::string_view text, std::string_view what, std::string_view by)
 {
-    std::string lines;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text.substr(i, 2) != "\r\n") {
-            lines += text[i];
-        }
+    std::string replaced;
+    for (size_t at = text.find(what); at != std::string_view::npos; at = text.find(what)) {
+        replaced.append(text.substr(0, at)).append(by);
+        text.remove_prefix(at + what.size());
     }
-    return lines;
+    return replaced.append(text);
 }
 
 // --- Filling ---
@@ -130,13 +135,22 @@ MailValues::const_iterator KeyAt(std::string_view text, const MailValues& values
 
 std::string Fill(std::string_view text, const MailValues& values)
 {
+    std::string starts; // the characters that keys begin with
+    for (const auto& [key, value] : values) {
+        starts += key.substr(0, 1);
+    }
     std::string filled;
-    while (!text.empty()) {
+    for (;;) {
+        const size_t plain = std::min(text.find_first_of(starts), text.size());
+        filled += text.substr(0, plain);
+        text.remove_prefix(plain);
+        if (text.empty()) {
+            return filled;
+        }
         const auto value = KeyAt(text, values);
         filled += value == values.end() ? text.substr(0, 1) : std::string_view(value->second);
         text.remove_prefix(value == values.end() ? 1 : value->first.size());
     }
-    return filled;
 }
 
 // --- Files ---
@@ -182,7 +196,7 @@ std::optional<MailText> FindTemplate(const std::string& language, const std::str
 
 std::optional<MailText> ParseMailTemplate(std::string_view text)
 {
-    const std::string lines = WithoutReturns(text);
+    const std::string lines = Replaced(text, "\r\n", "\n");
     const size_t end = lines.find("\n\n");
     if (lines.size() > kMailTemplateLimit || !lines.starts_with(kSubjectHead) || end == std::string::npos ||
         !IsTemplateText(lines)) {
@@ -236,11 +250,7 @@ std::string MailLanguage()
 
 std::string HtmlOf(std::string_view body)
 {
-    std::string html;
-    for (const char c : body) {
-        c == '\n' ? html.append("<br>") : html.append(1, c);
-    }
-    return html;
+    return Replaced(body, "\n", "<br>");
 }
 
 } // namespace tavr
