@@ -313,12 +313,14 @@ MailTry CountMail(uint32_t account)
         return counted;
     }
     ClearOldMails(account);
-    db.Prepare("INSERT INTO code_mail (account, boot, at) VALUES (?1, ?2, ?3)")
+    counted.account = account;
+    randombytes_buf(&counted.number, sizeof counted.number);
+    db.Prepare("INSERT INTO code_mail (account, number, boot, at) VALUES (?1, ?2, ?3, ?4)")
         .Bind(1, int64_t{account})
-        .Bind(2, ThisBoot())
-        .Bind(3, BootSeconds())
+        .Bind(2, counted.number)
+        .Bind(3, ThisBoot())
+        .Bind(4, BootSeconds())
         .Run();
-    counted.row = db.LastInsertId();
     transaction.Commit();
     return counted;
 }
@@ -326,7 +328,11 @@ MailTry CountMail(uint32_t account)
 void GiveBack(const MailTry& counted)
 {
     const WithoutSync unsynced;
-    SigninDatabase().Prepare("DELETE FROM code_mail WHERE id = ?1").Bind(1, counted.row).Run();
+    SigninDatabase()
+        .Prepare("DELETE FROM code_mail WHERE account = ?1 AND number = ?2")
+        .Bind(1, int64_t{counted.account})
+        .Bind(2, counted.number)
+        .Run();
 }
 
 void ForgetPasswords(std::string_view canonicalName)

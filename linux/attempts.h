@@ -89,7 +89,8 @@ inline constexpr int kMailsADay = 10;
 
 struct MailTry {
     int waitSeconds = 0; // above 0: it was not counted, and nothing is to be mailed
-    int64_t row = 0;     // for GiveBack
+    uint32_t account = 0;
+    int64_t number = 0; // for GiveBack
 };
 MailTry CountMail(uint32_t account);
 

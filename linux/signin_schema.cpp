@@ -145,6 +145,19 @@ INSERT INTO audit_by_number SELECT id, time, event, outcome, address, uid, detai
 DROP TABLE audit;
 ALTER TABLE audit_by_number RENAME TO audit;
 )",
+    // A code that is mailed is one row in one place, so that counting it is storing one page.
+    R"(
+CREATE TABLE code_mail_by_account (
+    account INTEGER NOT NULL,
+    number INTEGER NOT NULL,               -- random: none is one that was given back
+    boot TEXT NOT NULL,
+    at INTEGER NOT NULL,
+    PRIMARY KEY (account, number)
+) STRICT, WITHOUT ROWID;
+INSERT INTO code_mail_by_account SELECT account, id, boot, at FROM code_mail;
+DROP TABLE code_mail;
+ALTER TABLE code_mail_by_account RENAME TO code_mail;
+)",
 };
 
 } // namespace

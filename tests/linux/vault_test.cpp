@@ -105,6 +105,10 @@ CREATE TABLE second_step (account INTEGER PRIMARY KEY, failures INTEGER NOT NULL
 CREATE INDEX code_of_secret ON code (secret, position);
 CREATE TABLE audit (id INTEGER PRIMARY KEY AUTOINCREMENT, time INTEGER NOT NULL, event TEXT NOT NULL,
     outcome TEXT NOT NULL, address TEXT NOT NULL, uid INTEGER, detail TEXT NOT NULL, account TEXT NOT NULL) STRICT;
+CREATE TABLE code_mail (id INTEGER PRIMARY KEY AUTOINCREMENT, account INTEGER NOT NULL, boot TEXT NOT NULL,
+    at INTEGER NOT NULL) STRICT;
+CREATE INDEX code_mail_of_account ON code_mail (account);
+INSERT INTO code_mail VALUES (1, 1026, 'boot', 11), (2, 1027, 'boot', 12), (3, 1026, 'boot', 13);
 INSERT INTO audit VALUES (70, 1, 'signin', 'granted', '192.0.2.1', 1026, 'code', 'alice');
 INSERT INTO secret VALUES ('a', 1026, x'00', 'active', 7, NULL, '', 0), ('c', 1026, x'00', 'confirmed', 9, NULL, '', 0),
     ('w', 1026, x'00', 'waiting', -1, NULL, '', 0), ('b', 1027, x'00', 'active', 5, NULL, '', 0);
@@ -133,6 +137,10 @@ PRAGMA user_version = 6;)";
         std::vector<int64_t> audited;
         ForEachAuditRow({}, [&](const AuditRow& row) { audited.push_back(row.id); });
         EXPECT_EQ(std::vector<int64_t>{70}, audited);
+        Statement mailed = SigninDatabase().Prepare("SELECT group_concat(account || ' ' || boot || ' ' || "
+                                                    "at) FROM code_mail ORDER BY account, number");
+        ASSERT_TRUE(mailed.Step());
+        EXPECT_EQ("1026 boot 11,1026 boot 13,1027 boot 12", mailed.Text(0));
     });
 }
 
