@@ -54,7 +54,7 @@ DROP INDEX mail_of_recipient;
 CREATE INDEX mail_of_recipient ON mail (mark);
 )",
     // A state that is one of many would be looked up in a table that SQLite makes anew for each row that it
-    // writes, which takes as long as the row. Numbers go on from the last one that was given.
+    // writes, which takes as long as the row.
     R"(
 PRAGMA secure_delete=ON;
 CREATE TABLE mail_compared (
@@ -79,6 +79,33 @@ DELETE FROM sqlite_sequence WHERE name = 'mail_compared';
 INSERT INTO sqlite_sequence (name, seq) SELECT 'mail_compared', seq FROM sqlite_sequence WHERE name = 'mail';
 DROP TABLE mail;
 ALTER TABLE mail_compared RENAME TO mail;
+CREATE INDEX mail_due ON mail (due, id) WHERE state = 'waiting';
+CREATE INDEX mail_of_recipient ON mail (mark);
+CREATE INDEX mail_finished ON mail (id) WHERE state <> 'waiting';
+)",
+    // The newest row never goes, so no number comes again, and none need be stored beside the rows.
+    R"(
+PRAGMA secure_delete=ON;
+CREATE TABLE mail_numbered (
+    id INTEGER PRIMARY KEY,
+    state TEXT NOT NULL CHECK (state = 'waiting' OR state = 'sent' OR state = 'given_up' OR state = 'dropped'),
+    recipient BLOB NOT NULL,
+    mark BLOB NOT NULL,
+    content BLOB,
+    message_id TEXT NOT NULL,
+    date INTEGER NOT NULL,
+    boot TEXT NOT NULL,
+    at INTEGER NOT NULL,
+    due INTEGER NOT NULL,
+    waited INTEGER NOT NULL DEFAULT 0,
+    attempts INTEGER NOT NULL DEFAULT 0,
+    reply INTEGER NOT NULL DEFAULT 0,
+    answer TEXT NOT NULL DEFAULT ''
+) STRICT;
+INSERT INTO mail_numbered SELECT id, state, recipient, mark, content, message_id, date, boot, at, due, waited,
+    attempts, reply, answer FROM mail;
+DROP TABLE mail;
+ALTER TABLE mail_numbered RENAME TO mail;
 CREATE INDEX mail_due ON mail (due, id) WHERE state = 'waiting';
 CREATE INDEX mail_of_recipient ON mail (mark);
 CREATE INDEX mail_finished ON mail (id) WHERE state <> 'waiting';
@@ -131,7 +158,7 @@ bool HasTooMany(Database& db, const std::string& mark)
 // Inside the transaction that uses it.
 int64_t NextId(Database& db)
 {
-    Statement ask = db.Prepare("SELECT seq + 1 FROM sqlite_sequence WHERE name = 'mail'");
+    Statement ask = db.Prepare("SELECT coalesce(max(id), 0) + 1 FROM mail");
     return ask.Step() ? ask.Int(0) : 1;
 }
 

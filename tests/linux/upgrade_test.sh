@@ -11,7 +11,7 @@ sql() { as_service python3 -c 'import sqlite3, sys; c = sqlite3.connect(sys.argv
 version() { sql "$1" 'PRAGMA user_version'; }
 
 tavrctl setup >/dev/null
-declare -A present=([accounts]= [signin]= [mail]=) source=([accounts]=accounts [signin]=signin_schema [mail]=mail_queue) versions=([accounts]=3 [signin]=9 [mail]=3)
+declare -A present=([accounts]= [signin]= [mail]=) source=([accounts]=accounts [signin]=signin_schema [mail]=mail_queue) versions=([accounts]=3 [signin]=9 [mail]=4)
 for name in "${!present[@]}"; do
     present[$name]=$(old --shape $state/$name.db)
 done
