@@ -364,7 +364,8 @@ MailOutcome MailSender::OutcomeOf(CURLcode result) const
         return {refused ? Delivery::Refused : Delivery::Later, reply_, Clean(replyText_)};
     }
     if (refusedAddress_ && result == CURLE_COULDNT_CONNECT) {
-        return {Delivery::Later, 0, "the server stands on a private address"};
+        return {Delivery::Later, 0,
+                "the server stands on a private address, which the setting mail_private_servers may allow"};
     }
     const bool explained = error_[0] != 0;
     return {Delivery::Later, 0, Clean(explained ? error_ : curl_easy_strerror(result))};

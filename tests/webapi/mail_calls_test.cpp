@@ -309,7 +309,8 @@ TEST_F(MailCalls, ReachNoPrivateAddressUnlessTheSettingsAllowIt)
         AddMailAccount(*FindAccount("alice"), SinkAccount());
         const Json::Value answer = Call(SendParams());
         EXPECT_EQ(30, CodeIn(answer));
-        EXPECT_EQ("the server stands on a private address", answer["error"]["text"].asString());
+        EXPECT_EQ("the server stands on a private address, which the setting mail_private_servers may allow",
+                  answer["error"]["text"].asString());
     });
     EXPECT_TRUE(sink_->Commands().empty());
 }

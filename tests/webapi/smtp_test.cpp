@@ -358,7 +358,9 @@ TEST(SendMail, GoesToNoPrivateAddressOfAPersonalAccount)
         server.privateAddresses = false;
         const MailOutcome outcome = SendMail(server, SomeMail());
         EXPECT_EQ(Delivery::Later, outcome.delivery) << host;
-        EXPECT_EQ("the server stands on a private address", outcome.text) << host;
+        EXPECT_EQ("the server stands on a private address, which the setting mail_private_servers may allow",
+                  outcome.text)
+            << host;
     }
     EXPECT_TRUE(sink.Commands().empty());
 }
