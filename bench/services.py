@@ -1,8 +1,10 @@
 #!/usr/bin/python3
-"""The services at rest and at their start, with sockets handed over as systemd does it: from the start to the first answer
-beside lighttpd alone with a file, in turn; then, with nobody asking, what all of them hold (PSS) and the processor time
-that they take."""
+"""The services at rest and at their start, with sockets handed over as systemd does it: from the start of all of them at
+once to the first answer beside lighttpd alone with a file, in turn; then, with nobody asking, what all of them hold (PSS)
+and the processor time that they take."""
+import grp
 import os
+import pwd
 import shutil
 import socket
 import statistics
@@ -10,9 +12,9 @@ import subprocess
 import sys
 import time
 
-HANDED = os.path.join(os.path.dirname(os.path.realpath(__file__)), "handed")
+FIRST_ANSWER = os.path.join(os.path.dirname(os.path.realpath(__file__)), "first_answer")
 PORT = 8099
-ROUNDS = 15
+ROUNDS = 25
 IDLE_SECONDS = 10
 TICK = os.sysconf("SC_CLK_TCK")
 missed = False
@@ -20,14 +22,6 @@ missed = False
 
 def run(*command):
     subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
-
-
-def start(command, handed):
-    """`handed` is a listening socket or none."""
-    if handed:
-        command = (HANDED, str(handed.fileno()), *command)
-    return subprocess.Popen(command, env={**os.environ, "TAVR_PORT": str(PORT)}, stdout=subprocess.DEVNULL,
-                            stderr=subprocess.DEVNULL, pass_fds=[handed.fileno()] if handed else [])
 
 
 def listener(path):
@@ -38,30 +32,28 @@ def listener(path):
     made.listen(1024)
     shutil.chown(path, group="www-data")
     os.chmod(path, 0o660)
+    made.set_inheritable(True)
     return made
 
 
-def status_of(path):
-    try:
-        with socket.create_connection(("127.0.0.1", PORT), timeout=5) as asked:
-            asked.sendall(f"GET {path} HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n".encode())
-            return asked.recv(64).split(b" ")[1:2]
-    except OSError:
-        return []
+class Started:
+    """`commands`, with the seconds from their start to the first answer; they end with the block."""
 
+    def __init__(self, path, status, commands):
+        words = [word for command in commands for word in ("--", *command)]
+        self.helper = subprocess.Popen((FIRST_ANSWER, str(PORT), path, status, *words), close_fds=False,
+                                       env={**os.environ, "TAVR_PORT": str(PORT)}, text=True, stdin=subprocess.PIPE,
+                                       stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        microseconds, *self.pids = [int(word) for word in self.helper.stdout.readline().split()]
+        if microseconds < 0:
+            sys.exit(f"{commands} do not answer {path} with {status}")
+        self.seconds = microseconds / 1e6
 
-def seconds_to_answer(commands, path, status):
-    begun = time.perf_counter()
-    processes = [start(command, handed) for command, handed in commands]
-    while status_of(path) != [status]:
-        time.sleep(0.0005)
-    return time.perf_counter() - begun, processes
+    def __enter__(self):
+        return self
 
-
-def end(processes):
-    for process in reversed(processes):
-        process.terminate()
-        process.wait()
+    def __exit__(self, *_):
+        self.helper.communicate()
 
 
 def with_children(pids):
@@ -95,34 +87,33 @@ with open("/tmp/bare.conf", "w", encoding="ascii") as conf:
 os.makedirs("/tmp/bare", exist_ok=True)
 with open("/tmp/bare/file", "w", encoding="ascii") as file:
     file.write("a file\n")
-bare = [(("lighttpd", "-D", "-f", "/tmp/bare.conf"), None)]
-whole = [
-    (("tavr-webapid",), listener("/run/tavrscgi-fastapi.sock")),
-    (("tavr-otp-web",), listener("/run/tavr/otp-web.sock")),
-    (("lighttpd", "-D", "-f", "/usr/share/tavr-otp/lighttpd.conf"), None),
-]
+www = f"ids={pwd.getpwnam('www-data').pw_uid}:{grp.getgrnam('www-data').gr_gid}"   # as a service starts a web server
+sockets = [listener(path) for path in ("/run/tavrscgi-fastapi.sock", "/run/tavr/otp-web.sock")]
+bare = ("/file", "200", [(www, "lighttpd", "-D", "-f", "/tmp/bare.conf")])
+whole = ("/api/session", "401", [
+    (f"fd={sockets[0].fileno()}", "tavr-webapid"),
+    (f"fd={sockets[1].fileno()}", "tavr-otp-web"),
+    (www, "lighttpd", "-D", "-f", "/usr/share/tavr-otp/lighttpd.conf"),
+])
 
 floors, cases = [], []
 for _ in range(ROUNDS):
-    seconds, processes = seconds_to_answer(bare, "/file", b"200")
-    end(processes)
-    floors.append(seconds)
-    seconds, processes = seconds_to_answer(whole, "/api/session", b"401")
-    end(processes)
-    cases.append(seconds)
+    with Started(*bare) as started:
+        floors.append(started.seconds)
+    with Started(*whole) as started:
+        cases.append(started.seconds)
 ratio = statistics.median(case / floor for case, floor in zip(cases, floors))
 goal(f"start to first answer: {1000 * statistics.median(cases):.1f} ms, lighttpd alone "
      f"{1000 * statistics.median(floors):.1f} ms, ratio {ratio:.2f} (goal 2)", ratio <= 2)
 
-_, processes = seconds_to_answer(whole, "/api/session", b"401")
-time.sleep(1)
-pids = with_children([process.pid for process in processes])
-held = sum(pss_kib(pid) for pid in pids)
-goal(f"{len(pids)} processes hold {held / 1024:.1f} MiB (goal under 40)", held < 40 * 1024)
-before = sum(ticks(pid) for pid in pids)
-time.sleep(IDLE_SECONDS)
-taken = sum(ticks(pid) for pid in pids) - before
+with Started(*whole) as started:
+    time.sleep(1)
+    pids = with_children(started.pids)
+    held = sum(pss_kib(pid) for pid in pids)
+    goal(f"{len(pids)} processes hold {held / 1024:.1f} MiB (goal under 40)", held < 40 * 1024)
+    before = sum(ticks(pid) for pid in pids)
+    time.sleep(IDLE_SECONDS)
+    taken = sum(ticks(pid) for pid in pids) - before
 goal(f"idle for {IDLE_SECONDS} s: {taken} ticks of {1000 // TICK} ms, {100 * taken / TICK / IDLE_SECONDS:.2f} % of a processor "
      "(goal 0)", taken <= 1)
-end(processes)
 sys.exit(missed)
