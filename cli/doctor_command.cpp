@@ -11,6 +11,7 @@
 #include "linux/pam.h"
 #include "linux/paths.h"
 #include "linux/policy_file.h"
+#include "linux/session.h"
 #include "linux/settings.h"
 #include "linux/system_accounts.h"
 #include "linux/unix_socket.h"
@@ -581,7 +582,8 @@ std::string Parameter(const std::string& name, const std::string& value)
     return std::string{static_cast<char>(name.size()), static_cast<char>(value.size())} + name + value;
 }
 
-// Asks for /api/session as a web server does. Without a session the answer is 401.
+// Asks for /api/session as a web server does, with a cookie that is nobody's: it has to be looked up, and the
+// answer is 401.
 bool WebProgramAnswers()
 {
     constexpr char kBegin = 1;
@@ -589,7 +591,8 @@ bool WebProgramAnswers()
     constexpr char kInput = 5;
     const std::string request =
         Record(kBegin, std::string{0, 1, 0, 0, 0, 0, 0, 0}) + // as responder, one request on the connection
-        Record(kParameters, Parameter("REQUEST_METHOD", "GET") + Parameter("REQUEST_URI", "/api/session")) +
+        Record(kParameters, Parameter("REQUEST_METHOD", "GET") + Parameter("REQUEST_URI", "/api/session") +
+                                Parameter("HTTP_COOKIE", "sid=" + std::string(kIdentifierSize, '0'))) +
         Record(kParameters, "") + Record(kInput, "");
     const auto address = UnixAddress(kWebSocket);
     const EffectiveIds root = EffectiveIds::Root(); // the socket is the web server's

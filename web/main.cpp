@@ -1,5 +1,6 @@
 // tavr-otp-web: the parent. It stays root, opens the socket, keeps the workers running and serves nothing
 // itself.
+#include "web/databases.h"
 #include "web/server.h"
 
 #include "linux/daemon.h"
@@ -202,7 +203,7 @@ void Send(const std::vector<Worker>& workers, int signal)
     }
 }
 
-void KeepRunning(std::vector<Worker>& workers, tavr::web::Serving serving, const passwd& service,
+void KeepRunning(std::vector<Worker>& workers, const tavr::web::Serving& serving, const passwd& service,
                  const sigset_t& signals)
 {
     for (int signal = 0; signal != SIGTERM && signal != SIGINT;) {
@@ -210,7 +211,6 @@ void KeepRunning(std::vector<Worker>& workers, tavr::web::Serving serving, const
         for (Worker& worker : workers) {
             if (worker.pid == 0 && worker.next <= Clock::now()) {
                 StartWorker(worker, serving, service);
-                serving.start = tavr::web::Start::Again;
                 if (worker.pid < 0) {
                     syslog(LOG_ERR, "cannot start a worker: %m");
                     PutOff(worker);
@@ -271,12 +271,12 @@ int main(int argc, char** argv)
     sigprocmask(SIG_BLOCK, &signals, nullptr);
 
     tavr::Descriptor listener = Listen(options.socket, activated);
-    if (!tavr::MakePlaces(options.workers)) {
+    if (!tavr::MakePlaces(options.workers) || !tavr::web::MakeClearing()) {
         tavr::Die(std::string("cannot make a file in memory: ") + std::strerror(errno));
     }
     std::vector<Worker> workers(static_cast<size_t>(options.workers));
     const size_t mostMemory = static_cast<size_t>(options.memory) * 1024 * 1024;
-    KeepRunning(workers, {listener.Get(), tavr::web::Start::First, mostMemory}, service, signals);
+    KeepRunning(workers, {listener.Get(), mostMemory}, service, signals);
     listener = tavr::Descriptor();
     if (!activated) {
         unlink(options.socket.c_str());

@@ -51,7 +51,7 @@ inline constexpr Route kRoutes[] = {
      {},
      SignInEmergency},
     {"POST", "/api/signout", kPending | kSignedIn, kToken, kNotSignedIn, kLargestBody, {}, SignOut},
-    {"GET", "/api/session", kNobody | kPending | kSignedIn, kNoToken, kNotSignedIn, 0, {}, ShowSession},
+    {"GET", "/api/session", kPending | kSignedIn, kNoToken, kNotSignedIn, 0, {}, ShowSession},
     {"POST", "/api/otp/qr", kSetup, kToken, kNotSignedIn, kLargestBody, kQr, WizardQr},
     {"POST", "/api/otp/renew", kSignedIn, kToken, kNotSignedIn, kLargestBody, kRenew, WizardRenew},
     {"POST", "/api/otp/label", kSetup, kToken, kNotSignedIn, kLargestBody, kLabel, WizardLabel},

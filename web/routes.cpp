@@ -1,3 +1,4 @@
+#include "web/databases.h"
 #include "web/route_table.h"
 
 #include "linux/database.h"
@@ -75,6 +76,12 @@ std::optional<Answer> RefuseHeaders(const Route& route, const HttpRequest& reque
     return std::nullopt;
 }
 
+bool HasCookie()
+{
+    const Request& current = CurrentRequest();
+    return !current.sidCookie.empty() || !current.pendingCookie.empty();
+}
+
 // A cookie stands for what it is called: a half sign-in in the session's cookie is none, and the other way
 // round.
 void FindSessions(Call& call)
@@ -117,18 +124,12 @@ bool TokenMatches(const HttpRequest& request, const Session& session)
            sodium_memcmp(request.token.data(), session.token.data(), session.token.size()) == 0;
 }
 
-// Opened with lowered ids, before anything that raises them.
-void OpenDatabases()
-{
-    AccountsDatabase();
-    LocalAccountsDatabase();
-    SigninDatabase();
-}
-
 Answer ServeRoute(const Route& route, Call& call, const std::string& body)
 {
-    OpenDatabases();
-    FindSessions(call);
+    if (HasCookie() || (route.callers & kNobody) != 0) { // others are refused, whatever stands in a database
+        OpenDatabases();
+        FindSessions(call);
+    }
     if (std::optional<Answer> refusal = RefuseCaller(route, call)) {
         return std::move(*refusal);
     }

@@ -1,10 +1,10 @@
 #include "web/server.h"
 
+#include "web/databases.h"
 #include "web/route.h"
 
 #include "linux/audit.h"
 #include "linux/clock.h"
-#include "linux/database.h"
 #include "linux/enrolment.h"
 #include "linux/notices.h"
 #include "linux/request.h"
@@ -233,10 +233,33 @@ bool IsAskedToEnd()
     return stopping != 0 || (sigpending(&pending) == 0 && sigismember(&pending, SIGTERM) == 1);
 }
 
+bool SomebodyWaits(int listener)
+{
+    pollfd waiting{listener, POLLIN, 0};
+    return poll(&waiting, 1, 0) > 0;
+}
+
+// Once, at the first moment in which nobody waits. A worker without its databases serves all the same: each
+// request that needs them tries again, and says what is wrong.
+void OpenWhenIdle(int listener)
+{
+    static bool tried = false;
+    if (tried || SomebodyWaits(listener)) {
+        return;
+    }
+    tried = true;
+    try {
+        OpenDatabases();
+    } catch (const std::exception& error) {
+        syslog(LOG_ERR, "at the worker's start: %s", error.what());
+    }
+}
+
 // Waits for a connection with SIGTERM let in. A changed id clears the parent-death signal, so it is set anew
 // each time; a parent that died before that is noticed by its number.
 bool WaitForConnection(int listener, pid_t parent)
 {
+    OpenWhenIdle(listener);
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() != parent) {
         return false;
@@ -258,27 +281,12 @@ void ClearNowAndThen()
     last = BootSeconds();
     try {
         StartRequest();
-        LocalAccountsDatabase(); // who is gone from the system is seen gone, though nobody comes
+        OpenDatabases(); // of the system's accounts too: who is gone is seen gone, though nobody comes
         ClearWaiting(Clear::TooOld);
         ClearAudit();
         QueueNotices();
     } catch (const std::exception& error) {
         syslog(LOG_ERR, "cannot clear old state: %s", error.what());
-    }
-}
-
-// A worker without its databases serves all the same: each request tries again, and says what is wrong.
-void OpenDatabasesAtStart(Start start)
-{
-    try {
-        AccountsDatabase();
-        LocalAccountsDatabase();
-        SigninDatabase();
-        if (start == Start::First) {
-            ClearWaiting(Clear::All);
-        }
-    } catch (const std::exception& error) {
-        syslog(LOG_ERR, "at the worker's start: %s", error.what());
     }
 }
 
@@ -305,7 +313,6 @@ int ServeRequests(const Serving& serving)
     const pid_t parent = getppid();
     const Ids ids = ReadIds();
     StartRequest();
-    OpenDatabasesAtStart(serving.start);
 
     FCGX_Init();
     FCGX_Request fcgi;

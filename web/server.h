@@ -6,11 +6,8 @@
 namespace tavr::web
 {
 
-enum class Start { First, Again }; // First: this start of the program; Again: in place of a worker that died
-
 struct Serving {
     int listener;
-    Start start;
     std::size_t mostMemory; // bytes; a worker that holds more after a request ends, to be replaced
 };
 

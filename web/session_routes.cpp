@@ -23,11 +23,9 @@ Answer ShowSession(Call& call)
 {
     if (!call.live) {
         Answer answer = Refusal(401, "not_signed_in");
-        if (call.pending) {
-            answer.body["state"] = TextOf(call.pending->state);
-            answer.body["TavrToken"] = call.pending->token;
-            answer.body["user"] = call.pending->account.name;
-        }
+        answer.body["state"] = TextOf(call.pending->state);
+        answer.body["TavrToken"] = call.pending->token;
+        answer.body["user"] = call.pending->account.name;
         return answer;
     }
     const Session& session = *call.live;

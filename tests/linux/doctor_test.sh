@@ -141,6 +141,12 @@ broken 'named /root/one.pem /root/one.key; chmod 644 /root/one.key; tavrctl cert
 # --- Services ---
 stop() { kill "$1"; wait "$1" 2>/dev/null; true; }
 broken 'stop $web' start_web $'broken\tservices\ttavr-otp-web does not answer*systemctl status tavr-otp-web*'
+start_confined() {   # where it can change nothing of the state
+    unshare --mount sh -c 'mount --bind /var/lib/tavr /var/lib/tavr && mount -o remount,bind,ro /var/lib/tavr &&
+        exec tavr-otp-web --workers 1' & web=$!
+    until [ -S /run/tavr/otp-web.sock ]; do sleep 0.05; done
+}
+broken 'stop $web; start_confined' 'stop $web; start_web' $'broken\tservices\ttavr-otp-web does not answer*'
 broken 'stop $api' start_api $'broken\tservices\ttavr-webapid does not answer*'
 broken 'stop $lighttpd' start_lighttpd $'broken\tservices\ttavr-otp-lighttpd does not answer: port *'
 

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 #include <functional>
 #include <iterator>
 #include <string>
@@ -224,6 +225,21 @@ TEST_F(Routes, ServeEveryStateAsTheTableSays)
             }
         }
         std::printf("%d cells\n", cells);
+    });
+}
+
+TEST_F(Routes, RefuseWhoBringsNothingWhateverIsWrongWithTheDatabases)
+{
+    std::filesystem::create_directory("/var/lib/tavr/signin.db");
+    AsWorker([] {
+        const Somebody nobody;
+        Somebody stranger;
+        stranger.sid = std::string(kIdentifierSize, 'a');
+        EXPECT_EQ(kWho, Said(Ask(RequestOf("GET", "/api/session", nobody), "")));
+        EXPECT_EQ(kWho, Said(Ask(RequestOf("GET", "/api/enforce/option", nobody), "")));
+        EXPECT_EQ("503 otp_unavailable", Said(Ask(RequestOf("GET", "/api/session", stranger), "")));
+        EXPECT_EQ("503 otp_unavailable", Said(Ask(RequestOf("POST", "/api/signin", nobody),
+                                                  R"({"user": "alice", "password": "x"})")));
     });
 }
 
