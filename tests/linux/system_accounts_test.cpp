@@ -613,8 +613,8 @@ TEST_F(SystemAccounts, AndThoseOfTheEmbeddedStoreHaveNoSessionsFromBeforeAChange
     int toSecond[2];
     ASSERT_EQ(0, pipe(toFirst));
     ASSERT_EQ(0, pipe(toSecond));
-    const auto pass = [](const int (&to)[2]) { ASSERT_EQ(1, write(to[1], "x", 1)); };
-    const auto wait = [](const int (&at)[2]) {
+    const auto pass = [](const int(&to)[2]) { ASSERT_EQ(1, write(to[1], "x", 1)); };
+    const auto wait = [](const int(&at)[2]) {
         char turn = 0;
         ASSERT_EQ(1, read(at[0], &turn, 1));
     };
