@@ -337,6 +337,16 @@ std::optional<Account> FindAccount(uint32_t uid)
     return find.Step() ? std::optional(ReadAccount(find)) : std::nullopt;
 }
 
+std::optional<Addressee> FindAddressee(std::string_view canonicalName)
+{
+    Statement find = LocalAccountsDatabase().Prepare("SELECT uid, mail FROM account WHERE name = ?");
+    find.Bind(1, canonicalName);
+    if (!find.Step()) {
+        return std::nullopt;
+    }
+    return Addressee{static_cast<uint32_t>(find.Int(0)), find.Text(1)};
+}
+
 std::optional<Account> CheckPassword(std::string_view canonicalName, std::string_view password)
 {
     if (PasswordProblem(password) != nullptr) {

@@ -51,6 +51,13 @@ inline constexpr size_t kMaxDescription = 1024;
 std::optional<Account> FindAccount(std::string_view canonicalName);
 std::optional<Account> FindAccount(uint32_t uid);
 
+// What a mail to a local account needs, at half the cost of the whole account.
+struct Addressee {
+    uint32_t uid = 0;
+    std::string mail;
+};
+std::optional<Addressee> FindAddressee(std::string_view canonicalName);
+
 // The local account if the password is right, else empty. An unknown name and a disabled account cost the
 // work of a wrong password. An empty password, one beyond kMaxPassword and one that holds a NUL are never
 // right.

@@ -25,12 +25,11 @@ namespace
 
 // --- TAVR.Core.NormalUser ---
 
-void AnswerUser(const Account& account, const std::string& mail, const Reply& reply)
+void AnswerUser(const std::string& name, uint32_t uid, const std::string& mail, const Reply& reply)
 {
     // Written by hand: as a Json::Value it would take as long as the rest of the call.
     reply.Data(R"({"email":)" + Json::valueToQuotedString(mail.c_str()) + R"(,"name":)" +
-               Json::valueToQuotedString(account.name.c_str()) + R"(,"uid":)" + std::to_string(account.uid) +
-               '}');
+               Json::valueToQuotedString(name.c_str()) + R"(,"uid":)" + std::to_string(uid) + '}');
 }
 
 // A directory may take its time: it is asked on a thread of the transfers'.
@@ -56,7 +55,7 @@ void GetDirectoryUser(const LdapSettings& settings, const std::string& name, con
         }
         try {
             const Account account = Numbered(std::move(*lookUp->found));
-            AnswerUser(account, account.mail, reply);
+            AnswerUser(account.name, account.uid, account.mail, reply);
         } catch (const DatabaseError& error) {
             syslog(LOG_ERR, "accounts: %s", error.what());
             reply.Refuse(Code::Unavailable);
@@ -64,15 +63,17 @@ void GetDirectoryUser(const LdapSettings& settings, const std::string& name, con
     });
 }
 
-// What is asked of a domain's account is kept here, so the domain is not asked.
-void AnswerKeptUser(const std::string& name, const Reply& reply)
+void GetLocalUser(const std::string& name, const Reply& reply)
 {
-    const std::optional<Account> account = FindAccount(name);
-    if (!account) {
-        reply.Refuse(Code::NoAccount);
-        return;
-    }
-    AnswerUser(*account, IsDomainName(name) ? UserSettingsMail(*account) : account->mail, reply);
+    const std::optional<Addressee> user = FindAddressee(name);
+    user ? AnswerUser(name, user->uid, user->mail, reply) : reply.Refuse(Code::NoAccount);
+}
+
+// What is asked of a domain's account is kept here, so the domain is not asked.
+void GetDomainUser(const std::string& name, const Reply& reply)
+{
+    const std::optional<Account> user = FindAccount(name);
+    user ? AnswerUser(name, user->uid, UserSettingsMail(*user), reply) : reply.Refuse(Code::NoAccount);
 }
 
 void GetNormalUser(const Request& request, const Reply& reply, Tools& tools)
@@ -85,8 +86,10 @@ void GetNormalUser(const Request& request, const Reply& reply, Tools& tools)
         const auto name = CanonicalName(request.runner);
         if (name && IsLdapName(*name)) {
             GetDirectoryUser(*ReadLdapSettings(), *name, reply, tools);
-        } else if (name && (!IsDirectoryName(*name) || IsDomainName(*name))) {
-            AnswerKeptUser(*name, reply);
+        } else if (name && IsDomainName(*name)) {
+            GetDomainUser(*name, reply);
+        } else if (name && !IsDirectoryName(*name)) {
+            GetLocalUser(*name, reply);
         } else {
             reply.Refuse(Code::NoAccount); // no name, or of a directory that is not set up
         }
