@@ -57,7 +57,7 @@ inline void TakeWorkerIds(const passwd& service = ServiceUser())
             "ids");
 }
 
-// Folders and machine key as set-up makes them, then the ids of a web worker.
+// Folders, settings and machine key as set-up makes them, then the ids of a web worker.
 inline void BecomeWorker(const char* program)
 {
     PutStateOnDisk(program);
@@ -67,6 +67,10 @@ inline void BecomeWorker(const char* program)
         const bool config = folder == kConfigDir;
         Require(chown(folder, config ? 0 : service.pw_uid, config ? 0 : service.pw_gid) == 0, folder);
         Require(chmod(folder, config ? 0755 : 0700) == 0, folder);
+    }
+    std::ofstream(std::string(kConfigDir) + "/tavrinfo.conf") << "maillang=\"enu\"\n";
+    if (!std::filesystem::exists(kSettingsFile)) {
+        std::filesystem::create_symlink("tavr/tavrinfo.conf", kSettingsFile);
     }
     std::ofstream(kMachineKeyFile) << "tavr-machine-key-1 " << std::string(64, 'a') << '\n';
     Require(chown(kMachineKeyFile, 0, service.pw_gid) == 0 && chmod(kMachineKeyFile, 0440) == 0,
