@@ -5,6 +5,7 @@
 #include "linux/descriptor.h"
 
 #include <functional>
+#include <latch>
 #include <list>
 #include <map>
 #include <mutex>
@@ -45,6 +46,7 @@ private:
     };
 
     void Run();
+    void Tell(std::string_view moment);
     bool Serve(Caller& caller);
     void OnCommand(Caller& caller, std::string_view line);
     void OnMessage(Caller& caller, std::string_view message);
@@ -59,6 +61,7 @@ private:
     std::map<std::string, std::vector<std::string>> taken_;
     size_t count_ = 0;
     std::string last_;
+    std::latch started_{1};
     std::thread thread_;
 };
 
