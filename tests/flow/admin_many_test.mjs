@@ -80,7 +80,8 @@ test(`${number(kMany)} accounts are searched, paged, filtered and switched`, asy
   });
 });
 
-test("a worker that holds more memory than it may is replaced, with its answer out", async () => {
+const kNotThere = onSystem && "a worker that has just read the system's accounts may hold more than that already";
+test("a worker that holds more memory than it may is replaced, with its answer out", { skip: kNotThere }, async () => {
   const path = "/run/tavr/small.sock";
   const small = spawn("tavr-otp-web", ["--socket", path, "--workers", "1", "--memory", "1"], { stdio: "inherit" });
   after(() => small.kill("SIGTERM"));
